@@ -1,0 +1,206 @@
+#include "daemon/src/config/config.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <optional>
+
+#include "daemon/src/config/provider_options.h"
+#include "util/log.h"
+#include "util/str.h"
+#include "util/xml.h"
+
+const std::map<std::string, ::timeout_scale> timeout_scale_names = {
+    {"constant", ::timeout_scale::constant},
+    {"linear", ::timeout_scale::linear},
+    {"squared", ::timeout_scale::squared},
+    {"logarithmic", ::timeout_scale::logarithmic},
+};
+
+const std::map<std::string, database_backend_kind> database_backend_names = {
+    {"sqlite3", database_backend_kind::sqlite3},
+};
+
+std::string default_database_file() {
+  return vorn::str::wordexp(std::string(kDatabaseDirectory) + kDatabaseVersion +
+                            kDatabaseFileName);
+}
+
+namespace {
+
+constexpr const char* kLogSource = "daemon/src/config";
+
+// Looks up one key below any configuration element. Several matches are
+// reported and the first in document order is used.
+class KeyReader {
+ public:
+  KeyReader(xmlXPathContext* context, const char* path) : context_(context), path_(path) {}
+
+  const xmlNode* find(const char* key, const char* several_message) const {
+    std::vector<xmlNode*> nodes = vorn::xml::select(context_, std::string("//configuration/") + key);
+    if (nodes.empty()) {
+      return nullptr;
+    }
+    if (nodes.size() > 1) {
+      VORN_LOG(4) << several_message << path_ << "'. Using first one.";
+    }
+    return nodes.front();
+  }
+
+  std::optional<std::string> text(const char* key, const char* several_message) const {
+    const xmlNode* node = find(key, several_message);
+    if (node == nullptr) {
+      return std::nullopt;
+    }
+    return vorn::xml::text(node);
+  }
+
+  std::optional<double> number(const char* key, const char* several_message) const {
+    std::optional<std::string> value = text(key, several_message);
+    if (!value) {
+      return std::nullopt;
+    }
+    return vorn::xml::number(*value);
+  }
+
+  // Only the exact texts "true" and "false" are understood.
+  void boolean(const char* key, const char* several_message, bool& field) const {
+    std::optional<std::string> value = text(key, several_message);
+    if (!value) {
+      return;
+    }
+    if (*value == "true") {
+      field = true;
+    } else if (*value == "false") {
+      field = false;
+    } else {
+      VORN_LOG(4) << "Unrecognized value for " << key << ": '" << *value << "'.  Using default.";
+    }
+  }
+
+  const char* path() const { return path_; }
+
+ private:
+  xmlXPathContext* context_;
+  const char* path_;
+};
+
+// The first scale attribute of the first timeout element picks the scale.
+void read_timeout_scale(const xmlNode* timeout, daemon_config& config) {
+  int scales_seen = 0;
+  std::string scale;
+  for (const xmlAttr* attr = timeout->properties; attr != nullptr; attr = attr->next) {
+    if (xmlStrcmp(attr->name, reinterpret_cast<const xmlChar*>("scale")) != 0) {
+      continue;
+    }
+    if (++scales_seen == 1) {
+      scale = vorn::xml::text(reinterpret_cast<const xmlNode*>(attr));
+    } else {
+      VORN_LOG(4) << "Multiple scale attributes found for timeout "
+                  << "configuration. Using the first scale value.";
+    }
+  }
+  if (scales_seen == 0) {
+    return;
+  }
+  auto it = timeout_scale_names.find(scale);
+  if (it == timeout_scale_names.end()) {
+    VORN_LOG(4) << "timeout scaling option '" << scale << "' did not match "
+                << "known options. Using default scaling value.";
+    return;
+  }
+  config.timeout_scale = it->second;
+}
+
+void read_keys(const KeyReader& keys, daemon_config& config) {
+  using vorn::str::copy;
+  using vorn::str::wordexp;
+  using vorn::xml::to_integer;
+  using vorn::xml::to_integer_via_64;
+
+  if (auto v = keys.text("accumulate_host", "Multiple accumulate_host elements in '")) {
+    copy(config.accumulate_host, *v);
+  }
+  if (auto v = keys.text("accumulate_output_dir", "Multiple accumulate_output_dir elements in '")) {
+    copy(config.accumulate_output_dir, wordexp(*v));
+  }
+  if (auto v = keys.text("accumulate_port", "Multiple accumulate_port elements in '")) {
+    copy(config.accumulate_port, *v);
+  }
+  if (auto v = keys.number("broadcast_port", "Multiple broadcast_port elements in '")) {
+    config.broadcast_port = to_integer<int32_t>(*v);
+  }
+  if (auto v = keys.text("database_backend", "Multiple database_backend elements in '")) {
+    auto it = database_backend_names.find(*v);
+    if (it == database_backend_names.end()) {
+      VORN_LOG(4) << "Unknown database_backend element in '" << keys.path()
+                  << "'. Using the default instead.";
+    } else {
+      config.database_backend = it->second;
+    }
+  }
+  if (auto v = keys.text("database_file", "Multiple database_file elements in '")) {
+    config.database_file = wordexp(*v);
+  }
+  keys.boolean("enable_adhoc_clusters", "Multiple enable_adhoc_clusters elements in '",
+               config.enable_adhoc_clusters);
+  keys.boolean("enable_discovery", "Multiple enable_discovery elements in '",
+               config.enable_discovery);
+  if (auto v = keys.number("heartbeat_period", "Multiple heartbeat period elements in '")) {
+    config.heartbeat_period = to_integer_via_64<int32_t>(*v);
+  }
+  if (auto v = keys.text("network_interface", "Multiple network_interface elements in '")) {
+    config.network_interface = *v;
+  }
+  if (auto v = keys.text("network_partition", "Multiple network_partition elements in '")) {
+    config.network_partition = *v;
+  }
+  if (auto v = keys.text("provider_auxiliary_path",
+                         "Multiple provider_auxiliary_path elements in '")) {
+    copy(config.provider_auxiliary_path, wordexp(*v));
+  }
+  if (auto v = keys.text("provider_config_dir", "Multiple provider_config_dir elements in '")) {
+    copy(config.provider_config_dir, wordexp(*v));
+  }
+  if (auto v = keys.number("provider_loadavg", "Multiple loadavg elements in '")) {
+    config.provider_loadavg = *v;
+  }
+  if (auto v = keys.text("provider_output_dir", "Multiple provider_output_dir elements in '")) {
+    copy(config.provider_output_dir, wordexp(*v));
+  }
+  if (auto v = keys.number("provider_period", "Multiple period elements in '")) {
+    config.provider_period = to_integer_via_64<int32_t>(*v);
+  }
+  if (const xmlNode* timeout = keys.find("timeout", "Multipe timeout value elements in '")) {
+    config.timeout = to_integer<int64_t>(vorn::xml::number(vorn::xml::text(timeout)));
+    read_timeout_scale(timeout, config);
+  }
+}
+
+}  // namespace
+
+int read_config(daemon_config& config, const char* path) {
+  vorn::xml::Document doc;
+  vorn::xml::XPathContext context;
+  errno = 0;
+  if (::access(path, R_OK) == 0) {
+    doc = vorn::xml::parse_file(vorn::str::wordexp(path));
+    if (doc) {
+      context = vorn::xml::new_context(doc.get());
+    }
+  }
+  if (!context) {
+    int error = errno;
+    if (error != 0) {
+      VORN_LOG(3) << "Error reading config file '" << path << "' " << vorn::log::sys_error(error);
+      return error;
+    }
+    VORN_LOG(3) << "Error reading config file '" << path << "'";
+    return -1;
+  }
+
+  KeyReader keys(context.get(), path);
+  read_keys(keys, config);
+  read_provider_options(config, context.get());
+  return 0;
+}

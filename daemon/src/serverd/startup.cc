@@ -1,0 +1,92 @@
+#include "daemon/src/serverd/startup.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <string>
+
+#include "util/fs.h"
+#include "util/log.h"
+#include "util/str.h"
+
+namespace {
+constexpr const char* kLogSource = "daemon/src/serverd";
+}  // namespace
+
+const install_paths& installation() {
+  static const install_paths paths = [] {
+    install_paths p;
+    p.root = vorn::fs::abspath(vorn::str::dirname(vorn::fs::selfpath())) + "/../..";
+    p.provider_config_dir = p.root + "/provider/etc";
+    p.config_file = p.root + "/etc/vornd.xml";
+    p.provider_auxiliary_dir = p.root + "/provider/share";
+    return p;
+  }();
+  return paths;
+}
+
+void print_usage(const char* program, const daemon_options& options) {
+  std::printf("Usage: %s [-c file] [-h] [-l] [-n]\n", program);
+  std::puts("  -c file");
+  std::printf("     Configuration file [default = %s]\n",
+              vorn::fs::abspath(options.config_file).c_str());
+  std::puts("  -d\n     Enable debug mode");
+  std::puts("  -h\n     Print this help message and exit");
+  std::puts("  -n\n     Turn on daemon mode and run in background");
+  std::puts("  -P file");
+  std::puts("     PID file");
+}
+
+bool parse_command_line(int argc, char** argv, daemon_options& options) {
+  int opt;
+  while ((opt = ::getopt(argc, argv, "c:dhnP:")) != -1) {
+    switch (opt) {
+      case 'c':
+        options.config_file = optarg;
+        break;
+      case 'd':
+        options.debug_mode = true;
+        break;
+      case 'h':
+        print_usage(argv[0], options);
+        return false;
+      case 'n':
+        options.daemon_mode = true;
+        break;
+      case 'P':
+        // Made absolute now: daemon mode changes to "/" before the file is
+        // written, and a relative name must still mean the caller's directory.
+        options.pid_file = optarg[0] == '\0' ? "" : vorn::fs::abspath(optarg);
+        break;
+      default:
+        // getopt has already reported the unknown option.
+        break;
+    }
+  }
+  return true;
+}
+
+bool write_pid_file(const daemon_options& options, const daemon_config&) {
+  if (options.pid_file.empty()) {
+    VORN_LOG(4) << "PID file not set";
+    return false;
+  }
+  std::string directory = vorn::str::dirname(options.pid_file);
+  if (!vorn::fs::make_path(directory)) {
+    VORN_LOG(3) << "Could not create PID file output directory '" << directory << "'";
+    return false;
+  }
+  int fd = ::open(options.pid_file.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  if (fd < 0) {
+    VORN_LOG(3) << "Could not open PID file '" << options.pid_file << "'";
+    return false;
+  }
+  std::string text = std::to_string(::getpid()) + "\n";
+  bool written = ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+  ::close(fd);
+  if (!written) {
+    VORN_LOG(3) << "Could not write PID file '" << options.pid_file << "'";
+  }
+  return written;
+}

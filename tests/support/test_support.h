@@ -1,0 +1,77 @@
+#pragma once
+// Helpers shared by the tests: temporary directories, files, waiting on a
+// condition, and real processes started with their output kept in files.
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace vorn::test {
+
+using std::chrono::milliseconds;
+
+// A fresh directory under $TMPDIR (or /tmp), removed with its contents.
+class TempDir {
+ public:
+  TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+  ~TempDir();
+
+  const std::string& path() const { return path_; }
+  std::string operator/(const std::string& name) const { return path_ + "/" + name; }
+
+ private:
+  std::string path_;
+};
+
+std::string read_file(const std::string& path);
+void write_file(const std::string& path, const std::string& content, int mode = 0644);
+
+// Polls `condition` until it holds or the time is up; true when it held.
+bool wait_until(const std::function<bool()>& condition, milliseconds timeout);
+
+// A port on 127.0.0.1 that was free a moment ago (the kernel picked it).
+int free_tcp_port();
+
+// A daemon configuration file body: `keys` inside a configuration element,
+// with discovery switched off so that no test broadcasts.
+std::string config_xml(const std::string& keys);
+
+// A program run with fork and exec; standard output and error go to files in
+// `log_dir`. A test that fails prints both. The process is killed, if still
+// running, when the object goes.
+class Process {
+ public:
+  Process(const std::vector<std::string>& argv, const std::string& log_dir);
+  Process(const Process&) = delete;
+  Process& operator=(const Process&) = delete;
+  ~Process();
+
+  pid_t pid() const { return pid_; }
+  std::string out() const;
+  std::string err() const;
+
+  // True once standard error holds `text`.
+  bool wait_for_err(const std::string& text, milliseconds timeout = milliseconds(10000)) const;
+
+  // The exit status, 128 + signal number for a killed process, or -1 when it
+  // is still running after `timeout`.
+  int wait_exit(milliseconds timeout = milliseconds(10000));
+
+  void send_signal(int signal_number) const;
+
+ private:
+  std::string out_path_;
+  std::string err_path_;
+  pid_t pid_ = -1;
+  bool reaped_ = false;
+};
+
+// True while `pid` exists and is not a zombie.
+bool process_alive(pid_t pid);
+
+}  // namespace vorn::test

@@ -1,0 +1,62 @@
+#include "util/fs.h"
+
+#include <limits.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <vector>
+
+#include "util/log.h"
+
+namespace vorn::fs {
+
+namespace {
+constexpr const char* kLogSource = "util/fs";
+}  // namespace
+
+std::string selfpath() {
+  std::vector<char> buffer(PATH_MAX);
+  for (;;) {
+    ssize_t n = ::readlink("/proc/self/exe", buffer.data(), buffer.size());
+    if (n < 0) {
+      return {};
+    }
+    if (static_cast<size_t>(n) < buffer.size()) {
+      return std::string(buffer.data(), static_cast<size_t>(n));
+    }
+    buffer.resize(buffer.size() * 2);
+  }
+}
+
+std::string abspath(const std::string& path) {
+  if (!path.empty() && path[0] == '/') {
+    return path;
+  }
+  char* cwd = ::getcwd(nullptr, 0);
+  if (cwd == nullptr) {
+    return path;
+  }
+  std::string out(cwd);
+  std::free(cwd);
+  if (path.empty()) {
+    return out;
+  }
+  if (out.back() != '/') {
+    out += '/';
+  }
+  return out + path;
+}
+
+bool make_path(const std::string& path) {
+  if (::access(path.c_str(), F_OK) == 0) {
+    if (::access(path.c_str(), W_OK) == 0) {
+      return true;
+    }
+    VORN_LOG(3) << "path exists but is not accessible for writing: " << path;
+    return false;
+  }
+  std::string command = "mkdir -p " + path;
+  return std::system(command.c_str()) == 0;
+}
+
+}  // namespace vorn::fs

@@ -1,0 +1,46 @@
+#include "util/log.h"
+
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cstring>
+
+namespace vorn::log {
+
+int LOG_LEVEL = 7;
+int LOG_OUTPUT = 0;
+int LOG_SCOPE_LEVEL = 0;
+
+ErrorLog::ErrorLog(const char* source, const char* function, int line, int priority)
+    : source_(source), function_(function), line_(line), priority_(priority) {}
+
+ErrorLog::~ErrorLog() {
+  if (priority_ > LOG_LEVEL) {
+    return;
+  }
+  std::string message;
+  if (LOG_SCOPE_LEVEL >= 2) {
+    message += std::string(source_) + ":" + std::to_string(line_) + " ";
+  }
+  if (LOG_SCOPE_LEVEL >= 1) {
+    message += std::string(function_) + ": ";
+  }
+  message += text_.str();
+  if (LOG_OUTPUT == 1) {
+    ::syslog(priority_, "%s\n", message.c_str());
+    return;
+  }
+  message += '\n';
+  // One write per message keeps lines of concurrent threads apart.
+  ssize_t ignored = ::write(STDERR_FILENO, message.data(), message.size());
+  (void)ignored;
+}
+
+std::string sys_error(int error_number) {
+  char buffer[256];
+  // The GNU strerror_r returns the text, which need not be in the buffer.
+  const char* text = ::strerror_r(error_number, buffer, sizeof buffer);
+  return "(" + std::to_string(error_number) + "): " + text;
+}
+
+}  // namespace vorn::log

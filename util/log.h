@@ -1,0 +1,54 @@
+#pragma once
+// Log records of the daemon.
+//
+// A message is composed by streaming into an ErrorLog record; when the record
+// goes out of scope it is emitted as one unit, if its priority (a syslog
+// priority: 1 alert, 3 error, 4 warning, 5 notice, 6 info, 7 debug) is at most
+// LOG_LEVEL. With LOG_OUTPUT 1 it goes to syslog, with 0 to standard error
+// followed by a newline. LOG_SCOPE_LEVEL decides how much of the record's
+// origin is put in front of the text: 0 nothing, 1 the function, 2 also the
+// source and line.
+//
+// Thread safety: records may be emitted from any thread; each message is
+// written with one call, so lines never interleave. The three globals are set
+// once at start-up, before other threads exist.
+
+#include <sstream>
+#include <string>
+
+namespace vorn::log {
+
+extern int LOG_LEVEL;
+extern int LOG_OUTPUT;
+extern int LOG_SCOPE_LEVEL;
+
+class ErrorLog {
+ public:
+  ErrorLog(const char* source, const char* function, int line, int priority);
+  ErrorLog(const ErrorLog&) = delete;
+  ErrorLog& operator=(const ErrorLog&) = delete;
+  ~ErrorLog();
+
+  template <typename T>
+  ErrorLog& operator<<(const T& value) {
+    text_ << value;
+    return *this;
+  }
+
+ private:
+  const char* source_;
+  const char* function_;
+  int line_;
+  int priority_;
+  std::ostringstream text_;
+};
+
+// The tail of a failed system call's message: "(", the decimal error number,
+// "): " and the system's error text.
+std::string sys_error(int error_number);
+
+}  // namespace vorn::log
+
+// Starts a log record in the current function. Each source file defines
+// kLogSource, the module the message is reported from (e.g. "daemon/src/config").
+#define VORN_LOG(priority) ::vorn::log::ErrorLog(kLogSource, __func__, __LINE__, (priority))

@@ -1,0 +1,44 @@
+#pragma once
+// String helpers shared by every module of the daemon.
+//
+// All functions are pure except wordexp, which reads the environment; they may
+// be called from any thread (wordexp only from one thread at a time, as the C
+// library's wordexp is not reentrant).
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+namespace vorn::str {
+
+// Removes leading and trailing characters found in `chars`; an empty set means
+// white space (blank, tab, line feed, carriage return, form feed, vertical tab).
+std::string strip(std::string_view text, std::string_view chars = {});
+
+// ASCII upper case; other bytes are left alone.
+std::string upper(std::string_view text);
+
+// Directory part of a path with POSIX dirname(3) semantics: "a/b" -> "a",
+// "a" -> ".", "/a" -> "/", "a/b/" -> "a", "" -> ".".
+std::string dirname(std::string_view path);
+
+// Every occurrence of `from`, left to right and without rescanning replaced
+// text, becomes `to`. An empty `from` leaves the text unchanged.
+std::string replace(std::string_view text, std::string_view from, std::string_view to);
+
+// Shell-style expansion of "~", "$VAR" and "${VAR}". Command substitution is
+// refused, and text the expansion cannot handle (unbalanced quotes, "|", ";"
+// and other shell operators) is returned unchanged. Several resulting words are
+// joined by one blank, so a path that expands to words with blanks survives.
+std::string wordexp(std::string_view text);
+
+// Copies `text` into the fixed buffer and always terminates it; at most
+// size - 1 bytes are kept.
+void copy(char* buffer, std::size_t size, std::string_view text);
+
+template <std::size_t N>
+void copy(char (&buffer)[N], std::string_view text) {
+  copy(buffer, N, text);
+}
+
+}  // namespace vorn::str
