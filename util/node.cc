@@ -8,12 +8,12 @@ namespace vorn::node {
 
 namespace {
 constexpr const char* kLogSource = "util/node";
-constexpr const char* kRoleNames[] = {"compute", "head",    "login",   "storage", "boot",
+constexpr const char* kRoleNames[] = {"compute",   "head",    "login",   "storage", "boot",
                                       "scheduler", "gateway", "service", "monitor"};
 }  // namespace
 
 const std::map<std::string, int> role_str_map = {
-    {"compute", 0}, {"head", 1},    {"login", 2},   {"storage", 3}, {"boot", 4},
+    {"compute", 0},   {"head", 1},    {"login", 2},   {"storage", 3}, {"boot", 4},
     {"scheduler", 5}, {"gateway", 6}, {"service", 7}, {"monitor", 8},
 };
 

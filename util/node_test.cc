@@ -20,12 +20,12 @@ TEST(NodelistTest, Parse) {
     std::vector<std::string> want;
   } rows[] = {
       {"alpha\nbeta\ngamma\n", {"alpha", "beta", "gamma"}},  // file order kept
-      {"# header\n\n  \nalpha # trailing\n", {"alpha"}},       // comments and blank lines
-      {"alpha\nalpha", {"alpha", "alpha"}},                   // duplicates are two entries
-      {"  alpha compute  head\n", {"alpha"}},                  // roles after the name
-      {"n1 wizard\n", {"n1"}},                                // unknown role keeps the node
-      {"", {}},                                               // empty file
-      {"#only\n", {}},                                        // only a comment
+      {"# header\n\n  \nalpha # trailing\n", {"alpha"}},     // comments and blank lines
+      {"alpha\nalpha", {"alpha", "alpha"}},                  // duplicates are two entries
+      {"  alpha compute  head\n", {"alpha"}},                // roles after the name
+      {"n1 wizard\n", {"n1"}},                               // unknown role keeps the node
+      {"", {}},                                              // empty file
+      {"#only\n", {}},                                       // only a comment
   };
   for (const Row& r : rows) {
     vorn::node::Nodelist list;

@@ -90,8 +90,7 @@ std::string replace(std::string_view text, std::string_view from, std::string_vi
   }
   std::string out;
   size_t pos = 0;
-  for (size_t hit = text.find(from); hit != std::string_view::npos;
-       hit = text.find(from, pos)) {
+  for (size_t hit = text.find(from); hit != std::string_view::npos; hit = text.find(from, pos)) {
     out.append(text.substr(pos, hit - pos));
     out.append(to);
     pos = hit + from.size();

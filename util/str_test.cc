@@ -75,14 +75,14 @@ TEST(StrTest, Wordexp) {
     std::string in;
     std::string want;
   } rows[] = {
-      {"~/out", home + "/out"},                     // home directory
-      {"$VORN_TEST_DIR/db", "/data/vorn/db"},       // variable
-      {"${VORN_TEST_DIR}x", "/data/vornx"},         // braced variable
-      {"/plain/path", "/plain/path"},               // nothing to expand
-      {"$(touch /tmp/x)", "$(touch /tmp/x)"},       // commands are never run
-      {"a;b", "a;b"},                               // shell operators: unchanged
-      {"\"unbalanced", "\"unbalanced"},             // syntax error: unchanged
-      {"", ""},                                     // empty
+      {"~/out", home + "/out"},                // home directory
+      {"$VORN_TEST_DIR/db", "/data/vorn/db"},  // variable
+      {"${VORN_TEST_DIR}x", "/data/vornx"},    // braced variable
+      {"/plain/path", "/plain/path"},          // nothing to expand
+      {"$(touch /tmp/x)", "$(touch /tmp/x)"},  // commands are never run
+      {"a;b", "a;b"},                          // shell operators: unchanged
+      {"\"unbalanced", "\"unbalanced"},        // syntax error: unchanged
+      {"", ""},                                // empty
   };
   for (const Row& r : rows) {
     EXPECT_EQ(vorn::str::wordexp(r.in), r.want) << "input '" << r.in << "'";

@@ -22,8 +22,8 @@ void init_once() {
 
 Document parse_file(const std::string& path) {
   init_once();
-  return Document(xmlReadFile(path.c_str(), nullptr, XML_PARSE_NONET | XML_PARSE_NOERROR |
-                                                          XML_PARSE_NOWARNING));
+  return Document(xmlReadFile(path.c_str(), nullptr,
+                              XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING));
 }
 
 XPathContext new_context(xmlDoc* doc) {

@@ -9,7 +9,7 @@ namespace {
 using vorn::xml::to_integer;
 
 TEST(XmlTest, ToIntegerIsDefinedForEveryDouble) {
-  EXPECT_EQ(to_integer<int32_t>(vorn::xml::number("12.9")), 12);   // truncation
+  EXPECT_EQ(to_integer<int32_t>(vorn::xml::number("12.9")), 12);    // truncation
   EXPECT_EQ(to_integer<int32_t>(vorn::xml::number(" -7.5 ")), -7);  // toward zero
   EXPECT_EQ(to_integer<int32_t>(vorn::xml::number("abc")), 0);      // NaN
   EXPECT_EQ(to_integer<int32_t>(1e12), INT32_MAX);                  // saturates high

@@ -22,8 +22,8 @@ namespace vorn::test {
 
 TempDir::TempDir() {
   const char* base = std::getenv("TMPDIR");
-  std::string pattern = std::string(base != nullptr && *base != '\0' ? base : "/tmp") +
-                        "/vorn-test.XXXXXX";
+  std::string pattern =
+      std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/vorn-test.XXXXXX";
   std::vector<char> buffer(pattern.begin(), pattern.end());
   buffer.push_back('\0');
   if (::mkdtemp(buffer.data()) == nullptr) {
@@ -132,8 +132,12 @@ Process::~Process() {
   }
 }
 
-std::string Process::out() const { return read_file(out_path_); }
-std::string Process::err() const { return read_file(err_path_); }
+std::string Process::out() const {
+  return read_file(out_path_);
+}
+std::string Process::err() const {
+  return read_file(err_path_);
+}
 
 bool Process::wait_for_err(const std::string& text, milliseconds timeout) const {
   return wait_until([&] { return err().find(text) != std::string::npos; }, timeout);
@@ -144,8 +148,7 @@ int Process::wait_exit(milliseconds timeout) {
     return -1;
   }
   int status = 0;
-  bool ended = wait_until(
-      [&] { return ::waitpid(pid_, &status, WNOHANG) == pid_; }, timeout);
+  bool ended = wait_until([&] { return ::waitpid(pid_, &status, WNOHANG) == pid_; }, timeout);
   if (!ended) {
     return -1;
   }
@@ -156,7 +159,9 @@ int Process::wait_exit(milliseconds timeout) {
   return WEXITSTATUS(status);
 }
 
-void Process::send_signal(int signal_number) const { ::kill(pid_, signal_number); }
+void Process::send_signal(int signal_number) const {
+  ::kill(pid_, signal_number);
+}
 
 bool process_alive(pid_t pid) {
   std::string stat = read_file("/proc/" + std::to_string(pid) + "/stat");

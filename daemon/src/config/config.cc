@@ -22,8 +22,7 @@ const std::map<std::string, database_backend_kind> database_backend_names = {
 };
 
 std::string default_database_file() {
-  return vorn::str::wordexp(std::string(kDatabaseDirectory) + kDatabaseVersion +
-                            kDatabaseFileName);
+  return vorn::str::wordexp(std::string(kDatabaseDirectory) + kDatabaseVersion + kDatabaseFileName);
 }
 
 namespace {
@@ -37,7 +36,8 @@ class KeyReader {
   KeyReader(xmlXPathContext* context, const char* path) : context_(context), path_(path) {}
 
   const xmlNode* find(const char* key, const char* several_message) const {
-    std::vector<xmlNode*> nodes = vorn::xml::select(context_, std::string("//configuration/") + key);
+    std::vector<xmlNode*> nodes =
+        vorn::xml::select(context_, std::string("//configuration/") + key);
     if (nodes.empty()) {
       return nullptr;
     }
@@ -155,8 +155,8 @@ void read_keys(const KeyReader& keys, daemon_config& config) {
   if (auto v = keys.text("network_partition", "Multiple network_partition elements in '")) {
     config.network_partition = *v;
   }
-  if (auto v = keys.text("provider_auxiliary_path",
-                         "Multiple provider_auxiliary_path elements in '")) {
+  if (auto v =
+          keys.text("provider_auxiliary_path", "Multiple provider_auxiliary_path elements in '")) {
     copy(config.provider_auxiliary_path, wordexp(*v));
   }
   if (auto v = keys.text("provider_config_dir", "Multiple provider_config_dir elements in '")) {

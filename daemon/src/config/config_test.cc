@@ -200,8 +200,8 @@ TEST(ReadConfigTest, EveryDuplicateIsReportedAndFirstWins) {
     read_xml(in_configuration("<" + key + ">" + row.first + "</" + key + ">"), first, dir);
 
     daemon_config twice;
-    ReadResult r = read_xml(in_configuration("<" + key + ">" + row.first + "</" + key + "><" +
-                                             key + ">2</" + key + ">"),
+    ReadResult r = read_xml(in_configuration("<" + key + ">" + row.first + "</" + key + "><" + key +
+                                             ">2</" + key + ">"),
                             twice, dir);
     ASSERT_EQ(r.status, 0);
     EXPECT_EQ(r.log, std::string(row.message) + (dir / "vornd.xml") + "'. Using first one.\n");

@@ -20,7 +20,9 @@ std::vector<const xmlNode*> element_children(const xmlNode* parent) {
   return out;
 }
 
-std::string node_name(const xmlNode* node) { return reinterpret_cast<const char*>(node->name); }
+std::string node_name(const xmlNode* node) {
+  return reinterpret_cast<const char*>(node->name);
+}
 
 // Appends the option's assignment to `environment`, unless its value would
 // break the shell quoting.

@@ -14,8 +14,10 @@ TEST(ProviderOptionsTest, OptionSets) {
   } rows[] = {
       {"common options only give the set default",
        "<stream><threads> 8 </threads><size>1M</size></stream>",
-       {{"STREAM", {{"default", "VORN_PROVIDER_STREAM_THREADS=\"8\" "
-                                "VORN_PROVIDER_STREAM_SIZE=\"1M\" "}}}},
+       {{"STREAM",
+         {{"default",
+           "VORN_PROVIDER_STREAM_THREADS=\"8\" "
+           "VORN_PROVIDER_STREAM_SIZE=\"1M\" "}}}},
        ""},
       {"named sets end with the common options, no default",
        "<p><optionset id=\"b\"><x>2</x></optionset><c>3</c>"
@@ -37,7 +39,8 @@ TEST(ProviderOptionsTest, OptionSets) {
        "<Disk><a>1</a></Disk><DISK><b>2</b></DISK>",
        {{"DISK", {{"default", "VORN_PROVIDER_DISK_B=\"2\" "}}}},
        ""},
-      {"a provider without options still gets an empty default", "<idle/>",
+      {"a provider without options still gets an empty default",
+       "<idle/>",
        {{"IDLE", {{"default", ""}}}},
        ""},
       {"a repeated set id keeps the later set",

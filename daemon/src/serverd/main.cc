@@ -1,3 +1,5 @@
 #include "daemon/src/serverd/serverd.h"
 
-int main(int argc, char** argv) { return serverd_main(argc, argv); }
+int main(int argc, char** argv) {
+  return serverd_main(argc, argv);
+}

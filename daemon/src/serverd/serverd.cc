@@ -76,8 +76,8 @@ int serverd_main(int argc, char** argv) {
   }
 
   if (!vorn::fs::make_path(config.accumulate_output_dir)) {
-    VORN_LOG(3) << "Could not create accumulate output directory '"
-                << config.accumulate_output_dir << "', aborting";
+    VORN_LOG(3) << "Could not create accumulate output directory '" << config.accumulate_output_dir
+                << "', aborting";
     return 1;
   }
 

@@ -26,8 +26,8 @@ class ServerdTest : public testing::Test {
   // A configuration that keeps every file of the server inside the test's directory.
   std::string write_config(const std::string& extra_keys = "") {
     std::string path = dir_ / "vornd.xml";
-    vorn::test::write_file(path, vorn::test::config_xml(
-                                     "<accumulate_output_dir>" + (dir_ / "acc") +
+    vorn::test::write_file(
+        path, vorn::test::config_xml("<accumulate_output_dir>" + (dir_ / "acc") +
                                      "</accumulate_output_dir>\n<database_file>" +
                                      (dir_ / "db/vorn.db") + "</database_file>\n" + extra_keys));
     return path;
@@ -56,8 +56,7 @@ std::string expected_usage(const std::string& program, const std::string& config
 }
 
 TEST_F(ServerdTest, UsageText) {
-  const std::string install_default =
-      vorn::str::dirname(kServerd) + "/../../etc/vornd.xml";
+  const std::string install_default = vorn::str::dirname(kServerd) + "/../../etc/vornd.xml";
   char cwd[4096];
   ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
   struct Row {
@@ -66,7 +65,8 @@ TEST_F(ServerdTest, UsageText) {
     std::string shown_default;
   } rows[] = {
       {"plain -h shows the installation's file", {"-h"}, install_default},
-      {"-c before -h changes the default", {"-c", "other.xml", "-h"},
+      {"-c before -h changes the default",
+       {"-c", "other.xml", "-h"},
        std::string(cwd) + "/other.xml"},
       {"-c after -h is never read", {"-h", "-c", "other.xml"}, install_default},
       {"an unknown option does not stop parsing", {"-x", "-h"}, install_default},
@@ -97,8 +97,8 @@ TEST_F(ServerdTest, StartsWritesPidFileAndStopsOnSignal) {
 }
 
 TEST_F(ServerdTest, WithoutPidFileItWarnsAndRuns) {
-  for (std::vector<std::string> pid_args : {std::vector<std::string>{},
-                                            std::vector<std::string>{"-P", ""}}) {
+  for (std::vector<std::string> pid_args :
+       {std::vector<std::string>{}, std::vector<std::string>{"-P", ""}}) {
     std::vector<std::string> args = {"-d", "-c", write_config()};
     args.insert(args.end(), pid_args.begin(), pid_args.end());
     auto p = start(args);
@@ -110,11 +110,10 @@ TEST_F(ServerdTest, WithoutPidFileItWarnsAndRuns) {
 }
 
 TEST_F(ServerdTest, NormalModeLogsOnlyToSyslog) {
-  auto p = start({"-c", write_config("<enable_adhoc_clusters>yes</enable_adhoc_clusters>"),
-                  "-P", dir_ / "pid"});
-  ASSERT_TRUE(vorn::test::wait_until(
-      [&] { return !vorn::test::read_file(dir_ / "pid").empty(); },
-      vorn::test::milliseconds(10000)));
+  auto p = start({"-c", write_config("<enable_adhoc_clusters>yes</enable_adhoc_clusters>"), "-P",
+                  dir_ / "pid"});
+  ASSERT_TRUE(vorn::test::wait_until([&] { return !vorn::test::read_file(dir_ / "pid").empty(); },
+                                     vorn::test::milliseconds(10000)));
   p->send_signal(SIGTERM);
   EXPECT_EQ(p->wait_exit(), 0);
   EXPECT_EQ(p->err(), "");
@@ -145,11 +144,17 @@ TEST_F(ServerdTest, StartupFailures) {
     int want_status;
     std::string want_err;
   } rows[] = {
-      {"missing configuration file: ENOENT", {"-d", "-c", dir_ / "none.xml"}, 2,
+      {"missing configuration file: ENOENT",
+       {"-d", "-c", dir_ / "none.xml"},
+       2,
        "Error reading config file '" + (dir_ / "none.xml") + "' (2): No such file or directory"},
-      {"unparsable configuration file", {"-d", "-c", dir_ / "broken.xml"}, 255,
+      {"unparsable configuration file",
+       {"-d", "-c", dir_ / "broken.xml"},
+       255,
        "Error reading config file '" + (dir_ / "broken.xml") + "'"},
-      {"PID file below a plain file", {"-d", "-c", config, "-P", not_a_dir + "/x.pid"}, 1,
+      {"PID file below a plain file",
+       {"-d", "-c", config, "-P", not_a_dir + "/x.pid"},
+       1,
        "Could not open PID file '" + not_a_dir + "/x.pid'"},
   };
   for (const Row& row : rows) {
@@ -168,9 +173,9 @@ TEST_F(ServerdTest, AccumulateDirectoryThatCannotBeMade) {
                                                       "/acc</accumulate_output_dir>"));
   auto p = start({"-d", "-c", path});
   EXPECT_EQ(p->wait_exit(), 1);
-  EXPECT_NE(p->err().find("Could not create accumulate output directory '" + blocker +
-                          "/acc', aborting"),
-            std::string::npos);
+  EXPECT_NE(
+      p->err().find("Could not create accumulate output directory '" + blocker + "/acc', aborting"),
+      std::string::npos);
 }
 
 TEST_F(ServerdTest, PidFileInReadOnlyDirectory) {
@@ -191,8 +196,8 @@ TEST_F(ServerdTest, DaemonModeWritesTheDetachedChildsPid) {
   std::string pid_file = dir_ / "vorn.pid";
   auto p = start({"-n", "-c", write_config(), "-P", pid_file});
   EXPECT_EQ(p->wait_exit(), 0) << "the starting process returns at once";
-  ASSERT_TRUE(vorn::test::wait_until(
-      [&] { return !vorn::test::read_file(pid_file).empty(); }, vorn::test::milliseconds(10000)));
+  ASSERT_TRUE(vorn::test::wait_until([&] { return !vorn::test::read_file(pid_file).empty(); },
+                                     vorn::test::milliseconds(10000)));
   pid_t child = std::stoi(vorn::test::read_file(pid_file));
   EXPECT_NE(child, p->pid());
   EXPECT_TRUE(vorn::test::process_alive(child));
