@@ -7,8 +7,11 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 
 #include "daemon/src/config/config.h"
+#include "daemon/src/database/database.h"
+#include "daemon/src/serverd/accumulate_server.h"
 #include "daemon/src/serverd/daemon_options.h"
 #include "daemon/src/serverd/startup.h"
 #include "util/fs.h"
@@ -20,17 +23,28 @@ namespace {
 constexpr const char* kLogSource = "daemon/src/serverd";
 constexpr size_t kMaxDirectory = 4096;
 
-// Serves until SIGINT or SIGTERM arrives.
-void serve(const daemon_options&, const daemon_config&) {
-  sigset_t stop_signals;
-  sigemptyset(&stop_signals);
-  sigaddset(&stop_signals, SIGINT);
-  sigaddset(&stop_signals, SIGTERM);
-  pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
-  VORN_LOG(5) << "Server running; waiting for SIGINT or SIGTERM";
-  int signal_number = 0;
-  sigwait(&stop_signals, &signal_number);
-  VORN_LOG(5) << "Received SIGINT / SIGTERM. Cleaning up and stopping...";
+std::atomic<bool>* stop_flag = nullptr;
+volatile sig_atomic_t stop_signals = 0;
+
+// The first SIGINT or SIGTERM lets the accumulate server store what is
+// already on its way; a second one stops it at once through CZMQ's flag.
+void on_stop_signal(int) {
+  if (stop_signals++ == 0) {
+    stop_flag->store(false);
+  } else {
+    zsys_interrupted = 1;
+  }
+}
+
+void install_stop_handler(daemon_options& options) {
+  // CZMQ would otherwise install its own handler when its first socket is made.
+  zsys_handler_set(nullptr);
+  stop_flag = &options.running;
+  struct sigaction action {};
+  action.sa_handler = on_stop_signal;
+  sigemptyset(&action.sa_mask);
+  sigaction(SIGINT, &action, nullptr);
+  sigaction(SIGTERM, &action, nullptr);
 }
 
 void open_syslog(bool debug_mode) {
@@ -50,6 +64,8 @@ void open_syslog(bool debug_mode) {
 int serverd_main(int argc, char** argv) {
   daemon_config config;
   daemon_options options;
+
+  install_stop_handler(options);
 
   const install_paths& paths = installation();
   options.config_file = paths.config_file;
@@ -81,10 +97,31 @@ int serverd_main(int argc, char** argv) {
     return 1;
   }
 
-  if (options.daemon_mode && ::daemon(0, 0) != 0) {
-    int error = errno;
-    std::printf("Error starting daemon (%d): %s\n", error, std::strerror(error));
+  std::string database_directory = vorn::str::dirname(config.database_file);
+  if (!vorn::fs::make_path(database_directory)) {
+    VORN_LOG(3) << "Could not create database output directory '" << database_directory
+                << "', aborting";
     return 1;
+  }
+
+  std::unique_ptr<database> store = open_database(&config);
+  if (!store) {
+    return 1;
+  }
+
+  if (options.daemon_mode) {
+    if (::daemon(0, 0) != 0) {
+      int error = errno;
+      std::printf("Error starting daemon (%d): %s\n", error, std::strerror(error));
+      return 1;
+    }
+    // An SQLite connection must not cross fork(): its file locks stay with
+    // the parent. The detached child opens its own.
+    store.reset();
+    store = open_database(&config);
+    if (!store) {
+      return 1;
+    }
   }
 
   if (!config.enable_discovery) {
@@ -95,8 +132,13 @@ int serverd_main(int argc, char** argv) {
     return 1;
   }
 
-  serve(options, config);
+  bool served = run_accumulate_server(options, config, store.get());
 
   closelog();
-  return 0;
+  store.reset();
+  options.beacon_pipe.reset();
+  options.beacon.reset();
+  // The options and the configuration go with this frame.
+  // A server that could not start is a failure, not an orderly stop.
+  return served ? 0 : 1;
 }

@@ -8,7 +8,10 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <thread>
 
+#include "daemon/src/provider/sender.h"
+#include "tests/support/results.h"
 #include "tests/support/test_support.h"
 #include "util/fs.h"
 #include "util/str.h"
@@ -19,18 +22,28 @@ using vorn::test::Process;
 using vorn::test::TempDir;
 
 const std::string kServerd = VORN_SERVERD_PATH;
-const std::string kReady = "Server running";
+const std::string kReady = "Accumulate server started and subscribing to 'ACCUMULATE vorn3'";
 
 class ServerdTest : public testing::Test {
  protected:
   // A configuration that keeps every file of the server inside the test's directory.
   std::string write_config(const std::string& extra_keys = "") {
     std::string path = dir_ / "vornd.xml";
-    vorn::test::write_file(
-        path, vorn::test::config_xml("<accumulate_output_dir>" + (dir_ / "acc") +
-                                     "</accumulate_output_dir>\n<database_file>" +
-                                     (dir_ / "db/vorn.db") + "</database_file>\n" + extra_keys));
+    std::string keys = "<accumulate_port>" + std::to_string(port_) + "</accumulate_port>\n" +
+                       "<accumulate_output_dir>" + (dir_ / "acc") + "</accumulate_output_dir>\n" +
+                       "<database_file>" + db_path() + "</database_file>\n" + extra_keys;
+    vorn::test::write_file(path, vorn::test::config_xml(keys));
     return path;
+  }
+
+  std::string db_path() const { return dir_ / "db/vorn.db"; }
+
+  // A publisher that has completed the acknowledgement handshake.
+  vorn::czmq::Socket connect_sender() const {
+    auto publisher = connect_result_publisher("tcp://127.0.0.1:" + std::to_string(port_));
+    EXPECT_TRUE(publisher);
+    EXPECT_TRUE(request_pub_ack(publisher.get(), sender_config_, "127.0.0.1", 10000));
+    return publisher;
   }
 
   std::unique_ptr<Process> start(std::vector<std::string> args) {
@@ -39,6 +52,8 @@ class ServerdTest : public testing::Test {
   }
 
   TempDir dir_;
+  int port_ = vorn::test::free_tcp_port();
+  daemon_config sender_config_;
 };
 
 std::string expected_usage(const std::string& program, const std::string& config) {
@@ -227,6 +242,163 @@ TEST_F(ServerdTest, TooDeepInstallationStopsBeforeLogging) {
             "The binary is located in a directory that is too deep for this tool to function "
             "properly\n");
   EXPECT_EQ(p.err(), "");
+}
+
+TEST_F(ServerdTest, StoresResultsFromSeveralSenders) {
+  auto server = start({"-d", "-c", write_config()});
+  ASSERT_TRUE(server->wait_for_err(kReady));
+  constexpr int kSenders = 3;
+  constexpr int kEach = 200;
+  std::vector<std::thread> senders;
+  for (int s = 0; s < kSenders; ++s) {
+    senders.emplace_back([&, s] {
+      auto publisher = connect_sender();
+      for (int i = 0; i < kEach; ++i) {
+        provider_result r = vorn::test::sample_result("sender" + std::to_string(s),
+                                                      vorn::test::all_bytes(), "e", "n1, n2");
+        EXPECT_EQ(send_result(r, sender_config_, publisher.get()), 1);
+      }
+    });
+  }
+  for (auto& t : senders) {
+    t.join();
+  }
+  ASSERT_TRUE(
+      vorn::test::wait_until([&] { return vorn::test::count_rows(db_path()) == kSenders * kEach; },
+                             vorn::test::milliseconds(20000)));
+  server->send_signal(SIGTERM);
+  EXPECT_EQ(server->wait_exit(), 0);
+  auto rows = vorn::test::query(
+      db_path(),
+      "SELECT Provider, count(*), min(length(STDOUT)), max(length(STDOUT)) FROM vorn_1 "
+      "GROUP BY Provider");
+  ASSERT_EQ(rows.size(), 3u);
+  for (const auto& row : rows) {
+    EXPECT_EQ(row[1], std::to_string(kEach));
+    EXPECT_EQ(row[2], "512");
+    EXPECT_EQ(row[3], "512");
+  }
+}
+
+TEST_F(ServerdTest, SigtermDrainsResultsInFlight) {
+  auto server = start({"-c", write_config()});
+  ASSERT_TRUE(vorn::test::wait_until([&] { return vorn::test::count_rows(db_path()) == 0; },
+                                     vorn::test::milliseconds(10000)));
+  auto publisher = connect_sender();
+  constexpr int kResults = 20000;
+  for (int i = 0; i < kResults; ++i) {
+    ASSERT_EQ(send_result(vorn::test::sample_result("flood", std::string(1024, 'o')),
+                          sender_config_, publisher.get()),
+              1);
+  }
+  // Most results are still queued between the sockets when the signal comes.
+  server->send_signal(SIGTERM);
+  long stored_at_signal = vorn::test::count_rows(db_path());
+  EXPECT_EQ(server->wait_exit(vorn::test::milliseconds(60000)), 0);
+  EXPECT_EQ(vorn::test::count_rows(db_path()), kResults)
+      << stored_at_signal << " were stored at the signal";
+}
+
+TEST_F(ServerdTest, SecondSignalStopsAtOnce) {
+  auto server = start({"-d", "-c", write_config()});
+  ASSERT_TRUE(server->wait_for_err(kReady));
+  auto publisher = connect_sender();
+  // A steady trickle keeps a draining server busy for as long as it lasts.
+  std::atomic<bool> sending{true};
+  std::thread trickle([&] {
+    while (sending) {
+      send_result(vorn::test::sample_result("trickle", "x"), sender_config_, publisher.get());
+      std::this_thread::sleep_for(vorn::test::milliseconds(10));
+    }
+  });
+  ASSERT_TRUE(vorn::test::wait_until([&] { return vorn::test::count_rows(db_path()) > 0; },
+                                     vorn::test::milliseconds(10000)));
+  server->send_signal(SIGTERM);
+  bool drained = server->wait_for_err("Draining queue of accumulated data providers");
+  int early_exit = server->wait_exit(vorn::test::milliseconds(300));
+  server->send_signal(SIGINT);
+  int status = server->wait_exit();
+  sending = false;
+  trickle.join();
+  EXPECT_TRUE(drained);
+  EXPECT_EQ(early_exit, -1) << "a draining server waits for a quiet socket";
+  EXPECT_EQ(status, 0);
+  EXPECT_NE(server->err().find("Received SIGINT / SIGTERM. Cleaning up and stopping..."),
+            std::string::npos);
+}
+
+TEST_F(ServerdTest, BadMessagesNeitherStopTheServerNorCostGoodResults) {
+  auto server = start({"-d", "-c", write_config()});
+  ASSERT_TRUE(server->wait_for_err(kReady));
+  auto publisher = connect_sender();
+  std::string topic = accumulate_topic(sender_config_);
+  provider_result good = vorn::test::sample_result("good", std::string("\0bin\0", 5));
+  std::string header(reinterpret_cast<const char*>(&good.header), kResultHeaderSize);
+  const std::vector<std::vector<std::string>> junk = {
+      {topic},
+      {topic, "a", "b"},
+      {topic, "", "", "", ""},
+      {topic, header.substr(0, 100), "\0bin\0", "", ""},
+      {topic, header, "", "", ""},
+      {topic, std::string(4 << 20, '\xff'), "", "", "", "", "", ""},
+      {topic, "PUB_ACK", "tcp://127.0.0.1:1", "abc"},
+      {topic, "PUB_ACK", "@tcp://127.0.0.1:*", "abcd"},
+      {topic, "PUB_ACK", "not an endpoint", "abcd"},
+      {"ACCUMULATE other", header, "x", "", ""},
+  };
+  int good_sent = 0;
+  for (const auto& frames : junk) {
+    zmsg_t* message = zmsg_new();
+    for (const std::string& f : frames) {
+      zmsg_addmem(message, f.data(), f.size());
+    }
+    ASSERT_EQ(zmsg_send(&message, publisher.get()), 0);
+    ASSERT_EQ(send_result(good, sender_config_, publisher.get()), 1);
+    ++good_sent;
+  }
+  ASSERT_TRUE(vorn::test::wait_until([&] { return vorn::test::count_rows(db_path()) == good_sent; },
+                                     vorn::test::milliseconds(20000)));
+  EXPECT_TRUE(vorn::test::process_alive(server->pid()));
+  server->send_signal(SIGTERM);
+  EXPECT_EQ(server->wait_exit(), 0);
+  auto rows = vorn::test::query(db_path(), "SELECT DISTINCT STDOUT FROM vorn_1");
+  ASSERT_EQ(rows.size(), 1u);
+  EXPECT_EQ(rows[0][0], std::string("\0bin\0", 5));
+}
+
+TEST_F(ServerdTest, CorruptDatabaseIsMovedAsideAtStart) {
+  ASSERT_TRUE(vorn::fs::make_path(dir_ / "db"));
+  vorn::test::write_file(db_path(),
+                         "this is not a database, not at all, no" + std::string(5000, '!'));
+  auto server = start({"-d", "-c", write_config()});
+  ASSERT_TRUE(server->wait_for_err(kReady));
+  EXPECT_NE(server->err().find("Could not initialize the database."), std::string::npos);
+  EXPECT_EQ(vorn::test::count_rows(db_path()), 0);
+  server->send_signal(SIGTERM);
+  EXPECT_EQ(server->wait_exit(), 0);
+}
+
+TEST_F(ServerdTest, DatabaseDirectoryThatCannotBeMade) {
+  std::string blocker = dir_ / "blocker";
+  vorn::test::write_file(blocker, "x");
+  std::string config = dir_ / "blocked.xml";
+  vorn::test::write_file(config, vorn::test::config_xml("<accumulate_output_dir>" + (dir_ / "acc") +
+                                                        "</accumulate_output_dir><database_file>" +
+                                                        blocker + "/db/v.db</database_file>"));
+  auto server = start({"-d", "-c", config});
+  EXPECT_EQ(server->wait_exit(), 1);
+  EXPECT_NE(server->err().find("Could not create database output directory '" + blocker +
+                               "/db', aborting"),
+            std::string::npos);
+}
+
+TEST_F(ServerdTest, PortInUseIsAFailure) {
+  vorn::czmq::Socket squatter(zsock_new(ZMQ_PULL));
+  ASSERT_GE(zsock_bind(squatter.get(), "tcp://*:%d", port_), 0);
+  auto server = start({"-d", "-c", write_config()});
+  EXPECT_EQ(server->wait_exit(), 1);
+  EXPECT_NE(server->err().find("Error binding socket (98): Address already in use"),
+            std::string::npos);
 }
 
 }  // namespace

@@ -1,0 +1,139 @@
+// The store against real SQLite files, read back with SQL.
+
+#include "daemon/src/database/database.h"
+
+#include <sys/stat.h>
+
+#include <gtest/gtest.h>
+
+#include <ctime>
+
+#include "tests/support/results.h"
+#include "tests/support/test_support.h"
+
+namespace {
+
+using vorn::test::query;
+using vorn::test::sample_result;
+using vorn::test::TempDir;
+
+class DatabaseTest : public testing::Test {
+ protected:
+  void SetUp() override { config_.database_file = dir_ / "vorn.db"; }
+
+  std::string today_bad_name() const {
+    std::time_t now = std::time(nullptr);
+    char date[16];
+    std::strftime(date, sizeof date, "%Y%m%d", std::localtime(&now));
+    return config_.database_file + "." + date + ".bad";
+  }
+
+  TempDir dir_;
+  daemon_config config_;
+};
+
+TEST_F(DatabaseTest, WritesOneRowPerResultWithEveryColumn) {
+  auto store = open_database(&config_);
+  ASSERT_TRUE(store);
+  provider_result binary = sample_result("probe", vorn::test::all_bytes(), "", "n1, n2");
+  ASSERT_TRUE(store->write(binary));
+  ASSERT_TRUE(store->write(sample_result("quiet", "")));
+  store.reset();
+
+  auto rows = query(config_.database_file,
+                    "SELECT Provider, Hostname, num_nodes, node_names, Exit_status, Timestamp, "
+                    "Duration, Encoding, Stdout_size, STDOUT, Stderr_size, STDERR, OptionID, "
+                    "version, typeof(STDERR), row_timestamp > 0 FROM vorn_1 ORDER BY rowid");
+  ASSERT_EQ(rows.size(), 2u);
+  std::vector<std::string> want = {"probe",   "node17", "2",   "n1, n2",
+                                   "3",       "1700000000", "2.5", "0",
+                                   "512",     vorn::test::all_bytes(), "0", "",
+                                   "default", "7",      "blob", "1"};
+  EXPECT_EQ(rows[0], want);
+  EXPECT_EQ(rows[1][9], "");
+  EXPECT_EQ(rows[1][14], "blob") << "an empty output is an empty blob, not NULL";
+}
+
+TEST_F(DatabaseTest, Base64OutputIsStoredDecoded) {
+  auto store = open_database(&config_);
+  ASSERT_TRUE(store);
+  struct Row {
+    const char* comment;
+    std::string out;
+    std::string want_out;
+  } rows[] = {
+      {"plain base64", "aGVsbG8=", "hello"},
+      {"line breaks as base64(1) prints them", "aGVs\nbG8=\n", "hello"},
+      {"binary payload", "AAEC/w==", std::string("\x00\x01\x02\xff", 4)},
+      {"not base64: kept as received", "hello world!", "hello world!"},
+  };
+  for (const Row& row : rows) {
+    provider_result r = sample_result(row.comment, row.out, "ZXJy");
+    r.header.encoding = 1;
+    ASSERT_TRUE(store->write(r));
+  }
+  store.reset();
+  auto got = query(config_.database_file,
+                   "SELECT Encoding, Stdout_size, STDOUT, Stderr_size, STDERR FROM vorn_1 "
+                   "ORDER BY rowid");
+  ASSERT_EQ(got.size(), std::size(rows));
+  for (size_t i = 0; i < got.size(); ++i) {
+    SCOPED_TRACE(rows[i].comment);
+    EXPECT_EQ(got[i], (std::vector<std::string>{"1", std::to_string(rows[i].want_out.size()),
+                                                 rows[i].want_out, "3", "err"}));
+  }
+}
+
+TEST_F(DatabaseTest, OpensInWriteAheadLogMode) {
+  ASSERT_TRUE(open_database(&config_));
+  EXPECT_EQ(query(config_.database_file, "PRAGMA journal_mode")[0][0], "wal");
+}
+
+TEST_F(DatabaseTest, UnusableFileIsMovedAsideAndReplaced) {
+  struct Row {
+    const char* comment;
+    std::function<void(const std::string&)> spoil;
+  } rows[] = {
+      {"a file that is not a database",
+       [](const std::string& p) { vorn::test::write_file(p, std::string(8192, 'z')); }},
+      {"a directory in place of the file",
+       [](const std::string& p) { ASSERT_EQ(mkdir(p.c_str(), 0755), 0); }},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.comment);
+    row.spoil(config_.database_file);
+    testing::internal::CaptureStderr();
+    auto store = open_database(&config_);
+    std::string log = testing::internal::GetCapturedStderr();
+    ASSERT_TRUE(store) << log;
+    EXPECT_TRUE(store->write(sample_result("after", "x")));
+    store.reset();
+    EXPECT_EQ(vorn::test::count_rows(config_.database_file), 1);
+    struct stat st;
+    EXPECT_EQ(stat(today_bad_name().c_str(), &st), 0) << "moved to " << today_bad_name();
+    std::string cleanup = "rm -rf '" + config_.database_file + "'*";
+    ASSERT_EQ(std::system(cleanup.c_str()), 0);
+  }
+}
+
+TEST_F(DatabaseTest, NoDatabaseWhenRecoveryFails) {
+  config_.database_file = dir_ / "missing-dir/vorn.db";
+  testing::internal::CaptureStderr();
+  EXPECT_FALSE(open_database(&config_));
+  std::string log = testing::internal::GetCapturedStderr();
+  EXPECT_NE(log.find("Error opening database file '" + config_.database_file +
+                     "' (2): No such file or directory"),
+            std::string::npos);
+  EXPECT_NE(log.find("Error renaming database file '" + config_.database_file + "' (2): "),
+            std::string::npos);
+}
+
+TEST_F(DatabaseTest, OtherBackendsYieldNoDatabaseAndTouchNothing) {
+  config_.database_backend = database_backend_kind::none;
+  EXPECT_FALSE(open_database(&config_));
+  EXPECT_FALSE(open_database(nullptr));
+  struct stat st;
+  EXPECT_NE(stat(config_.database_file.c_str(), &st), 0);
+}
+
+}  // namespace

@@ -1,0 +1,117 @@
+#include "daemon/src/database/storix1.h"
+
+#include <cstdint>
+#include <string>
+
+namespace storix1 {
+
+void Handle::release() { delete this; }
+
+int newConnection(const char* path, int flags, Connection** connection) {
+  return newConnection(path, flags, nullptr, connection);
+}
+
+int newConnection(const char* path, int flags, const char* vfs, Connection** connection) {
+  *connection = nullptr;
+  if (flags != 0) {
+    return SQLITE_MISUSE;
+  }
+  sqlite3* db = nullptr;
+  int rc = sqlite3_open_v2(path, &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, vfs);
+  if (rc != SQLITE_OK) {
+    sqlite3_close_v2(db);
+    return rc;
+  }
+  sqlite3_extended_result_codes(db, 1);
+  *connection = new Connection(db);
+  return 0;
+}
+
+int Connection::setBusyTimeout(int milliseconds) {
+  int rc = sqlite3_busy_timeout(db_.get(), milliseconds);
+  if (rc != SQLITE_OK) {
+    setLastError(sqlite3_errmsg(db_.get()));
+  }
+  return rc;
+}
+
+int Connection::issueCommand(const char* sql) {
+  char* message = nullptr;
+  int rc = sqlite3_exec(db_.get(), sql, nullptr, nullptr, &message);
+  if (rc != SQLITE_OK) {
+    setLastError(message != nullptr ? message : sqlite3_errmsg(db_.get()));
+  }
+  sqlite3_free(message);
+  return rc;
+}
+
+int Connection::getDataWriter(const char* sql, DataWriter** writer) {
+  *writer = nullptr;
+  sqlite3_stmt* statement = nullptr;
+  int rc = sqlite3_prepare_v2(db_.get(), sql, -1, &statement, nullptr);
+  if (rc != SQLITE_OK) {
+    setLastError(sqlite3_errmsg(db_.get()));
+    sqlite3_finalize(statement);
+    return rc;
+  }
+  *writer = new DataWriter(statement);
+  return 0;
+}
+
+int DataWriter::bindParam(int index, ColumnType type, size_t size, const void* value) {
+  sqlite3_stmt* s = statement_.get();
+  std::string name = "$" + std::to_string(index);
+  int position = sqlite3_bind_parameter_index(s, name.c_str());
+  if (position == 0) {
+    setLastError("no parameter " + name);
+    return SQLITE_RANGE;
+  }
+  int rc = SQLITE_MISUSE;
+  switch (type) {
+    case kInt32:
+      if (size == sizeof(int32_t)) {
+        rc = sqlite3_bind_int(s, position, *static_cast<const int32_t*>(value));
+      }
+      break;
+    case kInt64:
+      if (size == sizeof(int64_t)) {
+        rc = sqlite3_bind_int64(s, position, *static_cast<const int64_t*>(value));
+      }
+      break;
+    case kText:
+      if (size == sizeof(const char*)) {
+        rc = sqlite3_bind_text(s, position, *static_cast<const char* const*>(value), -1,
+                               SQLITE_STATIC);
+      }
+      break;
+    case kReal:
+      if (size == sizeof(double)) {
+        rc = sqlite3_bind_double(s, position, *static_cast<const double*>(value));
+      }
+      break;
+    case kBlob:
+      // An empty output is an empty blob, not NULL.
+      rc = size == 0 ? sqlite3_bind_zeroblob(s, position, 0)
+                     : sqlite3_bind_blob64(s, position, value, size, SQLITE_STATIC);
+      break;
+  }
+  if (rc != SQLITE_OK) {
+    setLastError(rc == SQLITE_MISUSE ? "bad parameter type or size for " + name
+                                     : sqlite3_errmsg(sqlite3_db_handle(s)));
+  }
+  return rc;
+}
+
+int DataWriter::writeData() {
+  sqlite3_stmt* s = statement_.get();
+  int rc = sqlite3_step(s);
+  if (rc == SQLITE_DONE || rc == SQLITE_ROW) {
+    sqlite3_reset(s);
+    return 0;
+  }
+  setLastError(sqlite3_errmsg(sqlite3_db_handle(s)));
+  sqlite3_reset(s);
+  return rc;
+}
+
+}  // namespace storix1

@@ -1,0 +1,91 @@
+#pragma once
+// storix1: the thin database access layer the store is written against, over
+// SQLite 3. Connections run commands and hand out prepared data writers whose
+// numbered parameters ($0, $1, ...) are bound by typed pointers.
+//
+// Every operation returns 0 on success and non-zero on failure; the text of
+// the last failure is getLastErrorInfo(). Objects are destroyed with
+// release(); the SQLite handles inside are owned and always freed.
+//
+// Thread safety: a connection and its writers belong to one thread at a time.
+
+#include <sqlite3.h>
+
+#include <cstddef>
+#include <memory>
+#include <string>
+
+namespace storix1 {
+
+enum ColumnType : int {
+  kInt32 = 1,   // value points to an int32_t, size 4
+  kInt64 = 2,   // value points to an int64_t, size 8
+  kText = 4,    // value points to a const char* (NUL-terminated), size 8
+  kReal = 5,    // value points to a double, size 8
+  kBlob = 6,    // value points to the first byte, size is the byte count
+};
+
+class Handle {
+ public:
+  Handle() = default;
+  Handle(const Handle&) = delete;
+  Handle& operator=(const Handle&) = delete;
+
+  // Destroys this object.
+  virtual void release();
+  const char* getLastErrorInfo() const { return last_error_.c_str(); }
+
+ protected:
+  virtual ~Handle() = default;
+  void setLastError(const std::string& text) { last_error_ = text; }
+
+ private:
+  std::string last_error_;
+};
+
+class DataWriter;
+
+class Connection : public Handle {
+ public:
+  int setBusyTimeout(int milliseconds);
+  // Runs one statement; rows it may yield are discarded.
+  int issueCommand(const char* sql);
+  int getDataWriter(const char* sql, DataWriter** writer);
+
+ private:
+  friend int newConnection(const char*, int, const char*, Connection**);
+  struct Close {
+    void operator()(sqlite3* db) const { sqlite3_close_v2(db); }
+  };
+  explicit Connection(sqlite3* db) : db_(db) {}
+  std::unique_ptr<sqlite3, Close> db_;
+};
+
+class DataWriter : public Handle {
+ public:
+  int bindParam(int index, ColumnType type, size_t size, const void* value);
+  // Runs the statement once with the bound values; they may be bound anew after.
+  int writeData();
+
+ private:
+  friend class Connection;
+  struct Finalize {
+    void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
+  };
+  explicit DataWriter(sqlite3_stmt* statement) : statement_(statement) {}
+  std::unique_ptr<sqlite3_stmt, Finalize> statement_;
+};
+
+// Opens (creating if needed) the database at `path`; `flags` must be 0. The
+// second form opens through the named SQLite VFS.
+int newConnection(const char* path, int flags, Connection** connection);
+int newConnection(const char* path, int flags, const char* vfs, Connection** connection);
+
+// Owner that releases a Connection or DataWriter.
+struct Release {
+  void operator()(Handle* handle) const { handle->release(); }
+};
+template <typename T>
+using Owned = std::unique_ptr<T, Release>;
+
+}  // namespace storix1

@@ -1,0 +1,80 @@
+#pragma once
+// The result of one provider run, and its travel as a ZeroMQ message.
+//
+// A result is a fixed 456-byte header, carried and stored as raw bytes in host
+// byte order (padding included, zero in records made here), followed by the
+// standard output, standard error and the comma-separated node list, whose
+// sizes the header gives. The same bytes, without the topic frame, form a
+// provider output file.
+//
+// Message: five frames, the topic ("ACCUMULATE" plus a blank and the network
+// partition), the header, stdout, stderr, the node list. A four-frame
+// "PUB_ACK" request on the same subscription asks the server to connect back
+// to the sender, so that it learns its results are received.
+//
+// Thread safety: send_result uses only the caller's socket. receive_result
+// keeps the process-wide set of acknowledged requests and must be called from
+// one thread only (the accumulate server's).
+
+#include <czmq.h>
+#include <sys/time.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "daemon/src/config/config.h"
+
+struct result_header {
+  uint8_t api;
+  int32_t exit_status;
+  char name[64];
+  int32_t encoding;  // 0 none, 1 base64, 2 raw
+  struct timeval timestamp;
+  double duration;
+  char hostname[256];
+  uint64_t nodes_size;
+  uint16_t num_nodes;
+  uint64_t stdout_size;
+  uint64_t stderr_size;
+  char option_id[60];
+  int32_t version;
+};
+
+constexpr size_t kResultHeaderSize = 456;
+static_assert(sizeof(result_header) == kResultHeaderSize, "the wire header is 456 bytes");
+static_assert(offsetof(result_header, exit_status) == 4);
+static_assert(offsetof(result_header, name) == 8);
+static_assert(offsetof(result_header, encoding) == 72);
+static_assert(offsetof(result_header, timestamp) == 80);
+static_assert(offsetof(result_header, duration) == 96);
+static_assert(offsetof(result_header, hostname) == 104);
+static_assert(offsetof(result_header, nodes_size) == 360);
+static_assert(offsetof(result_header, num_nodes) == 368);
+static_assert(offsetof(result_header, stdout_size) == 376);
+static_assert(offsetof(result_header, stderr_size) == 384);
+static_assert(offsetof(result_header, option_id) == 392);
+static_assert(offsetof(result_header, version) == 452);
+
+struct provider_result {
+  result_header header{};  // all bytes zero, padding included
+  std::string stdout_data;
+  std::string stderr_data;
+  std::string nodes_csv;
+};
+
+// "ACCUMULATE", followed by a blank and the partition when there is one.
+std::string accumulate_topic(const daemon_config& config);
+
+// Publishes the result as one five-frame message. Returns 1 on success, 0
+// when sending failed (reported on standard error).
+int send_result(const provider_result& result, const daemon_config& config, zsock_t* socket);
+
+// Receives one message. Returns 1 when a result was parsed into `result`
+// (whose output fields must be empty), 0 for nothing received, an answered
+// acknowledgement request or an unrecognised message (logged).
+int receive_result(provider_result& result, const daemon_config& config, zsock_t* socket);
+
+// Appends the text form of the result to accumulate_output_dir + "/" + name.
+// A name that could leave the directory ("/", "." or "..") is made safe.
+void dump_result(const provider_result& result, const daemon_config& config);

@@ -1,0 +1,78 @@
+#include "daemon/src/provider/sender.h"
+
+#include <cstdint>
+#include <cstring>
+#include <cstdlib>
+#include <random>
+
+#include "daemon/src/provider/result.h"
+#include "util/log.h"
+
+namespace {
+
+constexpr const char* kLogSource = "daemon/src/provider";
+constexpr int kRetryIntervalMs = 100;
+
+// The server answers with the number as text; accept the raw 4 bytes too.
+bool is_answer(zmsg_t* reply, int32_t number) {
+  zframe_t* frame = zmsg_first(reply);
+  if (frame == nullptr) {
+    return false;
+  }
+  std::string text(reinterpret_cast<const char*>(zframe_data(frame)), zframe_size(frame));
+  if (text == std::to_string(number)) {
+    return true;
+  }
+  return text.size() == sizeof number && std::memcmp(text.data(), &number, sizeof number) == 0;
+}
+
+}  // namespace
+
+vorn::czmq::Socket connect_result_publisher(const std::string& endpoint) {
+  vorn::czmq::Socket publisher(zsock_new(ZMQ_PUB));
+  if (!publisher) {
+    return nullptr;
+  }
+  zsock_set_sndhwm(publisher.get(), 0);
+  // CZMQ discards unsent messages when a socket closes; give them time to go.
+  zsock_set_linger(publisher.get(), kFlushOnCloseMs);
+  if (zsock_connect(publisher.get(), "%s", endpoint.c_str()) != 0) {
+    VORN_LOG(3) << "Unable to connect to accumulate server '" << endpoint << "' "
+                << vorn::log::sys_error(errno);
+    return nullptr;
+  }
+  return publisher;
+}
+
+bool request_pub_ack(zsock_t* publisher, const daemon_config& config,
+                     const std::string& reply_host, int timeout_ms) {
+  vorn::czmq::Socket reply(zsock_new(ZMQ_REP));
+  if (!reply || zsock_bind(reply.get(), "tcp://%s:*", reply_host.c_str()) < 0) {
+    VORN_LOG(3) << "Unable to bind pub-ack reply socket on '" << reply_host << "' "
+                << vorn::log::sys_error(errno);
+    return false;
+  }
+  const std::string endpoint = vorn::czmq::last_endpoint(reply.get());
+  const int32_t number = static_cast<int32_t>(std::random_device{}());
+  vorn::czmq::Poller poller(zpoller_new(reply.get(), nullptr));
+  const int64_t deadline = zclock_mono() + timeout_ms;
+  while (zclock_mono() < deadline) {
+    zmsg_t* request = zmsg_new();
+    zmsg_addstr(request, accumulate_topic(config).c_str());
+    zmsg_addstr(request, "PUB_ACK");
+    zmsg_addstr(request, endpoint.c_str());
+    zmsg_addmem(request, &number, sizeof number);
+    if (zmsg_send(&request, publisher) != 0) {
+      zmsg_destroy(&request);
+    }
+    if (zpoller_wait(poller.get(), kRetryIntervalMs) != nullptr) {
+      vorn::czmq::Message answer(zmsg_recv(reply.get()));
+      if (answer && is_answer(answer.get(), number)) {
+        return true;
+      }
+      // A REP socket must answer before it can receive again.
+      zstr_send(reply.get(), "");
+    }
+  }
+  return false;
+}

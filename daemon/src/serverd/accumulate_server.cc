@@ -1,0 +1,131 @@
+#include "daemon/src/serverd/accumulate_server.h"
+
+#include <netdb.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstdlib>
+
+#include "daemon/src/provider/result.h"
+#include "util/czmq.h"
+#include "util/log.h"
+
+namespace {
+
+constexpr const char* kLogSource = "daemon/src/serverd";
+constexpr int kPollMs = 100;
+
+struct FreeAddresses {
+  void operator()(addrinfo* list) const { freeaddrinfo(list); }
+};
+
+// Binds the subscriber where the run mode says; "" on failure (logged).
+std::string bind_subscriber(zsock_t* socket, const daemon_config& config) {
+  int rc;
+  if (config.run_mode == 0) {
+    rc = zsock_bind(socket, "tcp://%s:%d", "*", static_cast<int>(std::atol(config.accumulate_port)));
+  } else {
+    char* host = zsys_hostname();
+    std::string address = resolve_host_address(host != nullptr ? host : "");
+    zstr_free(&host);
+    if (address.empty()) {
+      return "";
+    }
+    rc = zsock_bind(socket, "tcp://%s:*", address.c_str());
+  }
+  if (rc < 0) {
+    VORN_LOG(3) << "Error binding socket (" << errno << "): " << zmq_strerror(errno);
+    return "";
+  }
+  return vorn::czmq::last_endpoint(socket);
+}
+
+void reset(provider_result& record) {
+  record.header = result_header{};
+  // clear() keeps the buffers, so a steady stream does not reallocate.
+  record.stdout_data.clear();
+  record.stderr_data.clear();
+  record.nodes_csv.clear();
+}
+
+bool store_record(const provider_result& record, const daemon_config& config, database* store) {
+  if (config.database_backend == database_backend_kind::none || store == nullptr) {
+    dump_result(record, config);
+    return true;
+  }
+  return store->write(record);
+}
+
+}  // namespace
+
+std::string resolve_host_address(const std::string& host) {
+  addrinfo hints{};
+  hints.ai_family = AF_INET;
+  hints.ai_socktype = SOCK_STREAM;
+  addrinfo* raw = nullptr;
+  int rc = getaddrinfo(host.c_str(), nullptr, &hints, &raw);
+  if (rc != 0) {
+    VORN_LOG(3) << "Error getting address information (" << rc << "): " << gai_strerror(rc);
+    return "";
+  }
+  std::unique_ptr<addrinfo, FreeAddresses> addresses(raw);
+  char text[1025];
+  rc = getnameinfo(addresses->ai_addr, addresses->ai_addrlen, text, sizeof text, nullptr, 0,
+                   NI_NUMERICHOST);
+  if (rc != 0) {
+    VORN_LOG(3) << "Error getting name information (" << rc << "): " << gai_strerror(rc);
+    return "";
+  }
+  return text;
+}
+
+bool run_accumulate_server(daemon_options& options, const daemon_config& config,
+                           database* store) {
+  vorn::czmq::Socket subscriber(zsock_new(ZMQ_SUB));
+  std::string endpoint = subscriber ? bind_subscriber(subscriber.get(), config) : "";
+  options.endpoint.set_value(endpoint);
+  if (endpoint.empty()) {
+    return false;
+  }
+  const std::string topic = accumulate_topic(config);
+  zsock_set_subscribe(subscriber.get(), topic.c_str());
+  vorn::czmq::Poller poller(zpoller_new(subscriber.get(), nullptr));
+  if (!poller) {
+    VORN_LOG(3) << "Error creating poller (" << errno << "): " << zmq_strerror(errno);
+    return false;
+  }
+  VORN_LOG(5) << "Accumulate server started and subscribing to '" << topic << "'";
+
+  provider_result record;
+  for (;;) {
+    reset(record);
+    if (zpoller_wait(poller.get(), kPollMs) == nullptr) {
+      if (zpoller_expired(poller.get())) {
+        if (!options.running) {
+          return true;
+        }
+        continue;
+      }
+      // The poller also reports termination when any signal interrupts the
+      // wait; only CZMQ's interrupt flag (or a closed context) means stop.
+      if (zsys_interrupted || zmq_errno() == ETERM) {
+        VORN_LOG(5) << "Received SIGINT / SIGTERM. Cleaning up and stopping...";
+        return true;
+      }
+      continue;
+    }
+    if (!options.running) {
+      VORN_LOG(6) << "Draining queue of accumulated data providers";
+    }
+    if (!receive_result(record, config, subscriber.get())) {
+      if (zsys_interrupted) {
+        VORN_LOG(5) << "Received SIGINT / SIGTERM. Cleaning up and stopping...";
+        return true;
+      }
+      continue;
+    }
+    if (!store_record(record, config, store)) {
+      VORN_LOG(1) << "Error writing to database. Data lost!";
+    }
+  }
+}

@@ -1,0 +1,24 @@
+#pragma once
+// The accumulate server: the receiving end of the result transport.
+//
+// It binds one SUB socket on accumulate_port (all interfaces), subscribes to
+// its partition's topic, answers "PUB_ACK" requests, and stores every result
+// in the database, or as a text dump in accumulate_output_dir when there is
+// none. When `running` is cleared it keeps storing while messages arrive less
+// than 100 ms apart, then returns; CZMQ's interrupt flag stops it at once.
+//
+// Runs on the calling thread, which alone uses the socket and the database.
+
+#include <string>
+
+#include "daemon/src/config/config.h"
+#include "daemon/src/database/database.h"
+#include "daemon/src/serverd/daemon_options.h"
+
+// True after an orderly stop, false when it could not start. `store` may be
+// null. The endpoint slot of `options` is fulfilled in every case.
+bool run_accumulate_server(daemon_options& options, const daemon_config& config,
+                           database* store);
+
+// The numeric IPv4 address of `host`, or "" when it does not resolve.
+std::string resolve_host_address(const std::string& host);
