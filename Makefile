@@ -39,6 +39,9 @@ test: deps
 	  UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 	  ctest --output-on-failure -j $(JOBS)
 
+bench: build
+	$(BUILD_DIR)/bench/ingest
+
 format:
 	git ls-files '*.cc' '*.h' | xargs clang-format -i
 

@@ -11,11 +11,27 @@ int LOG_LEVEL = 7;
 int LOG_OUTPUT = 0;
 int LOG_SCOPE_LEVEL = 0;
 
+namespace {
+int syslog_mask = LOG_UPTO(LOG_DEBUG);
+}  // namespace
+
+void use_syslog(const char* ident, int options, int facility, int mask) {
+  setlogmask(mask);
+  openlog(ident, options, facility);
+  syslog_mask = mask;
+  LOG_OUTPUT = 1;
+}
+
 ErrorLog::ErrorLog(const char* source, const char* function, int line, int priority)
-    : source_(source), function_(function), line_(line), priority_(priority) {}
+    : source_(source), function_(function), line_(line), priority_(priority) {
+  bool admitted = priority <= LOG_LEVEL && (LOG_OUTPUT != 1 || (LOG_MASK(priority) & syslog_mask));
+  if (admitted) {
+    text_.emplace();
+  }
+}
 
 ErrorLog::~ErrorLog() {
-  if (priority_ > LOG_LEVEL) {
+  if (!text_) {
     return;
   }
   std::string message;
@@ -25,7 +41,7 @@ ErrorLog::~ErrorLog() {
   if (LOG_SCOPE_LEVEL >= 1) {
     message += std::string(function_) + ": ";
   }
-  message += text_.str();
+  message += text_->str();
   if (LOG_OUTPUT == 1) {
     ::syslog(priority_, "%s\n", message.c_str());
     return;

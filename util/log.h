@@ -9,10 +9,14 @@
 // origin is put in front of the text: 0 nothing, 1 the function, 2 also the
 // source and line.
 //
+// A record that will not be emitted costs no formatting: with syslog as the
+// destination, the mask given to use_syslog filters as early as LOG_LEVEL.
+//
 // Thread safety: records may be emitted from any thread; each message is
-// written with one call, so lines never interleave. The three globals are set
-// once at start-up, before other threads exist.
+// written with one call, so lines never interleave. The globals are set once
+// at start-up, before other threads exist.
 
+#include <optional>
 #include <sstream>
 #include <string>
 
@@ -31,7 +35,9 @@ class ErrorLog {
 
   template <typename T>
   ErrorLog& operator<<(const T& value) {
-    text_ << value;
+    if (text_) {
+      *text_ << value;
+    }
     return *this;
   }
 
@@ -40,8 +46,13 @@ class ErrorLog {
   const char* function_;
   int line_;
   int priority_;
-  std::ostringstream text_;
+  std::optional<std::ostringstream> text_;  // empty when the record is filtered out
 };
+
+// Sends records to syslog from now on (LOG_OUTPUT := 1): opens it with the
+// identity, options and facility given, and admits the priorities of `mask`
+// (a setlogmask value).
+void use_syslog(const char* ident, int options, int facility, int mask);
 
 // The tail of a failed system call's message: "(", the decimal error number,
 // "): " and the system's error text.

@@ -12,8 +12,7 @@
 namespace vorn::test {
 
 inline provider_result sample_result(const std::string& name, const std::string& out,
-                                     const std::string& err = "",
-                                     const std::string& nodes = "") {
+                                     const std::string& err = "", const std::string& nodes = "") {
   provider_result r;
   r.header.api = 1;
   r.header.exit_status = 3;

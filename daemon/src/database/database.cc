@@ -5,9 +5,13 @@
 
 #include <cctype>
 #include <cerrno>
+#include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <ctime>
+#include <mutex>
 #include <string>
+#include <thread>
 
 #include "util/czmq.h"
 #include "util/log.h"
@@ -64,6 +68,59 @@ std::string decode_base64(const std::string& text, const char* stream, const cha
   return out;
 }
 
+storix1::Owned<storix1::Connection> connect(const daemon_config& config) {
+  storix1::Connection* raw = nullptr;
+  int rc = config.run_mode == 0 ? storix1::newConnection(config.database_file.c_str(), 0, &raw)
+                                : storix1::newConnection(config.database_file.c_str(), 0,
+                                                         config.database_vfs.c_str(), &raw);
+  return storix1::Owned<storix1::Connection>(rc == 0 ? raw : nullptr);
+}
+
+}  // namespace
+
+// Runs a passive checkpoint every kIntervalMs, and a last one when stopped.
+class wal_checkpointer {
+ public:
+  static constexpr int kIntervalMs = 200;
+
+  explicit wal_checkpointer(storix1::Owned<storix1::Connection> connection)
+      : connection_(std::move(connection)), thread_([this] { run(); }) {}
+
+  ~wal_checkpointer() {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      stopping_ = true;
+    }
+    wake_.notify_one();
+    thread_.join();
+  }
+
+ private:
+  void run() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    for (;;) {
+      bool stopping = wake_.wait_for(lock, std::chrono::milliseconds(kIntervalMs),
+                                     [this] { return stopping_; });
+      lock.unlock();
+      // A checkpoint that cannot finish now (a reader in the way) is simply
+      // repeated next time.
+      connection_->issueCommand("PRAGMA wal_checkpoint(PASSIVE)");
+      lock.lock();
+      if (stopping) {
+        return;
+      }
+    }
+  }
+
+  storix1::Owned<storix1::Connection> connection_;
+  std::mutex mutex_;
+  std::condition_variable wake_;
+  bool stopping_ = false;
+  std::thread thread_;
+};
+
+namespace {
+
 std::unique_ptr<database> try_open_database(const daemon_config& config) {
   const std::string& path = config.database_file;
   int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
@@ -100,22 +157,16 @@ std::string bad_file_name(const std::string& path) {
 }  // namespace
 
 sqlite::sqlite(const daemon_config& config) {
-  storix1::Connection* raw = nullptr;
-  int rc = config.run_mode == 0
-               ? storix1::newConnection(config.database_file.c_str(), 0, &raw)
-               : storix1::newConnection(config.database_file.c_str(), 0,
-                                        config.database_vfs.c_str(), &raw);
-  if (rc != 0) {
+  connection_ = connect(config);
+  if (!connection_) {
     return;
   }
-  connection_.reset(raw);
   if (connection_->setBusyTimeout(config.database_busy_timeout_ms) != 0) {
     VORN_LOG(4) << "Could not set busy timeout value for database. "
                 << "Concurrent writes may fail.";
   }
   if (connection_->issueCommand(kCreateTable) != 0) {
-    VORN_LOG(3) << "Could not create table in the database: "
-                << connection_->getLastErrorInfo();
+    VORN_LOG(3) << "Could not create table in the database: " << connection_->getLastErrorInfo();
     connection_.reset();
     return;
   }
@@ -125,10 +176,54 @@ sqlite::sqlite(const daemon_config& config) {
       connection_->issueCommand("PRAGMA synchronous=NORMAL") != 0) {
     VORN_LOG(4) << "Could not switch the database to write-ahead logging: "
                 << connection_->getLastErrorInfo();
+    return;
+  }
+  // Without a checkpoint connection the writer checkpoints for itself.
+  if (auto checkpoints = connect(config)) {
+    checkpoints->setBusyTimeout(config.database_busy_timeout_ms);
+    if (checkpoints->issueCommand("PRAGMA synchronous=NORMAL") == 0 &&
+        connection_->issueCommand("PRAGMA wal_autocheckpoint=0") == 0) {
+      checkpointer_ = std::make_unique<wal_checkpointer>(std::move(checkpoints));
+    }
   }
 }
 
+sqlite::~sqlite() {
+  if (connection_) {
+    flush();
+  }
+  checkpointer_.reset();
+}
+
+bool sqlite::flush() {
+  if (!in_transaction_) {
+    return true;
+  }
+  if (connection_->issueCommand("COMMIT") == 0) {
+    in_transaction_ = false;
+    uncommitted_ = 0;
+    return true;
+  }
+  std::string error = connection_->getLastErrorInfo();
+  // A busy database keeps the transaction open for the next attempt; any
+  // other failure has rolled it back.
+  if (error.find("locked") != std::string::npos || error.find("busy") != std::string::npos) {
+    VORN_LOG(4) << "Database commit postponed: " << error;
+    return true;
+  }
+  VORN_LOG(1) << "Database commit error: " << error << ". " << uncommitted_
+              << " stored results lost!";
+  connection_->issueCommand("ROLLBACK");
+  in_transaction_ = false;
+  uncommitted_ = 0;
+  return false;
+}
+
 bool sqlite::write(const provider_result& record) {
+  if (!in_transaction_) {
+    // Without a transaction each row commits on its own: slower, not wrong.
+    in_transaction_ = connection_->issueCommand("BEGIN") == 0;
+  }
   storix1::DataWriter* raw = nullptr;
   if (connection_->getDataWriter(kInsert, &raw) != 0) {
     VORN_LOG(3) << "Database writer creation error: " << connection_->getLastErrorInfo();
@@ -185,7 +280,12 @@ bool sqlite::write(const provider_result& record) {
 
   if (writer->writeData() != 0) {
     VORN_LOG(3) << "Database insertion error: " << writer->getLastErrorInfo();
+    // Some errors roll the whole transaction back; commit what survived.
+    flush();
     return false;
+  }
+  if (in_transaction_ && ++uncommitted_ >= kMaxBatch) {
+    return flush();
   }
   return true;
 }

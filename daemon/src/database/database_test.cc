@@ -45,10 +45,11 @@ TEST_F(DatabaseTest, WritesOneRowPerResultWithEveryColumn) {
                     "Duration, Encoding, Stdout_size, STDOUT, Stderr_size, STDERR, OptionID, "
                     "version, typeof(STDERR), row_timestamp > 0 FROM vorn_1 ORDER BY rowid");
   ASSERT_EQ(rows.size(), 2u);
-  std::vector<std::string> want = {"probe",   "node17", "2",   "n1, n2",
-                                   "3",       "1700000000", "2.5", "0",
-                                   "512",     vorn::test::all_bytes(), "0", "",
-                                   "default", "7",      "blob", "1"};
+  std::vector<std::string> want = {
+      "probe",      "node17", "2",       "n1, n2", "3",
+      "1700000000", "2.5",    "0",       "512",    vorn::test::all_bytes(),
+      "0",          "",       "default", "7",      "blob",
+      "1"};
   EXPECT_EQ(rows[0], want);
   EXPECT_EQ(rows[1][9], "");
   EXPECT_EQ(rows[1][14], "blob") << "an empty output is an empty blob, not NULL";
@@ -80,7 +81,7 @@ TEST_F(DatabaseTest, Base64OutputIsStoredDecoded) {
   for (size_t i = 0; i < got.size(); ++i) {
     SCOPED_TRACE(rows[i].comment);
     EXPECT_EQ(got[i], (std::vector<std::string>{"1", std::to_string(rows[i].want_out.size()),
-                                                 rows[i].want_out, "3", "err"}));
+                                                rows[i].want_out, "3", "err"}));
   }
 }
 

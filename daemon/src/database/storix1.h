@@ -18,11 +18,11 @@
 namespace storix1 {
 
 enum ColumnType : int {
-  kInt32 = 1,   // value points to an int32_t, size 4
-  kInt64 = 2,   // value points to an int64_t, size 8
-  kText = 4,    // value points to a const char* (NUL-terminated), size 8
-  kReal = 5,    // value points to a double, size 8
-  kBlob = 6,    // value points to the first byte, size is the byte count
+  kInt32 = 1,  // value points to an int32_t, size 4
+  kInt64 = 2,  // value points to an int64_t, size 8
+  kText = 4,   // value points to a const char* (NUL-terminated), size 8
+  kReal = 5,   // value points to a double, size 8
+  kBlob = 6,   // value points to the first byte, size is the byte count
 };
 
 class Handle {

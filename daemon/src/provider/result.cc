@@ -8,6 +8,7 @@
 #include <iomanip>
 #include <set>
 #include <sstream>
+#include <string_view>
 
 #include "util/czmq.h"
 #include "util/log.h"
@@ -23,24 +24,67 @@ std::set<std::string>& acknowledged_requests() {
   return keys;
 }
 
-std::string frame_text(zframe_t* frame) {
-  return std::string(reinterpret_cast<const char*>(zframe_data(frame)), zframe_size(frame));
-}
+// The frames of one received message, received straight into reused ZeroMQ
+// messages: the server's hot path, where CZMQ's per-frame allocations show.
+// Frames beyond kKept are counted and dropped, as no valid message has them.
+class ReceivedMessage {
+ public:
+  static constexpr size_t kKept = 6;
+
+  ReceivedMessage() {
+    for (zmq_msg_t& m : frames_) {
+      zmq_msg_init(&m);
+    }
+  }
+  ReceivedMessage(const ReceivedMessage&) = delete;
+  ReceivedMessage& operator=(const ReceivedMessage&) = delete;
+  ~ReceivedMessage() {
+    for (zmq_msg_t& m : frames_) {
+      zmq_msg_close(&m);
+    }
+  }
+
+  // False when no message could be received.
+  bool receive(void* socket) {
+    zmq_msg_t extra;
+    zmq_msg_init(&extra);
+    for (bool more = true; more;) {
+      zmq_msg_t* target = count_ < kKept ? &frames_[count_] : &extra;
+      if (zmq_msg_recv(target, socket, 0) < 0) {
+        zmq_msg_close(&extra);
+        return count_ > 0;
+      }
+      total_size_ += zmq_msg_size(target);
+      more = zmq_msg_more(target) != 0;
+      ++count_;
+    }
+    zmq_msg_close(&extra);
+    return true;
+  }
+
+  size_t count() const { return count_; }
+  size_t total_size() const { return total_size_; }
+  std::string_view frame(size_t i) {
+    return {static_cast<const char*>(zmq_msg_data(&frames_[i])), zmq_msg_size(&frames_[i])};
+  }
+
+ private:
+  zmq_msg_t frames_[kKept];
+  size_t count_ = 0;
+  size_t total_size_ = 0;
+};
 
 // Connects back to the requester and sends it the number of its request.
-void answer_pub_ack(zmsg_t* message) {
-  zmsg_first(message);
-  zframe_t* tag = zmsg_next(message);
-  zframe_t* endpoint_frame = zmsg_next(message);
-  zframe_t* number_frame = zmsg_next(message);
-  if (frame_text(tag) != "PUB_ACK") {
+void answer_pub_ack(ReceivedMessage& message) {
+  if (message.frame(1) != "PUB_ACK") {
     return;
   }
-  std::string endpoint = frame_text(endpoint_frame);
+  std::string endpoint(message.frame(2));
+  std::string_view number_frame = message.frame(3);
   std::string key = endpoint + " ";
   int32_t number = 0;
-  if (zframe_size(number_frame) == sizeof number) {
-    std::memcpy(&number, zframe_data(number_frame), sizeof number);
+  if (number_frame.size() == sizeof number) {
+    std::memcpy(&number, number_frame.data(), sizeof number);
     key += std::to_string(number);
   }
   if (acknowledged_requests().count(key) != 0) {
@@ -63,18 +107,17 @@ void answer_pub_ack(zmsg_t* message) {
 
 // Copies a five-frame result into `result`; false when a frame is shorter
 // than the header says.
-bool parse_result(zmsg_t* message, provider_result& result) {
-  zmsg_first(message);  // the topic is not looked at
-  zframe_t* header = zmsg_next(message);
-  zframe_t* out = zmsg_next(message);
-  zframe_t* err = zmsg_next(message);
-  zframe_t* nodes = zmsg_next(message);
-  if (zframe_size(header) < kResultHeaderSize) {
+bool parse_result(ReceivedMessage& message, provider_result& result) {
+  // Frame 0, the topic, is not looked at.
+  std::string_view header = message.frame(1);
+  std::string_view out = message.frame(2);
+  std::string_view err = message.frame(3);
+  if (header.size() < kResultHeaderSize) {
     return false;
   }
   result_header h;
-  std::memcpy(&h, zframe_data(header), kResultHeaderSize);
-  if (zframe_size(out) < h.stdout_size || zframe_size(err) < h.stderr_size) {
+  std::memcpy(&h, header.data(), kResultHeaderSize);
+  if (out.size() < h.stdout_size || err.size() < h.stderr_size) {
     return false;
   }
   // Text fields of a foreign header need not be terminated.
@@ -82,9 +125,9 @@ bool parse_result(zmsg_t* message, provider_result& result) {
   h.hostname[sizeof h.hostname - 1] = '\0';
   h.option_id[sizeof h.option_id - 1] = '\0';
   result.header = h;
-  result.stdout_data.append(reinterpret_cast<const char*>(zframe_data(out)), h.stdout_size);
-  result.stderr_data.append(reinterpret_cast<const char*>(zframe_data(err)), h.stderr_size);
-  result.nodes_csv = frame_text(nodes);
+  result.stdout_data.append(out.data(), h.stdout_size);
+  result.stderr_data.append(err.data(), h.stderr_size);
+  result.nodes_csv = message.frame(4);
   return true;
 }
 
@@ -133,30 +176,27 @@ int send_result(const provider_result& result, const daemon_config& config, zsoc
 }
 
 int receive_result(provider_result& result, const daemon_config&, zsock_t* socket) {
-  vorn::czmq::Message message(zmsg_recv(socket));
-  if (!message) {
+  ReceivedMessage message;
+  if (!message.receive(zsock_resolve(socket))) {
     return 0;
   }
-  size_t frames = zmsg_size(message.get());
-  if (frames == 4) {
-    answer_pub_ack(message.get());
+  if (message.count() == 4) {
+    answer_pub_ack(message);
     return 0;
   }
-  if (frames != 5 || !parse_result(message.get(), result)) {
+  if (message.count() != 5 || !parse_result(message, result)) {
     VORN_LOG(3) << "Unrecognized message format";
     return 0;
   }
   VORN_LOG(6) << "Received data provider '" << result.header.name << "' from "
-              << result.header.hostname << " (" << zmsg_content_size(message.get())
-              << " bytes)";
+              << result.header.hostname << " (" << message.total_size() << " bytes)";
   return 1;
 }
 
 void dump_result(const provider_result& result, const daemon_config& config) {
   ::umask(022);
   const result_header& h = result.header;
-  std::string path =
-      std::string(config.accumulate_output_dir) + "/" + dump_file_name(h.name);
+  std::string path = std::string(config.accumulate_output_dir) + "/" + dump_file_name(h.name);
   FILE* file = std::fopen(path.c_str(), "ab");
   if (file == nullptr) {
     VORN_LOG(3) << "Error opening log file '" << path << "'";
@@ -177,8 +217,8 @@ void dump_result(const provider_result& result, const daemon_config& config) {
        << result.stdout_data << "\n"
        << "stderr (" << h.stderr_size << " bytes): \n"
        << result.stderr_data << "\n"
-       << "nodes (" << h.num_nodes << " nodes, " << h.nodes_size << " bytes): "
-       << result.nodes_csv << "\n";
+       << "nodes (" << h.num_nodes << " nodes, " << h.nodes_size << " bytes): " << result.nodes_csv
+       << "\n";
   const std::string& bytes = text.str();
   std::fwrite(bytes.data(), 1, bytes.size(), file);
   std::fclose(file);

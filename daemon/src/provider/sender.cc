@@ -1,8 +1,8 @@
 #include "daemon/src/provider/sender.h"
 
 #include <cstdint>
-#include <cstring>
 #include <cstdlib>
+#include <cstring>
 #include <random>
 
 #include "daemon/src/provider/result.h"
@@ -44,8 +44,8 @@ vorn::czmq::Socket connect_result_publisher(const std::string& endpoint) {
   return publisher;
 }
 
-bool request_pub_ack(zsock_t* publisher, const daemon_config& config,
-                     const std::string& reply_host, int timeout_ms) {
+bool request_pub_ack(zsock_t* publisher, const daemon_config& config, const std::string& reply_host,
+                     int timeout_ms) {
   vorn::czmq::Socket reply(zsock_new(ZMQ_REP));
   if (!reply || zsock_bind(reply.get(), "tcp://%s:*", reply_host.c_str()) < 0) {
     VORN_LOG(3) << "Unable to bind pub-ack reply socket on '" << reply_host << "' "

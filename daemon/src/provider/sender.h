@@ -26,5 +26,5 @@ vorn::czmq::Socket connect_result_publisher(const std::string& endpoint);
 // Repeats a "PUB_ACK" request on `publisher` until the server connects back
 // with its number, or `timeout_ms` passes. The reply socket is bound on
 // `reply_host`, which the server must be able to reach. True when answered.
-bool request_pub_ack(zsock_t* publisher, const daemon_config& config,
-                     const std::string& reply_host, int timeout_ms);
+bool request_pub_ack(zsock_t* publisher, const daemon_config& config, const std::string& reply_host,
+                     int timeout_ms);

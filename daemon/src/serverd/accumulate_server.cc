@@ -14,6 +14,8 @@ namespace {
 
 constexpr const char* kLogSource = "daemon/src/serverd";
 constexpr int kPollMs = 100;
+constexpr int kCommitPauseMs = 2;
+constexpr int64_t kMaxBatchMs = 100;
 
 struct FreeAddresses {
   void operator()(addrinfo* list) const { freeaddrinfo(list); }
@@ -23,7 +25,8 @@ struct FreeAddresses {
 std::string bind_subscriber(zsock_t* socket, const daemon_config& config) {
   int rc;
   if (config.run_mode == 0) {
-    rc = zsock_bind(socket, "tcp://%s:%d", "*", static_cast<int>(std::atol(config.accumulate_port)));
+    rc =
+        zsock_bind(socket, "tcp://%s:%d", "*", static_cast<int>(std::atol(config.accumulate_port)));
   } else {
     char* host = zsys_hostname();
     std::string address = resolve_host_address(host != nullptr ? host : "");
@@ -46,6 +49,12 @@ void reset(provider_result& record) {
   record.stdout_data.clear();
   record.stderr_data.clear();
   record.nodes_csv.clear();
+}
+
+void commit(database* store) {
+  if (!store->flush()) {
+    VORN_LOG(1) << "Error writing to database. Data lost!";
+  }
 }
 
 bool store_record(const provider_result& record, const daemon_config& config, database* store) {
@@ -79,8 +88,7 @@ std::string resolve_host_address(const std::string& host) {
   return text;
 }
 
-bool run_accumulate_server(daemon_options& options, const daemon_config& config,
-                           database* store) {
+bool run_accumulate_server(daemon_options& options, const daemon_config& config, database* store) {
   vorn::czmq::Socket subscriber(zsock_new(ZMQ_SUB));
   std::string endpoint = subscriber ? bind_subscriber(subscriber.get(), config) : "";
   options.endpoint.set_value(endpoint);
@@ -97,11 +105,23 @@ bool run_accumulate_server(daemon_options& options, const daemon_config& config,
   VORN_LOG(5) << "Accumulate server started and subscribing to '" << topic << "'";
 
   provider_result record;
+  // Rows stored since the last commit, and when the first of them came.
+  bool uncommitted = false;
+  int64_t batch_start = 0;
   for (;;) {
     reset(record);
-    if (zpoller_wait(poller.get(), kPollMs) == nullptr) {
+    // With rows waiting for their commit, a short pause in the stream is
+    // enough to commit them; a steady stream commits every kMaxBatchMs.
+    if (uncommitted && zclock_mono() - batch_start >= kMaxBatchMs) {
+      commit(store);
+      uncommitted = false;
+    }
+    if (zpoller_wait(poller.get(), uncommitted ? kCommitPauseMs : kPollMs) == nullptr) {
       if (zpoller_expired(poller.get())) {
-        if (!options.running) {
+        if (uncommitted) {
+          commit(store);
+          uncommitted = false;
+        } else if (!options.running) {
           return true;
         }
         continue;
@@ -126,6 +146,10 @@ bool run_accumulate_server(daemon_options& options, const daemon_config& config,
     }
     if (!store_record(record, config, store)) {
       VORN_LOG(1) << "Error writing to database. Data lost!";
+    }
+    if (store != nullptr && !uncommitted) {
+      uncommitted = true;
+      batch_start = zclock_mono();
     }
   }
 }

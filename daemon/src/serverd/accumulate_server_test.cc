@@ -19,9 +19,8 @@ class InProcessServer {
  public:
   InProcessServer(const daemon_config& config, database* store) {
     endpoint_ = options_.endpoint.get_future();
-    thread_ = std::thread([this, &config, store] {
-      result_ = run_accumulate_server(options_, config, store);
-    });
+    thread_ = std::thread(
+        [this, &config, store] { result_ = run_accumulate_server(options_, config, store); });
   }
   ~InProcessServer() { stop(); }
 
@@ -51,8 +50,8 @@ daemon_config test_config(const std::string& dir) {
 }
 
 vorn::czmq::Socket acknowledged_publisher(const daemon_config& config) {
-  auto publisher = connect_result_publisher(std::string("tcp://127.0.0.1:") +
-                                            config.accumulate_port);
+  auto publisher =
+      connect_result_publisher(std::string("tcp://127.0.0.1:") + config.accumulate_port);
   EXPECT_TRUE(publisher);
   EXPECT_TRUE(request_pub_ack(publisher.get(), config, "127.0.0.1", 10000));
   return publisher;
@@ -65,9 +64,9 @@ TEST(AccumulateServerTest, WithoutDatabaseResultsAreDumpedAsText) {
   EXPECT_EQ(server.endpoint(), std::string("tcp://0.0.0.0:") + config.accumulate_port);
   auto publisher = acknowledged_publisher(config);
   for (int i = 0; i < 3; ++i) {
-    ASSERT_EQ(send_result(sample_result("dumped", "run " + std::to_string(i)), config,
-                          publisher.get()),
-              1);
+    ASSERT_EQ(
+        send_result(sample_result("dumped", "run " + std::to_string(i)), config, publisher.get()),
+        1);
   }
   ASSERT_TRUE(vorn::test::wait_until(
       [&] { return vorn::test::read_file(dir / "dumped").find("run 2") != std::string::npos; },

@@ -48,14 +48,12 @@ void install_stop_handler(daemon_options& options) {
 }
 
 void open_syslog(bool debug_mode) {
-  vorn::log::LOG_OUTPUT = 1;
   vorn::log::LOG_SCOPE_LEVEL = 0;
   if (debug_mode) {
-    setlogmask(LOG_UPTO(LOG_DEBUG));
-    openlog("vorn-serverd", LOG_PID | LOG_NDELAY | LOG_PERROR, LOG_DAEMON);
+    vorn::log::use_syslog("vorn-serverd", LOG_PID | LOG_NDELAY | LOG_PERROR, LOG_DAEMON,
+                          LOG_UPTO(LOG_DEBUG));
   } else {
-    setlogmask(LOG_UPTO(LOG_WARNING));
-    openlog("vorn-serverd", LOG_PID | LOG_NDELAY, LOG_DAEMON);
+    vorn::log::use_syslog("vorn-serverd", LOG_PID | LOG_NDELAY, LOG_DAEMON, LOG_UPTO(LOG_WARNING));
   }
 }
 
@@ -110,14 +108,15 @@ int serverd_main(int argc, char** argv) {
   }
 
   if (options.daemon_mode) {
+    // The database must not cross fork(): its locks and its checkpoint
+    // thread stay behind. It was opened to fail in the foreground; the
+    // detached child opens its own.
+    store.reset();
     if (::daemon(0, 0) != 0) {
       int error = errno;
       std::printf("Error starting daemon (%d): %s\n", error, std::strerror(error));
       return 1;
     }
-    // An SQLite connection must not cross fork(): its file locks stay with
-    // the parent. The detached child opens its own.
-    store.reset();
     store = open_database(&config);
     if (!store) {
       return 1;
