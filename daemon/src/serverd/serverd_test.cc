@@ -401,4 +401,39 @@ TEST_F(ServerdTest, PortInUseIsAFailure) {
             std::string::npos);
 }
 
+TEST_F(ServerdTest, VornSendDeliversAResultThatSqliteReadsBack) {
+  std::string config = write_config();
+  auto server = start({"-d", "-c", config});
+  ASSERT_TRUE(server->wait_for_err(kReady));
+  std::string output_file = dir_ / "uptime.txt";
+  vorn::test::write_file(output_file, std::string("load 0.42\n\0binary", 18));
+  Process sender({VORN_SEND_PATH, "-c", config, "uptime", output_file}, dir_.path());
+  EXPECT_EQ(sender.wait_exit(), 0);
+  EXPECT_NE(sender.out().find("Sent result of 'uptime' (18 bytes of output) to tcp://127.0.0.1:" +
+                              std::to_string(port_)),
+            std::string::npos);
+  ASSERT_TRUE(vorn::test::wait_until([&] { return vorn::test::count_rows(db_path()) == 1; },
+                                     vorn::test::milliseconds(10000)));
+  auto rows = vorn::test::query(db_path(), "SELECT Provider, STDOUT, Stdout_size FROM vorn_1");
+  EXPECT_EQ(rows[0], (std::vector<std::string>{"uptime", std::string("load 0.42\n\0binary", 18),
+                                               "18"}));
+  server->send_signal(SIGTERM);
+  EXPECT_EQ(server->wait_exit(), 0);
+}
+
+TEST_F(ServerdTest, CommittedRowsSurviveAKill) {
+  auto server = start({"-c", write_config()});
+  auto publisher = connect_sender();
+  for (int i = 0; i < 50; ++i) {
+    ASSERT_EQ(send_result(vorn::test::sample_result("kept", "x"), sender_config_, publisher.get()),
+              1);
+  }
+  // Another connection sees only committed rows.
+  ASSERT_TRUE(vorn::test::wait_until([&] { return vorn::test::count_rows(db_path()) == 50; },
+                                     vorn::test::milliseconds(10000)));
+  server->send_signal(SIGKILL);
+  EXPECT_EQ(server->wait_exit(), 128 + SIGKILL);
+  EXPECT_EQ(vorn::test::count_rows(db_path()), 50);
+}
+
 }  // namespace

@@ -1,0 +1,130 @@
+// vorn-send: sends one result to an accumulate server, the way a node's
+// publisher does, and waits until the server has acknowledged the sender.
+
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <string>
+
+#include "daemon/src/config/config.h"
+#include "daemon/src/provider/result.h"
+#include "daemon/src/provider/sender.h"
+#include "daemon/src/serverd/accumulate_server.h"
+#include "daemon/src/serverd/startup.h"
+#include "util/str.h"
+
+namespace {
+
+void usage(const char* program) {
+  std::printf(
+      "Usage: %s [-c file] [-e endpoint] [-r host] [-t seconds] NAME [FILE]\n"
+      "Sends one result of data provider NAME, with the contents of FILE (or of standard\n"
+      "input) as its standard output, to the accumulate server.\n"
+      "  -c file      configuration file [default = %s]\n"
+      "  -e endpoint  server endpoint [default = tcp://<accumulate_host>:<accumulate_port>,\n"
+      "               with 127.0.0.1 for an empty accumulate_host]\n"
+      "  -r host      address the server connects back to for its acknowledgement\n"
+      "               [default = 127.0.0.1 for a local server, else this node's address]\n"
+      "  -t seconds   how long to wait for the acknowledgement [default = 10]\n",
+      program, installation().config_file.c_str());
+}
+
+bool is_local(const std::string& host) {
+  return host == "127.0.0.1" || host == "localhost" || host == "*";
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::string config_file = installation().config_file;
+  std::string endpoint;
+  std::string reply_host;
+  int timeout_s = 10;
+  int opt;
+  while ((opt = getopt(argc, argv, "c:e:r:t:h")) != -1) {
+    switch (opt) {
+      case 'c':
+        config_file = optarg;
+        break;
+      case 'e':
+        endpoint = optarg;
+        break;
+      case 'r':
+        reply_host = optarg;
+        break;
+      case 't':
+        timeout_s = std::atoi(optarg);
+        break;
+      case 'h':
+        usage(argv[0]);
+        return 0;
+      default:
+        usage(argv[0]);
+        return 2;
+    }
+  }
+  if (optind >= argc || argc - optind > 2) {
+    usage(argv[0]);
+    return 2;
+  }
+  daemon_config config;
+  if (read_config(config, config_file.c_str()) != 0) {
+    return 1;
+  }
+  std::string server_host = config.accumulate_host[0] != '\0' ? config.accumulate_host
+                                                               : "127.0.0.1";
+  if (endpoint.empty()) {
+    endpoint = "tcp://" + server_host + ":" + config.accumulate_port;
+  }
+  if (reply_host.empty()) {
+    char* host = zsys_hostname();
+    reply_host = is_local(server_host) ? "127.0.0.1" : resolve_host_address(host ? host : "");
+    zstr_free(&host);
+    if (reply_host.empty()) {
+      std::fprintf(stderr, "Cannot tell this node's address; name it with -r\n");
+      return 1;
+    }
+  }
+
+  std::string output;
+  if (argc - optind == 2) {
+    std::ifstream in(argv[optind + 1], std::ios::binary);
+    if (!in) {
+      std::fprintf(stderr, "Cannot read '%s'\n", argv[optind + 1]);
+      return 1;
+    }
+    output.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  } else {
+    output.assign(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
+  }
+
+  provider_result result;
+  result.header.api = 1;
+  vorn::str::copy(result.header.name, argv[optind]);
+  gettimeofday(&result.header.timestamp, nullptr);
+  gethostname(result.header.hostname, sizeof result.header.hostname - 1);
+  vorn::str::copy(result.header.option_id, "None");
+  result.header.version = 1;
+  result.stdout_data = output;
+  result.header.stdout_size = output.size();
+
+  auto publisher = connect_result_publisher(endpoint);
+  if (!publisher) {
+    return 1;
+  }
+  if (!request_pub_ack(publisher.get(), config, reply_host, timeout_s * 1000)) {
+    std::fprintf(stderr, "No acknowledgement from %s within %d s\n", endpoint.c_str(), timeout_s);
+    return 1;
+  }
+  if (send_result(result, config, publisher.get()) != 1) {
+    return 1;
+  }
+  std::printf("Sent result of '%s' (%zu bytes of output) to %s\n", result.header.name,
+              output.size(), endpoint.c_str());
+  return 0;
+}
