@@ -3,9 +3,13 @@
 #include <libxml/parser.h>
 #include <libxml/xpathInternals.h>
 
+#include "util/log.h"
+
 namespace vorn::xml {
 
 namespace {
+
+constexpr const char* kLogSource = "util/xml";
 
 void discard_message(void*, const char*, ...) {}
 
@@ -67,6 +71,40 @@ bool attribute(const xmlNode* node, const char* name, std::string* value) {
 
 double number(const std::string& text) {
   return xmlXPathCastStringToNumber(reinterpret_cast<const xmlChar*>(text.c_str()));
+}
+
+std::vector<xmlNode*> ConfigurationReader::all(const char* key) const {
+  return select(context_, std::string("//configuration/") + key);
+}
+
+const xmlNode* ConfigurationReader::find(const char* key, const char* several_message,
+                                         const char* closing) const {
+  std::vector<xmlNode*> nodes = all(key);
+  if (nodes.empty()) {
+    return nullptr;
+  }
+  if (nodes.size() > 1) {
+    VORN_LOG(4) << several_message << path_ << closing;
+  }
+  return nodes.front();
+}
+
+std::optional<std::string> ConfigurationReader::text(const char* key, const char* several_message,
+                                                     const char* closing) const {
+  const xmlNode* node = find(key, several_message, closing);
+  if (node == nullptr) {
+    return std::nullopt;
+  }
+  return vorn::xml::text(node);
+}
+
+std::optional<double> ConfigurationReader::number(const char* key, const char* several_message,
+                                                  const char* closing) const {
+  std::optional<std::string> value = text(key, several_message, closing);
+  if (!value) {
+    return std::nullopt;
+  }
+  return vorn::xml::number(*value);
 }
 
 }  // namespace vorn::xml

@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <limits>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -49,6 +50,35 @@ bool attribute(const xmlNode* node, const char* name, std::string* value);
 
 // XPath number value of a text: NaN for anything that is not a number.
 double number(const std::string& text);
+
+// Reads settings of a file whose every setting is an element below any
+// "configuration" element ("//configuration/<key>"). When a key occurs more
+// than once, the first occurrence in document order is used and a warning is
+// logged: the caller's message, the file's path, then `kFirstOne` or the
+// caller's closing text.
+class ConfigurationReader {
+ public:
+  static constexpr const char* kFirstOne = "'. Using first one.";
+
+  ConfigurationReader(xmlXPathContext* context, std::string path)
+      : context_(context), path_(std::move(path)) {}
+
+  // Every match of the key, in document order.
+  std::vector<xmlNode*> all(const char* key) const;
+
+  const xmlNode* find(const char* key, const char* several_message,
+                      const char* closing = kFirstOne) const;
+  std::optional<std::string> text(const char* key, const char* several_message,
+                                  const char* closing = kFirstOne) const;
+  std::optional<double> number(const char* key, const char* several_message,
+                               const char* closing = kFirstOne) const;
+
+  const std::string& path() const { return path_; }
+
+ private:
+  xmlXPathContext* context_;
+  std::string path_;
+};
 
 // Truncates toward zero into T. NaN gives 0; values beyond T's range saturate,
 // because a plain cast of such a double is undefined.

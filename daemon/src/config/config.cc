@@ -29,61 +29,21 @@ namespace {
 
 constexpr const char* kLogSource = "daemon/src/config";
 
-// Looks up one key below any configuration element. Several matches are
-// reported and the first in document order is used.
-class KeyReader {
- public:
-  KeyReader(xmlXPathContext* context, const char* path) : context_(context), path_(path) {}
-
-  const xmlNode* find(const char* key, const char* several_message) const {
-    std::vector<xmlNode*> nodes =
-        vorn::xml::select(context_, std::string("//configuration/") + key);
-    if (nodes.empty()) {
-      return nullptr;
-    }
-    if (nodes.size() > 1) {
-      VORN_LOG(4) << several_message << path_ << "'. Using first one.";
-    }
-    return nodes.front();
+// Only the exact texts "true" and "false" are understood.
+void read_boolean(const vorn::xml::ConfigurationReader& keys, const char* key,
+                  const char* several_message, bool& field) {
+  std::optional<std::string> value = keys.text(key, several_message);
+  if (!value) {
+    return;
   }
-
-  std::optional<std::string> text(const char* key, const char* several_message) const {
-    const xmlNode* node = find(key, several_message);
-    if (node == nullptr) {
-      return std::nullopt;
-    }
-    return vorn::xml::text(node);
+  if (*value == "true") {
+    field = true;
+  } else if (*value == "false") {
+    field = false;
+  } else {
+    VORN_LOG(4) << "Unrecognized value for " << key << ": '" << *value << "'.  Using default.";
   }
-
-  std::optional<double> number(const char* key, const char* several_message) const {
-    std::optional<std::string> value = text(key, several_message);
-    if (!value) {
-      return std::nullopt;
-    }
-    return vorn::xml::number(*value);
-  }
-
-  // Only the exact texts "true" and "false" are understood.
-  void boolean(const char* key, const char* several_message, bool& field) const {
-    std::optional<std::string> value = text(key, several_message);
-    if (!value) {
-      return;
-    }
-    if (*value == "true") {
-      field = true;
-    } else if (*value == "false") {
-      field = false;
-    } else {
-      VORN_LOG(4) << "Unrecognized value for " << key << ": '" << *value << "'.  Using default.";
-    }
-  }
-
-  const char* path() const { return path_; }
-
- private:
-  xmlXPathContext* context_;
-  const char* path_;
-};
+}
 
 // The first scale attribute of the first timeout element picks the scale.
 void read_timeout_scale(const xmlNode* timeout, daemon_config& config) {
@@ -112,7 +72,7 @@ void read_timeout_scale(const xmlNode* timeout, daemon_config& config) {
   config.timeout_scale = it->second;
 }
 
-void read_keys(const KeyReader& keys, daemon_config& config) {
+void read_keys(const vorn::xml::ConfigurationReader& keys, daemon_config& config) {
   using vorn::str::copy;
   using vorn::str::wordexp;
   using vorn::xml::to_integer;
@@ -142,9 +102,9 @@ void read_keys(const KeyReader& keys, daemon_config& config) {
   if (auto v = keys.text("database_file", "Multiple database_file elements in '")) {
     config.database_file = wordexp(*v);
   }
-  keys.boolean("enable_adhoc_clusters", "Multiple enable_adhoc_clusters elements in '",
+  read_boolean(keys, "enable_adhoc_clusters", "Multiple enable_adhoc_clusters elements in '",
                config.enable_adhoc_clusters);
-  keys.boolean("enable_discovery", "Multiple enable_discovery elements in '",
+  read_boolean(keys, "enable_discovery", "Multiple enable_discovery elements in '",
                config.enable_discovery);
   if (auto v = keys.number("heartbeat_period", "Multiple heartbeat period elements in '")) {
     config.heartbeat_period = to_integer_via_64<int32_t>(*v);
@@ -199,7 +159,7 @@ int read_config(daemon_config& config, const char* path) {
     return -1;
   }
 
-  KeyReader keys(context.get(), path);
+  vorn::xml::ConfigurationReader keys(context.get(), path);
   read_keys(keys, config);
   read_provider_options(config, context.get());
   return 0;

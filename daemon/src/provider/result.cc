@@ -193,15 +193,8 @@ int receive_result(provider_result& result, const daemon_config&, zsock_t* socke
   return 1;
 }
 
-void dump_result(const provider_result& result, const daemon_config& config) {
-  ::umask(022);
+std::string result_text(const provider_result& result) {
   const result_header& h = result.header;
-  std::string path = std::string(config.accumulate_output_dir) + "/" + dump_file_name(h.name);
-  FILE* file = std::fopen(path.c_str(), "ab");
-  if (file == nullptr) {
-    VORN_LOG(3) << "Error opening log file '" << path << "'";
-    return;
-  }
   std::ostringstream text;
   text << "Name: " << h.name << "\n"
        << "Hostname: " << h.hostname << "\n"
@@ -217,9 +210,21 @@ void dump_result(const provider_result& result, const daemon_config& config) {
        << result.stdout_data << "\n"
        << "stderr (" << h.stderr_size << " bytes): \n"
        << result.stderr_data << "\n"
-       << "nodes (" << h.num_nodes << " nodes, " << h.nodes_size << " bytes): " << result.nodes_csv
-       << "\n";
-  const std::string& bytes = text.str();
-  std::fwrite(bytes.data(), 1, bytes.size(), file);
+       << "nodes (" << h.num_nodes << " nodes, " << h.nodes_size << " bytes): "
+       << result.nodes_csv << "\n";
+  return text.str();
+}
+
+void dump_result(const provider_result& result, const daemon_config& config) {
+  ::umask(022);
+  std::string path =
+      std::string(config.accumulate_output_dir) + "/" + dump_file_name(result.header.name);
+  FILE* file = std::fopen(path.c_str(), "ab");
+  if (file == nullptr) {
+    VORN_LOG(3) << "Error opening log file '" << path << "'";
+    return;
+  }
+  const std::string text = result_text(result);
+  std::fwrite(text.data(), 1, text.size(), file);
   std::fclose(file);
 }

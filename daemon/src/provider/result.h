@@ -75,6 +75,10 @@ int send_result(const provider_result& result, const daemon_config& config, zsoc
 // acknowledgement request or an unrecognised message (logged).
 int receive_result(provider_result& result, const daemon_config& config, zsock_t* socket);
 
+// The text form of a result: one "Field: value" line per header field, then
+// the outputs and the node list as they are (bytes unchanged).
+std::string result_text(const provider_result& result);
+
 // Appends the text form of the result to accumulate_output_dir + "/" + name.
 // A name that could leave the directory ("/", "." or "..") is made safe.
 void dump_result(const provider_result& result, const daemon_config& config);
