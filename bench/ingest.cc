@@ -63,12 +63,13 @@ provider_result make_result(int sender, std::mt19937& random) {
 }
 
 // Each sender completes the handshake, then sends its results as fast as it can.
-void run_senders(const Options& options, const std::string& endpoint,
-                 const daemon_config& config, Clock::time_point* start_sending) {
+void run_senders(const Options& options, const std::string& endpoint, const daemon_config& config,
+                 Clock::time_point* start_sending) {
   std::vector<vorn::czmq::Socket> publishers;
   for (int s = 0; s < options.senders; ++s) {
     publishers.push_back(connect_result_publisher(endpoint));
-    if (!publishers.back() || !request_pub_ack(publishers.back().get(), config, "127.0.0.1", 20000)) {
+    if (!publishers.back() ||
+        !request_pub_ack(publishers.back().get(), config, "127.0.0.1", 20000)) {
       std::fprintf(stderr, "sender %d: no acknowledgement from %s\n", s, endpoint.c_str());
       std::exit(1);
     }

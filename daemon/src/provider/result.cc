@@ -210,8 +210,8 @@ std::string result_text(const provider_result& result) {
        << result.stdout_data << "\n"
        << "stderr (" << h.stderr_size << " bytes): \n"
        << result.stderr_data << "\n"
-       << "nodes (" << h.num_nodes << " nodes, " << h.nodes_size << " bytes): "
-       << result.nodes_csv << "\n";
+       << "nodes (" << h.num_nodes << " nodes, " << h.nodes_size << " bytes): " << result.nodes_csv
+       << "\n";
   return text.str();
 }
 

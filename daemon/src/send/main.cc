@@ -76,8 +76,8 @@ int main(int argc, char** argv) {
   if (read_config(config, config_file.c_str()) != 0) {
     return 1;
   }
-  std::string server_host = config.accumulate_host[0] != '\0' ? config.accumulate_host
-                                                               : "127.0.0.1";
+  std::string server_host =
+      config.accumulate_host[0] != '\0' ? config.accumulate_host : "127.0.0.1";
   if (endpoint.empty()) {
     endpoint = "tcp://" + server_host + ":" + config.accumulate_port;
   }

@@ -415,8 +415,8 @@ TEST_F(ServerdTest, VornSendDeliversAResultThatSqliteReadsBack) {
   ASSERT_TRUE(vorn::test::wait_until([&] { return vorn::test::count_rows(db_path()) == 1; },
                                      vorn::test::milliseconds(10000)));
   auto rows = vorn::test::query(db_path(), "SELECT Provider, STDOUT, Stdout_size FROM vorn_1");
-  EXPECT_EQ(rows[0], (std::vector<std::string>{"uptime", std::string("load 0.42\n\0binary", 18),
-                                               "18"}));
+  EXPECT_EQ(rows[0],
+            (std::vector<std::string>{"uptime", std::string("load 0.42\n\0binary", 18), "18"}));
   server->send_signal(SIGTERM);
   EXPECT_EQ(server->wait_exit(), 0);
 }

@@ -1,0 +1,38 @@
+#pragma once
+// Running one command line under /bin/sh with its output captured and a
+// time-out enforced.
+//
+// The child leads a process group of its own, with standard input on
+// /dev/null; when the time is up the whole group gets SIGTERM, then SIGKILL
+// three seconds later, so nothing the command started outlives it. Output is
+// read as it comes, without limit and without busy waiting.
+//
+// Thread safety: a call touches only its job; it blocks the calling thread
+// for the run (at most the time-out plus about 11 seconds, unless the command
+// closes its output and keeps running: that one is waited for).
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <string>
+
+struct popen3_job {
+  std::string command;      // handed to /bin/sh -c unchanged
+  std::string stderr_data;  // bytes as read, in arrival order
+  std::string stdout_data;
+  int64_t timeout = 0;  // seconds
+  double duration = 0;  // whole seconds, measured with time()
+  int32_t pid = -2;     // the final wait's result: child pid, 0 given up, -1 failed
+  int32_t exit_status = -2;
+  bool timed_out = false;
+};
+
+// Returns 0, or -1 when a system call failed while the child was watched or
+// waited for (errno tells which). The job's results are filled either way.
+int popen3(popen3_job& job);
+
+// Ends child `pid` (and its process group): SIGTERM, SIGKILL once
+// `term_grace` seconds have passed, and gives up after `give_up` seconds.
+// Returns the last waitpid result: the pid when reaped, -1 on error, 0 when it
+// gave up. `status` receives the wait status of a reaped child.
+pid_t kill_child(pid_t pid, int* status, double term_grace, double give_up);

@@ -1,0 +1,184 @@
+#include "daemon/src/provider/run.h"
+
+#include <sys/file.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+
+#include "daemon/src/provider/nodes.h"
+#include "daemon/src/provider/popen3.h"
+#include "util/fs.h"
+#include "util/log.h"
+#include "util/str.h"
+
+namespace {
+
+constexpr const char* kLogSource = "daemon/src/provider";
+
+// Writes all of `size` bytes; false on an error (short writes are retried).
+bool write_all(int fd, const char* data, size_t size) {
+  while (size > 0) {
+    ssize_t n = ::write(fd, data, size);
+    if (n < 0) {
+      if (errno == EINTR) {
+        continue;
+      }
+      return false;
+    }
+    data += n;
+    size -= static_cast<size_t>(n);
+  }
+  return true;
+}
+
+}  // namespace
+
+std::string provider_command_line(const provider& record, const daemon_config& config,
+                                  const std::string& environment, int64_t timeout) {
+  std::string line = record.command;
+  if (record.min_nodes >= 2) {
+    line = "VORN_DP_NODEFILE=" + record.nodefile + " " + line;
+  }
+  line = vorn::str::replace(line, "%PROVIDER_AUXILIARY_PATH%", config.provider_auxiliary_path);
+  line = environment + line;
+  return "VORN_TIMEOUT=" + std::to_string(timeout) + " " + line;
+}
+
+void fill_hostname(provider_result& result) {
+  char name[256] = {};
+  if (::gethostname(name, sizeof name - 1) != 0) {
+    VORN_LOG(3) << "Unable to get hostname " << vorn::log::sys_error(errno);
+    return;
+  }
+  vorn::str::copy(result.header.hostname, name);
+}
+
+int run_provider(provider& record, const daemon_config& config, provider_result& result,
+                 const std::string& environment) {
+  uint16_t num_nodes = 0;
+  std::string nodes_csv;
+  if (!record.nodefile.empty() && !read_node_file(record.nodefile, num_nodes, nodes_csv)) {
+    num_nodes = 0;
+    nodes_csv.clear();
+  }
+  popen3_job job;
+  job.timeout = scale_timeout(record.timeout, num_nodes, record.timeout_scale);
+  job.command = provider_command_line(record, config, environment, job.timeout);
+  if (popen3(job) != 0) {
+    VORN_LOG(3) << "Error executing popen3 " << vorn::log::sys_error(errno);
+    return 0;
+  }
+  if (job.exit_status != 0) {
+    VORN_LOG(6) << "Non-zero exit status from data provider '" << record.name << "'";
+  }
+  if (::gettimeofday(&record.last_run, nullptr) != 0) {
+    VORN_LOG(3) << "Error getting time " << vorn::log::sys_error(errno);
+    return 0;
+  }
+  result_header& h = result.header;
+  result.stdout_data = std::move(job.stdout_data);
+  result.stderr_data = std::move(job.stderr_data);
+  result.nodes_csv = nodes_csv;
+  h.api = 1;
+  h.exit_status = job.exit_status;
+  std::memset(h.name, 0, sizeof h.name);
+  vorn::str::copy(h.name, record.name);
+  h.encoding = static_cast<int32_t>(record.encoding);
+  h.timestamp = record.last_run;
+  h.duration = job.duration;
+  fill_hostname(result);
+  h.num_nodes = num_nodes;
+  h.stdout_size = result.stdout_data.size();
+  h.stderr_size = result.stderr_data.size();
+  h.nodes_size = result.nodes_csv.size();
+  h.version = record.version;
+  return 1;
+}
+
+int write_output_file(const provider_result& result, const std::string& directory,
+                      std::string* path) {
+  char name[4096] = {};
+  std::snprintf(name, sizeof name, "%s/%s.XXXXXX", directory.c_str(), result.header.name);
+  if (!vorn::fs::make_path(directory)) {
+    VORN_LOG(3) << "Error creating output file '" << name << "' (directory '" << directory
+                << "' cannot be made)";
+    return 0;
+  }
+  int fd = ::mkstemp(name);
+  if (fd < 0) {
+    VORN_LOG(3) << "Error creating output file '" << name << "' " << vorn::log::sys_error(errno);
+    return 0;
+  }
+  bool locked = ::flock(fd, LOCK_EX) == 0;
+  if (!locked) {
+    VORN_LOG(4) << "Unable to lock file '" << name << "' " << vorn::log::sys_error(errno);
+  }
+  struct Part {
+    const char* data;
+    size_t size;
+    const char* error;
+  } parts[] = {
+      {reinterpret_cast<const char*>(&result.header), kResultHeaderSize, "Error writing header "},
+      {result.stdout_data.data(), result.stdout_data.size(), "Error writing stdout "},
+      {result.stderr_data.data(), result.stderr_data.size(), "Error writing stderr "},
+      {result.nodes_csv.data(), result.nodes_csv.size(), "Error writing nodes_csv "},
+  };
+  for (const Part& part : parts) {
+    if (!write_all(fd, part.data, part.size)) {
+      VORN_LOG(3) << part.error << vorn::log::sys_error(errno);
+      ::unlink(name);
+      ::close(fd);
+      return 0;
+    }
+  }
+  if (locked && ::flock(fd, LOCK_UN) != 0) {
+    VORN_LOG(4) << "Unable to unlock file '" << name << "' " << vorn::log::sys_error(errno);
+  }
+  ::close(fd);
+  if (path != nullptr) {
+    *path = name;
+  }
+  return 1;
+}
+
+bool read_output_file(const std::string& path, provider_result& result, std::string* error) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) {
+    *error = "cannot read '" + path + "': " + std::strerror(errno);
+    return false;
+  }
+  std::ostringstream bytes;
+  bytes << in.rdbuf();
+  const std::string data = bytes.str();
+  if (data.size() < kResultHeaderSize) {
+    *error = "'" + path + "' is " + std::to_string(data.size()) +
+             " bytes long, shorter than the 456-byte result header";
+    return false;
+  }
+  std::memcpy(&result.header, data.data(), kResultHeaderSize);
+  result_header& h = result.header;
+  h.name[sizeof h.name - 1] = '\0';
+  h.hostname[sizeof h.hostname - 1] = '\0';
+  h.option_id[sizeof h.option_id - 1] = '\0';
+  size_t rest = data.size() - kResultHeaderSize;
+  if (h.stdout_size > rest || h.stderr_size > rest - h.stdout_size ||
+      h.nodes_size > rest - h.stdout_size - h.stderr_size) {
+    *error = "'" + path + "' is shorter than its header says (" + std::to_string(data.size()) +
+             " bytes, header claims " + std::to_string(kResultHeaderSize) + " + " +
+             std::to_string(h.stdout_size) + " + " + std::to_string(h.stderr_size) + " + " +
+             std::to_string(h.nodes_size) + ")";
+    return false;
+  }
+  size_t at = kResultHeaderSize;
+  result.stdout_data = data.substr(at, h.stdout_size);
+  at += h.stdout_size;
+  result.stderr_data = data.substr(at, h.stderr_size);
+  at += h.stderr_size;
+  result.nodes_csv = data.substr(at, h.nodes_size);
+  return true;
+}
