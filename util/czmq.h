@@ -36,6 +36,17 @@ using Message = std::unique_ptr<zmsg_t, DestroyMessage>;
 using Frame = std::unique_ptr<zframe_t, DestroyFrame>;
 using String = std::unique_ptr<char, FreeString>;
 
+// Initialises CZMQ once, whichever thread comes first. CZMQ's own lazy
+// initialisation is not safe when several threads make their first sockets
+// at the same moment.
+inline void init() {
+  static const bool done = [] {
+    zsys_init();
+    return true;
+  }();
+  (void)done;
+}
+
 // The endpoint a socket last bound, e.g. "tcp://127.0.0.1:49153"; "" if none.
 inline std::string last_endpoint(zsock_t* socket) {
   String endpoint(zsock_last_endpoint(socket));

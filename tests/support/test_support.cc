@@ -115,7 +115,7 @@ Process::Process(const std::vector<std::string>& argv, const std::string& log_di
       args.push_back(const_cast<char*>(a.c_str()));
     }
     args.push_back(nullptr);
-    ::execv(args[0], args.data());
+    ::execvp(args[0], args.data());
     ::_exit(127);
   }
 }

@@ -67,15 +67,15 @@ TEST(NodeFileTest, PermutationCount) {
     const char* text;
     int32_t want;  // with 9 as the current value
   } rows[] = {
-      {"3", 3},                 // a count
-      {"0", 0},                 // 0 means all
-      {"all", 0},               // the keyword
-      {"ALL", 0},               // in upper case
-      {"All", 9},               // mixed case is not the keyword
-      {"-2", 9},                // negative
-      {" 7x", 7},               // blanks before, rubbish after
-      {"99999999999", 9},       // beyond 32 bits
-      {"", 9},                  // nothing
+      {"3", 3},            // a count
+      {"0", 0},            // 0 means all
+      {"all", 0},          // the keyword
+      {"ALL", 0},          // in upper case
+      {"All", 9},          // mixed case is not the keyword
+      {"-2", 9},           // negative
+      {" 7x", 7},          // blanks before, rubbish after
+      {"99999999999", 9},  // beyond 32 bits
+      {"", 9},             // nothing
   };
   for (const Row& row : rows) {
     testing::internal::CaptureStderr();

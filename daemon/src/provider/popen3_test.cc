@@ -87,10 +87,10 @@ TEST(Popen3Test, CapturesOutputAndExitStatus) {
 }
 
 TEST(Popen3Test, LargeOutputOnBothStreamsAtOnce) {
-  Ran r = run(
-      "head -c 3000000 /dev/zero | tr '\\0' o & head -c 2000000 /dev/zero | tr '\\0' e >&2; "
-      "wait",
-      60);
+  Ran r =
+      run("head -c 3000000 /dev/zero | tr '\\0' o & head -c 2000000 /dev/zero | tr '\\0' e >&2; "
+          "wait",
+          60);
   EXPECT_EQ(r.rc, 0);
   EXPECT_EQ(r.job.stdout_data, std::string(3000000, 'o'));
   EXPECT_EQ(r.job.stderr_data, std::string(2000000, 'e'));
@@ -106,8 +106,7 @@ TEST(Popen3Test, TimeOutKillsTheWholeGroup) {
       {"a command that sleeps", "echo started; sleep 30", 1, 3},
       {"children in the background", "sleep 30 & sleep 30 & wait", 1, 3},
       {"the command ends but leaves a child holding the pipes", "(sleep 30 &); echo done", 1, 3},
-      {"a command that ignores SIGTERM gets SIGKILL after 3 s", "trap '' TERM; sleep 30", 4.5,
-       7},
+      {"a command that ignores SIGTERM gets SIGKILL after 3 s", "trap '' TERM; sleep 30", 4.5, 7},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.comment);

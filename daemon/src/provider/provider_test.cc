@@ -34,8 +34,7 @@ Parsed parse(const std::string& path, const daemon_config& settings = daemon_con
 std::string write_provider(const TempDir& dir, const std::string& name, const std::string& body,
                            int mode = 0644) {
   std::string path = dir / name;
-  vorn::test::write_file(path, "<?xml version=\"1.0\"?><configuration>" + body +
-                                   "</configuration>",
+  vorn::test::write_file(path, "<?xml version=\"1.0\"?><configuration>" + body + "</configuration>",
                          mode);
   return path;
 }
@@ -130,8 +129,7 @@ TEST(ProviderFileTest, Elements) {
       {"two time-outs", "<timeout>70</timeout><timeout>80</timeout>",
        [](const provider& p) { EXPECT_EQ(p.timeout, 70); },
        "Multipe timeout value elements in '@'. Using first one.\n"},
-      {"bad nodelist method and number",
-       "<nodelist method=\"shuffle\" number=\"-2\"/>",
+      {"bad nodelist method and number", "<nodelist method=\"shuffle\" number=\"-2\"/>",
        [](const provider& p) {
          EXPECT_EQ(p.nodelist_method, nodelist_method::none);
          EXPECT_EQ(p.nodelist_number, 1);
@@ -171,7 +169,8 @@ TEST(ProviderFileTest, RejectedFiles) {
     std::vector<std::string> want_log;  // lines, '@' for the path
   } rows[] = {
       {"minimum above maximum",
-       write_provider(dir, "a.xml", "<min_nodes>4</min_nodes><max_nodes>2</max_nodes>"), 1,
+       write_provider(dir, "a.xml", "<min_nodes>4</min_nodes><max_nodes>2</max_nodes>"),
+       1,
        {"Can not create cluster with a minimum of 4 and maximum of 2 nodes",
         "Error reading provider configuration '@'"}},
       {"a cluster of any nodes cannot ask for one architecture",
@@ -182,11 +181,17 @@ TEST(ProviderFileTest, RejectedFiles) {
        {"Can not set a specific target architecture for a cluster provider when there are no "
         "specific architecture requirements on the cluster nodes",
         "Error reading provider configuration '@'"}},
-      {"group-writable", write_provider(dir, "c.xml", "", 0664), 1,
+      {"group-writable",
+       write_provider(dir, "c.xml", "", 0664),
+       1,
        {"xml file is writable by other users: '@'", "Error reading provider configuration '@'"}},
-      {"not XML", write_provider(dir, "d.xml", "<unclosed>"), 1,
+      {"not XML",
+       write_provider(dir, "d.xml", "<unclosed>"),
+       1,
        {"xml parse error: '@'", "Error reading provider configuration '@'"}},
-      {"missing", dir / "none.xml", 2,
+      {"missing",
+       dir / "none.xml",
+       2,
        {"Error reading provider configuration '@' (2): No such file or directory"}},
   };
   for (const Row& row : rows) {
@@ -267,9 +272,9 @@ TEST(ProviderFileTest, NamesComeFromFileNames) {
     const char* path;
     const char* want;
   } rows[] = {
-      {"/p/x.xml", "x"},     // the extension goes
-      {"/p/ab", "ab"},       // shorter than ".xml": kept whole
-      {"/p/.xml", ""},       // nothing before the extension
+      {"/p/x.xml", "x"},  // the extension goes
+      {"/p/ab", "ab"},    // shorter than ".xml": kept whole
+      {"/p/.xml", ""},    // nothing before the extension
       {"/p/uptime.v2.xml", "uptime.v2"},
   };
   for (const Row& row : rows) {

@@ -124,8 +124,8 @@ TEST(OutputFileTest, LayoutAtTheHeaderOffsets) {
   std::memcpy(&stderr_size, bytes.data() + 384, 8);
   uint64_t nodes_size;
   std::memcpy(&nodes_size, bytes.data() + 360, 8);
-  EXPECT_EQ(bytes[0], 1);                                         // api
-  EXPECT_EQ(field(8, 64), std::string(63, 'n') + '\0');           // name, cut to 63
+  EXPECT_EQ(bytes[0], 1);                                // api
+  EXPECT_EQ(field(8, 64), std::string(63, 'n') + '\0');  // name, cut to 63
   EXPECT_EQ(std::string(bytes.data() + 104), result.header.hostname);
   EXPECT_EQ(stdout_size, 4u);
   EXPECT_EQ(stderr_size, 3u);

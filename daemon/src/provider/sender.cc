@@ -29,6 +29,7 @@ bool is_answer(zmsg_t* reply, int32_t number) {
 }  // namespace
 
 vorn::czmq::Socket connect_result_publisher(const std::string& endpoint) {
+  vorn::czmq::init();
   vorn::czmq::Socket publisher(zsock_new(ZMQ_PUB));
   if (!publisher) {
     return nullptr;
@@ -46,6 +47,7 @@ vorn::czmq::Socket connect_result_publisher(const std::string& endpoint) {
 
 bool request_pub_ack(zsock_t* publisher, const daemon_config& config, const std::string& reply_host,
                      int timeout_ms) {
+  vorn::czmq::init();
   vorn::czmq::Socket reply(zsock_new(ZMQ_REP));
   if (!reply || zsock_bind(reply.get(), "tcp://%s:*", reply_host.c_str()) < 0) {
     VORN_LOG(3) << "Unable to bind pub-ack reply socket on '" << reply_host << "' "

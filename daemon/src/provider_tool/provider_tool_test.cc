@@ -46,9 +46,9 @@ TEST_F(ProviderToolTest, CheckPrintsAcceptedProvidersAndFailsOnAnyRejection) {
                                    "<timeout scale=\"linear\">30</timeout>");
   Outcome ok = tool({"check", good});
   EXPECT_EQ(ok.status, 0) << ok.err;
-  for (const char* line : {"  name:         uptime", "  command:      uptime",
-                           "  period:       120 s", "  timeout:      30 s, linear",
-                           "  architecture: any, cluster any", "  disabled:     no"}) {
+  for (const char* line :
+       {"  name:         uptime", "  command:      uptime", "  period:       120 s",
+        "  timeout:      30 s, linear", "  architecture: any, cluster any", "  disabled:     no"}) {
     EXPECT_NE(ok.out.find(line), std::string::npos) << line << "\n" << ok.out;
   }
 
@@ -95,9 +95,10 @@ TEST_F(ProviderToolTest, RunOncePerOptionSet) {
 
 TEST_F(ProviderToolTest, RunAClusterProviderOnANodeFile) {
   std::string cfg = config();
-  std::string cluster = provider_file(
-      "pair.xml", "<command>sh -c 'cat $VORN_DP_NODEFILE'</command><min_nodes>2</min_nodes>"
-                  "<max_nodes>3</max_nodes>");
+  std::string cluster =
+      provider_file("pair.xml",
+                    "<command>sh -c 'cat $VORN_DP_NODEFILE'</command><min_nodes>2</min_nodes>"
+                    "<max_nodes>3</max_nodes>");
   vorn::test::write_file(dir_ / "nodes", "n1\nn2\n");
   Outcome ran = tool({"run", cluster, "-c", cfg, "-N", dir_ / "nodes"});
   ASSERT_EQ(ran.status, 0) << ran.err;

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <memory>
 
+#include "daemon/src/adhoc_cluster/beacon.h"
 #include "daemon/src/config/config.h"
 #include "daemon/src/database/database.h"
 #include "daemon/src/serverd/accumulate_server.h"
@@ -125,6 +126,9 @@ int serverd_main(int argc, char** argv) {
 
   if (!config.enable_discovery) {
     VORN_LOG(5) << "Dynamic service discovery is disabled.";
+  } else {
+    // A server without a beacon still serves; nodes then need accumulate_host.
+    start_discovery_beacon(options, config);
   }
 
   if (!write_pid_file(options, config) && !options.pid_file.empty()) {

@@ -1,0 +1,158 @@
+#include "daemon/src/adhoc_cluster/adhoc_cluster.h"
+
+#include <sys/utsname.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <ctime>
+
+#include "daemon/src/adhoc_cluster/beacon.h"
+#include "util/czmq.h"
+#include "util/log.h"
+
+namespace {
+
+constexpr const char* kLogSource = "daemon/src/adhoc_cluster";
+constexpr int kIntervalMs = 1000;
+constexpr int64_t kMaxWaitSeconds = 2147483;  // the longest wait that fits in milliseconds
+constexpr int kDissolveLingerMs = 2000;
+
+std::string frame_text(zframe_t* frame) {
+  return std::string(reinterpret_cast<const char*>(zframe_data(frame)), zframe_size(frame));
+}
+
+// Appends the sender of a valid RSVP to `members`; false for anything else.
+bool take_rsvp(zmsg_t* message, adhoc_member_list& members) {
+  if (zmsg_size(message) != 3) {
+    return false;
+  }
+  zframe_t* tag = zmsg_first(message);
+  if (frame_text(tag) != "ADHOC RSVP") {
+    return false;
+  }
+  std::string host = frame_text(zmsg_next(message));
+  std::string port = frame_text(zmsg_next(message));
+  members.push_back({host, port});
+  return true;
+}
+
+}  // namespace
+
+std::string adhoc_invitation(const provider& record, const daemon_config& config,
+                             const std::string& architecture, int port) {
+  int64_t lifetime = static_cast<int64_t>(record.adhoc_cluster_invite_time) +
+                     scale_timeout(record.timeout, record.max_nodes, record.timeout_scale);
+  std::string text = "ADHOC";
+  if (!config.network_partition.empty()) {
+    text += " " + config.network_partition;
+  }
+  return text + " arch=" + architecture +
+         " load=" + std::to_string(static_cast<long long>(record.loadavg)) +
+         " port=" + std::to_string(port) + " time=" + std::to_string(lifetime);
+}
+
+bool form_adhoc_cluster(const provider& record, const daemon_config& config,
+                        adhoc_member_list& members) {
+  vorn::czmq::Socket pull(zsock_new(ZMQ_PULL));
+  std::string hostname;
+  vorn::czmq::Actor beacon = new_beacon(config, &hostname);
+  if (!pull || !beacon) {
+    VORN_LOG(3) << "Error creating adhoc cluster request";
+    return false;
+  }
+  if (hostname.empty()) {
+    VORN_LOG(3) << "UDP broadcast is not supported.";
+    return false;
+  }
+  std::string architecture = "any";
+  if (record.cluster == cluster_kind::uniform) {
+    struct utsname machine;
+    if (::uname(&machine) != 0) {
+      VORN_LOG(3) << "Unable to obtain system architecture. Not creating cluster";
+      return false;
+    }
+    architecture = machine.machine;
+  }
+  int port = zsock_bind(pull.get(), "tcp://*:*");
+  if (port < 0) {
+    VORN_LOG(3) << "Error creating adhoc cluster request";
+    return false;
+  }
+  std::string invitation = adhoc_invitation(record, config, architecture, port);
+  if (invitation.size() > kBeaconPayloadMax) {
+    VORN_LOG(3) << "Adhoc cluster invitation of " << invitation.size()
+                << " bytes is too long for a beacon; shorten network_partition";
+    return false;
+  }
+  zsock_send(beacon.get(), "sbi", "PUBLISH", invitation.data(), invitation.size(), kIntervalMs);
+
+  int count = 1;  // this node
+  int64_t remaining = record.adhoc_cluster_invite_time;
+  while (remaining > 0 && count < record.max_nodes) {
+    std::time_t noted = std::time(nullptr);
+    remaining = std::min(remaining, kMaxWaitSeconds);
+    zsock_set_rcvtimeo(pull.get(), static_cast<int>(remaining * 1000));
+    vorn::czmq::Message reply(zmsg_recv(pull.get()));
+    if (reply) {
+      if (take_rsvp(reply.get(), members)) {
+        ++count;
+      } else {
+        VORN_LOG(3) << "Unrecognized RSVP format";
+      }
+    }
+    // The deadline was fixed when collection began, whatever arrives.
+    remaining = static_cast<int64_t>(noted) + remaining - static_cast<int64_t>(std::time(nullptr));
+  }
+  zstr_sendx(beacon.get(), "SILENCE", nullptr);
+  beacon.reset();
+  pull.reset();
+
+  if (count >= record.min_nodes) {
+    return true;
+  }
+  VORN_LOG(4) << "Needed at least " << record.min_nodes << " nodes for the adhoc "
+              << "cluster, but only got " << count;
+  dissolve_adhoc_cluster(members);
+  return false;
+}
+
+void dissolve_adhoc_cluster(adhoc_member_list& members) {
+  for (const adhoc_member& member : members) {
+    std::string endpoint = "tcp://" + member.host + ":" + member.port;
+    vorn::czmq::Socket push(zsock_new(ZMQ_PUSH));
+    // zsock_connect never binds, whatever the member's text says.
+    if (!push || zsock_connect(push.get(), "%s", endpoint.c_str()) != 0) {
+      VORN_LOG(3) << "Unable to send adhoc cluster dissolve message to " << endpoint;
+      continue;
+    }
+    // The connection is made in the background: give the message time to go.
+    zsock_set_linger(push.get(), kDissolveLingerMs);
+    zsock_set_sndtimeo(push.get(), kDissolveLingerMs);
+    zstr_send(push.get(), "ADHOC DISSOLVE");
+  }
+  members.clear();
+}
+
+bool write_adhoc_nodefile(const adhoc_member_list& members, std::string& path) {
+  char name[] = "/tmp/nodefile.XXXXXX";
+  int fd = ::mkstemp(name);
+  if (fd < 0) {
+    VORN_LOG(3) << "Unable to create nodefile";
+    return false;
+  }
+  vorn::czmq::String self(zsys_hostname());
+  std::string text = std::string(self ? self.get() : "") + "\n";
+  for (const adhoc_member& member : members) {
+    text += member.host + "\n";
+  }
+  bool written = ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+  ::close(fd);
+  if (!written) {
+    VORN_LOG(3) << "Unable to create nodefile";
+    ::unlink(name);
+    return false;
+  }
+  path = name;
+  return true;
+}
