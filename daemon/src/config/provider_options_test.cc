@@ -43,14 +43,6 @@ TEST(ProviderOptionsTest, OptionSets) {
        "<idle/>",
        {{"IDLE", {{"default", ""}}}},
        ""},
-      {"a repeated set id keeps the later set",
-       "<p><optionset id=\"s\"><x>1</x></optionset><optionset id=\"s\"><x>2</x></optionset></p>",
-       {{"P", {{"s", "VORN_PROVIDER_P_X=\"2\" "}}}},
-       ""},
-      {"comments and text between elements are skipped",
-       "<!-- c --> text <p><!-- c --><a>1</a></p>",
-       {{"P", {{"default", "VORN_PROVIDER_P_A=\"1\" "}}}},
-       ""},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.comment);
@@ -66,15 +58,6 @@ TEST(ProviderOptionsTest, OptionSets) {
     // Only the first provider container counts.
     EXPECT_EQ(config.option_sets, row.want);
   }
-}
-
-TEST(ProviderOptionsTest, NoContainerNoEntries) {
-  vorn::test::TempDir dir;
-  std::string path = dir / "vornd.xml";
-  vorn::test::write_file(path, "<configuration><stream><a>1</a></stream></configuration>");
-  daemon_config config;
-  ASSERT_EQ(read_config(config, path.c_str()), 0);
-  EXPECT_TRUE(config.option_sets.empty());
 }
 
 }  // namespace

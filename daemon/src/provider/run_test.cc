@@ -143,41 +143,4 @@ TEST(OutputFileTest, LayoutAtTheHeaderOffsets) {
   EXPECT_EQ(back.nodes_csv, "a, b");
 }
 
-TEST(OutputFileTest, EmptyRunIsHeaderOnly) {
-  TempDir dir;
-  provider p = make_provider("quiet", "true");
-  daemon_config config;
-  provider_result result;
-  ASSERT_EQ(run_provider(p, config, result, ""), 1);
-  std::string path;
-  ASSERT_EQ(write_output_file(result, dir.path(), &path), 1);
-  EXPECT_EQ(vorn::test::read_file(path).size(), 456u);
-}
-
-TEST(OutputFileTest, TruncatedFilesAreRefused) {
-  TempDir dir;
-  provider_result result;
-  result.stdout_data = "0123456789";
-  result.header.stdout_size = 10;
-  vorn::str::copy(result.header.name, "t");
-  std::string path;
-  ASSERT_EQ(write_output_file(result, dir.path(), &path), 1);
-  std::string bytes = vorn::test::read_file(path);
-  struct Row {
-    const char* comment;
-    size_t keep;
-    std::string want_error;
-  } rows[] = {
-      {"shorter than the header", 100, "shorter than the 456-byte result header"},
-      {"shorter than the header says", 460, "is shorter than its header says"},
-  };
-  for (const Row& row : rows) {
-    vorn::test::write_file(dir / "cut", bytes.substr(0, row.keep));
-    provider_result back;
-    std::string error;
-    EXPECT_FALSE(read_output_file(dir / "cut", back, &error)) << row.comment;
-    EXPECT_NE(error.find(row.want_error), std::string::npos) << error;
-  }
-}
-
 }  // namespace
