@@ -19,15 +19,6 @@
 
 namespace {
 
-TEST(BeaconTextTest, DiscoveryPayload) {
-  daemon_config config;
-  EXPECT_EQ(discovery_payload(config), "DISCOVERY vorn3 port=1974");
-  EXPECT_EQ(discovery_payload(config).size(), 25u);
-  config.network_partition = "";
-  vorn::str::copy(config.accumulate_port, "2001");
-  EXPECT_EQ(discovery_payload(config), "DISCOVERY port=2001");
-}
-
 TEST(BeaconTextTest, Invitation) {
   daemon_config config;
   provider p;

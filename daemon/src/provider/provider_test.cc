@@ -246,24 +246,6 @@ TEST(ProviderFileTest, DirectoryScanOrderAndSelection) {
             std::string::npos);
 }
 
-TEST(ProviderFileTest, ArchitectureRule) {
-  TempDir dir;
-  daemon_config settings;
-  provider p;
-  EXPECT_EQ(check_provider_file(write_provider(dir, "any.xml", "").c_str(), settings, p), 0);
-  EXPECT_EQ(check_provider_file(
-                write_provider(dir, "here.xml", "<architecture>x86_64</architecture>").c_str(),
-                settings, p),
-            0);
-  EXPECT_EQ(check_provider_file(
-                write_provider(dir, "there.xml", "<architecture>p9ux</architecture>").c_str(),
-                settings, p),
-            -4);
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(check_provider_file((dir / "absent.xml").c_str(), settings, p), -1);
-  testing::internal::GetCapturedStderr();
-}
-
 TEST(ScaleTimeoutTest, Table) {
   struct Row {
     int64_t timeout;

@@ -93,24 +93,6 @@ TEST_F(ProviderToolTest, RunOncePerOptionSet) {
   EXPECT_NE(none.out.find("OptionID: None\n"), std::string::npos);
 }
 
-TEST_F(ProviderToolTest, RunAClusterProviderOnANodeFile) {
-  std::string cfg = config();
-  std::string cluster =
-      provider_file("pair.xml",
-                    "<command>sh -c 'cat $VORN_DP_NODEFILE'</command><min_nodes>2</min_nodes>"
-                    "<max_nodes>3</max_nodes>");
-  vorn::test::write_file(dir_ / "nodes", "n1\nn2\n");
-  Outcome ran = tool({"run", cluster, "-c", cfg, "-N", dir_ / "nodes"});
-  ASSERT_EQ(ran.status, 0) << ran.err;
-  EXPECT_NE(ran.out.find("stdout (6 bytes): \nn1\nn2\n"), std::string::npos) << ran.out;
-  EXPECT_NE(ran.out.find("nodes (2 nodes, 6 bytes): n1, n2\n"), std::string::npos);
-
-  Outcome no_nodes = tool({"run", cluster, "-c", cfg});
-  EXPECT_EQ(no_nodes.status, 1);
-  EXPECT_NE(no_nodes.err.find("No nodelist provided for a data provider that requires a cluster"),
-            std::string::npos);
-}
-
 TEST_F(ProviderToolTest, ShowReadsOutputFilesBack) {
   std::string cfg = config();
   std::string file = provider_file("hello.xml", "<command>printf hello; exit 2</command>");
