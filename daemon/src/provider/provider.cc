@@ -44,20 +44,31 @@ const std::map<std::string, nodelist_method> nodelist_method_names = {
     {"random", nodelist_method::random},
 };
 
+namespace {
+
+// The label of an enumeration value, from a table indexed by the value.
+template <typename Enum, size_t N>
+const char* label(const char* const (&labels)[N], Enum value) {
+  auto index = static_cast<size_t>(value);
+  return index < N ? labels[index] : "?";
+}
+
+}  // namespace
+
 const char* nodelist_method_label(nodelist_method method) {
-  switch (method) {
-    case nodelist_method::none:
-      return "NONE";
-    case nodelist_method::rotate_right:
-      return "ROTATE_RIGHT";
-    case nodelist_method::rotate_left:
-      return "ROTATE_LEFT";
-    case nodelist_method::round_robin:
-      return "ROUND_ROBIN";
-    case nodelist_method::random:
-      return "RANDOM";
-  }
-  return "";
+  static const char* const labels[] = {"NONE", "ROTATE_RIGHT", "ROTATE_LEFT", "ROUND_ROBIN",
+                                       "RANDOM"};
+  return label(labels, method);
+}
+
+const char* provider_architecture_label(provider_architecture architecture) {
+  static const char* const labels[] = {"?", "x86_64", "p9ux", "any"};
+  return label(labels, architecture);
+}
+
+const char* provider_encoding_label(provider_encoding encoding) {
+  static const char* const labels[] = {"none", "base64", "raw"};
+  return label(labels, encoding);
 }
 
 namespace {

@@ -38,8 +38,11 @@ extern const std::map<std::string, provider_architecture> provider_architecture_
 extern const std::map<std::string, cluster_kind> cluster_kind_names;
 extern const std::map<std::string, nodelist_method> nodelist_method_names;
 
-// Upper-case name of a node-list method, for printing.
+// Names for printing: upper case for node-list methods, the first accepted
+// text for the others.
 const char* nodelist_method_label(nodelist_method method);
+const char* provider_architecture_label(provider_architecture architecture);
+const char* provider_encoding_label(provider_encoding encoding);
 
 constexpr size_t kProviderPathMax = 4096;
 constexpr size_t kProviderNameMax = 64;

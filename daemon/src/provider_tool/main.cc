@@ -44,30 +44,6 @@ int usage(const char* program, int status) {
   return status;
 }
 
-const char* architecture_label(provider_architecture a) {
-  switch (a) {
-    case provider_architecture::x86_64:
-      return "x86_64";
-    case provider_architecture::p9ux:
-      return "p9ux";
-    case provider_architecture::any:
-      return "any";
-  }
-  return "?";
-}
-
-const char* encoding_label(provider_encoding e) {
-  switch (e) {
-    case provider_encoding::none:
-      return "none";
-    case provider_encoding::base64:
-      return "base64";
-    case provider_encoding::raw:
-      return "raw";
-  }
-  return "?";
-}
-
 const char* scale_label(::timeout_scale scale) {
   for (const auto& [text, value] : timeout_scale_names) {
     if (value == scale) {
@@ -100,8 +76,8 @@ void print_provider(const provider& p) {
       p.path.c_str(), p.name.c_str(), p.command.c_str(), p.period, p.loadavg,
       static_cast<long long>(p.timeout), scale_label(p.timeout_scale),
       static_cast<long long>(scale_timeout(p.timeout, 1, p.timeout_scale)), p.min_nodes,
-      p.max_nodes, p.adhoc_cluster_invite_time, architecture_label(p.architecture),
-      p.cluster == cluster_kind::uniform ? "uniform" : "any", encoding_label(p.encoding),
+      p.max_nodes, p.adhoc_cluster_invite_time, provider_architecture_label(p.architecture),
+      p.cluster == cluster_kind::uniform ? "uniform" : "any", provider_encoding_label(p.encoding),
       nodelist_method_label(p.nodelist_method), p.nodelist_number, roles.c_str(), p.priority,
       p.version, p.disabled ? "yes" : "no");
 }

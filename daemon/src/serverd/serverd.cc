@@ -141,7 +141,7 @@ int serverd_main(int argc, char** argv) {
   store.reset();
   options.beacon_pipe.reset();
   options.beacon.reset();
-  // The options and the configuration go with this frame.
-  // A server that could not start is a failure, not an orderly stop.
+  // The options and the configuration go with this frame. A server that
+  // could not start (its port taken, say) is a failure, not an orderly stop.
   return served ? 0 : 1;
 }
