@@ -37,11 +37,12 @@ class NetworkTest : public testing::Test {
     return path;
   }
 
+  // A provider that invites whatever the load of the test machine.
   std::string cluster_provider(int min_nodes, int max_nodes, int invite_time) {
     std::string path =
         dir_ / ("p" + std::to_string(min_nodes) + std::to_string(max_nodes) + ".xml");
     vorn::test::write_file(
-        path, "<configuration><command>true</command><min_nodes>" + std::to_string(min_nodes) +
+        path, "<configuration><command>true</command><loadavg>100000</loadavg><min_nodes>" + std::to_string(min_nodes) +
                   "</min_nodes><max_nodes>" + std::to_string(max_nodes) +
                   "</max_nodes><adhoc_cluster_invite_time>" + std::to_string(invite_time) +
                   "</adhoc_cluster_invite_time></configuration>");
