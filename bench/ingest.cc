@@ -193,7 +193,8 @@ double measure_bulk_insert(const Options& options, const std::string& dir) {
   sqlite3* db = nullptr;
   sqlite3_open(path.c_str(), &db);
   sqlite3_exec(db,
-               "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL; CREATE TABLE vorn_1 (rowid "
+               "PRAGMA page_size=16384; PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL; "
+               "CREATE TABLE vorn_1 (rowid "
                "INTEGER PRIMARY KEY, row_timestamp INTEGER DEFAULT (strftime('%s', 'now')), "
                "Provider TEXT, Hostname TEXT, num_nodes INTEGER, node_names TEXT, Exit_status "
                "INTEGER, Timestamp INTEGER, Duration REAL, Encoding INTEGER, Stdout_size "
