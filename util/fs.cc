@@ -3,6 +3,7 @@
 #include <limits.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <vector>
 
@@ -45,6 +46,22 @@ std::string abspath(const std::string& path) {
     out += '/';
   }
   return out + path;
+}
+
+bool write_all(int fd, const void* data, size_t size) {
+  const char* next = static_cast<const char*>(data);
+  while (size > 0) {
+    ssize_t n = ::write(fd, next, size);
+    if (n < 0) {
+      if (errno == EINTR) {
+        continue;
+      }
+      return false;
+    }
+    next += n;
+    size -= static_cast<size_t>(n);
+  }
+  return true;
 }
 
 bool make_path(const std::string& path) {

@@ -5,9 +5,36 @@
 // through the shell and is meant for the main thread during start-up and for
 // the provider runner's own thread.
 
+#include <unistd.h>
+
+#include <cstddef>
 #include <string>
 
 namespace vorn::fs {
+
+// Owns a file descriptor and closes it.
+class Fd {
+ public:
+  Fd() = default;
+  explicit Fd(int fd) : fd_(fd) {}
+  Fd(const Fd&) = delete;
+  Fd& operator=(const Fd&) = delete;
+  ~Fd() { reset(); }
+  int get() const { return fd_; }
+  void reset(int fd = -1) {
+    if (fd_ >= 0) {
+      ::close(fd_);
+    }
+    fd_ = fd;
+  }
+
+ private:
+  int fd_ = -1;
+};
+
+// Writes all `size` bytes, resuming after short writes and interruptions.
+// False on an error, with errno telling which.
+bool write_all(int fd, const void* data, size_t size);
 
 // Absolute path of the running executable, or "" when the system cannot tell.
 std::string selfpath();

@@ -26,10 +26,10 @@ std::string dirname(std::string_view path);
 // text, becomes `to`. An empty `from` leaves the text unchanged.
 std::string replace(std::string_view text, std::string_view from, std::string_view to);
 
-// Shell-style expansion of "~", "$VAR" and "${VAR}". Command substitution is
-// refused, and text the expansion cannot handle (unbalanced quotes, "|", ";"
-// and other shell operators) is returned unchanged. Several resulting words are
-// joined by one blank, so a path that expands to words with blanks survives.
+// Shell-style expansion as wordexp(3) does it ("~", "$VAR", "${VAR}", globs),
+// except that command substitution is refused. Text the expansion cannot
+// handle (unbalanced quotes, "|", ";" and other shell operators) is returned
+// unchanged. Several resulting words are joined by one blank.
 std::string wordexp(std::string_view text);
 
 // Copies `text` into the fixed buffer and always terminates it; at most

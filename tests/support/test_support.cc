@@ -75,13 +75,15 @@ int free_tcp_port() {
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  address.sin_port = 0;
   socklen_t length = sizeof address;
-  if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-      ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+  bool found = fd >= 0 && ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
+               ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0;
+  if (fd >= 0) {
+    ::close(fd);
+  }
+  if (!found) {
     throw std::runtime_error("cannot find a free port");
   }
-  ::close(fd);
   return ntohs(address.sin_port);
 }
 
@@ -101,6 +103,12 @@ int next_process_number() {
 Process::Process(const std::vector<std::string>& argv, const std::string& log_dir)
     : out_path_(log_dir + "/process" + std::to_string(next_process_number()) + ".out"),
       err_path_(out_path_.substr(0, out_path_.size() - 4) + ".err") {
+  // Everything the child needs is made before fork: the test may have threads.
+  std::vector<char*> args;
+  for (const std::string& a : argv) {
+    args.push_back(const_cast<char*>(a.c_str()));
+  }
+  args.push_back(nullptr);
   pid_ = ::fork();
   if (pid_ < 0) {
     throw std::runtime_error("fork failed");
@@ -108,13 +116,9 @@ Process::Process(const std::vector<std::string>& argv, const std::string& log_di
   if (pid_ == 0) {
     int out = ::open(out_path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     int err = ::open(err_path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    ::dup2(out, STDOUT_FILENO);
-    ::dup2(err, STDERR_FILENO);
-    std::vector<char*> args;
-    for (const std::string& a : argv) {
-      args.push_back(const_cast<char*>(a.c_str()));
+    if (out < 0 || err < 0 || ::dup2(out, STDOUT_FILENO) < 0 || ::dup2(err, STDERR_FILENO) < 0) {
+      ::_exit(126);
     }
-    args.push_back(nullptr);
     ::execvp(args[0], args.data());
     ::_exit(127);
   }

@@ -9,7 +9,9 @@
 
 #include "daemon/src/adhoc_cluster/beacon.h"
 #include "util/czmq.h"
+#include "util/fs.h"
 #include "util/log.h"
+#include "util/xml.h"
 
 namespace {
 
@@ -33,6 +35,17 @@ bool take_rsvp(zmsg_t* message, adhoc_member_list& members) {
   }
   std::string host = frame_text(zmsg_next(message));
   std::string port = frame_text(zmsg_next(message));
+  // Both go into the node file and an endpoint: nothing else may ride along.
+  bool host_ok = !host.empty() && host.size() < 256 &&
+                 host.find_first_not_of(
+                     "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ"
+                     "0123456789.-_") == std::string::npos;
+  bool port_ok = !port.empty() && port.size() <= 5 &&
+                 port.find_first_not_of("0123456789") == std::string::npos &&
+                 std::stoi(port) >= 1 && std::stoi(port) <= 65535;
+  if (!host_ok || !port_ok) {
+    return false;
+  }
   members.push_back({host, port});
   return true;
 }
@@ -41,14 +54,14 @@ bool take_rsvp(zmsg_t* message, adhoc_member_list& members) {
 
 std::string adhoc_invitation(const provider& record, const daemon_config& config,
                              const std::string& architecture, int port) {
-  int64_t lifetime = static_cast<int64_t>(record.adhoc_cluster_invite_time) +
-                     scale_timeout(record.timeout, record.max_nodes, record.timeout_scale);
-  std::string text = "ADHOC";
-  if (!config.network_partition.empty()) {
-    text += " " + config.network_partition;
+  int64_t lifetime = 0;
+  if (__builtin_add_overflow(static_cast<int64_t>(record.adhoc_cluster_invite_time),
+                             scale_timeout(record.timeout, record.max_nodes, record.timeout_scale),
+                             &lifetime)) {
+    lifetime = INT64_MAX;
   }
-  return text + " arch=" + architecture +
-         " load=" + std::to_string(static_cast<long long>(record.loadavg)) +
+  return with_partition("ADHOC", config) + " arch=" + architecture +
+         " load=" + std::to_string(vorn::xml::to_integer<int64_t>(record.loadavg)) +
          " port=" + std::to_string(port) + " time=" + std::to_string(lifetime);
 }
 
@@ -136,8 +149,8 @@ void dissolve_adhoc_cluster(adhoc_member_list& members) {
 
 bool write_adhoc_nodefile(const adhoc_member_list& members, std::string& path) {
   char name[] = "/tmp/nodefile.XXXXXX";
-  int fd = ::mkstemp(name);
-  if (fd < 0) {
+  vorn::fs::Fd fd(::mkstemp(name));
+  if (fd.get() < 0) {
     VORN_LOG(3) << "Unable to create nodefile";
     return false;
   }
@@ -146,9 +159,7 @@ bool write_adhoc_nodefile(const adhoc_member_list& members, std::string& path) {
   for (const adhoc_member& member : members) {
     text += member.host + "\n";
   }
-  bool written = ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-  ::close(fd);
-  if (!written) {
+  if (!vorn::fs::write_all(fd.get(), text.data(), text.size())) {
     VORN_LOG(3) << "Unable to create nodefile";
     ::unlink(name);
     return false;

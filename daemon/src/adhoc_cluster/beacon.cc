@@ -22,11 +22,7 @@ vorn::czmq::Actor new_beacon(const daemon_config& config, std::string* hostname)
 }
 
 std::string discovery_payload(const daemon_config& config) {
-  std::string payload = "DISCOVERY";
-  if (!config.network_partition.empty()) {
-    payload += " " + config.network_partition;
-  }
-  return payload + " port=" + config.accumulate_port;
+  return with_partition("DISCOVERY", config) + " port=" + config.accumulate_port;
 }
 
 bool start_discovery_beacon(daemon_options& options, const daemon_config& config) {

@@ -122,10 +122,7 @@ bool listen_for_invitations(const daemon_config& config, int seconds) {
     return true;
   }
   const std::time_t deadline = std::time(nullptr) + seconds;
-  std::string prefix = "ADHOC";
-  if (!config.network_partition.empty()) {
-    prefix += " " + config.network_partition;
-  }
+  const std::string prefix = with_partition("ADHOC", config);
   if (zsock_send(beacon.get(), "sb", "SUBSCRIBE", prefix.data(), prefix.size()) != 0) {
     VORN_LOG(3) << "Failed to subscribe to the discovery broadcast";
     return false;

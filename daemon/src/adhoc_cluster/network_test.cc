@@ -42,10 +42,10 @@ class NetworkTest : public testing::Test {
     std::string path =
         dir_ / ("p" + std::to_string(min_nodes) + std::to_string(max_nodes) + ".xml");
     vorn::test::write_file(
-        path, "<configuration><command>true</command><loadavg>100000</loadavg><min_nodes>" + std::to_string(min_nodes) +
-                  "</min_nodes><max_nodes>" + std::to_string(max_nodes) +
-                  "</max_nodes><adhoc_cluster_invite_time>" + std::to_string(invite_time) +
-                  "</adhoc_cluster_invite_time></configuration>");
+        path, "<configuration><command>true</command><loadavg>100000</loadavg><min_nodes>" +
+                  std::to_string(min_nodes) + "</min_nodes><max_nodes>" +
+                  std::to_string(max_nodes) + "</max_nodes><adhoc_cluster_invite_time>" +
+                  std::to_string(invite_time) + "</adhoc_cluster_invite_time></configuration>");
     return path;
   }
 

@@ -25,6 +25,14 @@ std::string default_database_file() {
   return vorn::str::wordexp(std::string(kDatabaseDirectory) + kDatabaseVersion + kDatabaseFileName);
 }
 
+std::string with_partition(const char* word, const daemon_config& config) {
+  std::string text = word;
+  if (!config.network_partition.empty()) {
+    text += " " + config.network_partition;
+  }
+  return text;
+}
+
 namespace {
 
 constexpr const char* kLogSource = "daemon/src/config";

@@ -63,6 +63,10 @@ struct daemon_config {
   provider_option_map option_sets;
 };
 
+// `word`, followed by a blank and the network partition when there is one:
+// the topic of results, and the prefix of beacons and invitations.
+std::string with_partition(const char* word, const daemon_config& config);
+
 // Reads the XML file at `path` into `config`. Returns 0 on success, otherwise
 // the errno of the failure, or -1 when the failure left errno at 0.
 int read_config(daemon_config& config, const char* path);

@@ -5,8 +5,9 @@
 // Each provider element becomes an entry under its upper-cased name; each of
 // its optionset elements (by id) becomes one option set, and the other
 // children are options common to all of the provider's sets. Without named
-// sets the common options form the set "default". Values holding a double
-// quote are refused, since the assignments are quoted for the shell.
+// sets the common options form the set "default". Values are put in double
+// quotes on the provider's shell command line, so a value holding a double
+// quote is refused; "$" and backquotes in a value are still the shell's.
 //
 // Called once by read_config on the main thread.
 

@@ -194,6 +194,9 @@ sqlite::sqlite(const daemon_config& config) {
 sqlite::~sqlite() {
   if (connection_) {
     flush();
+    if (in_transaction_) {
+      VORN_LOG(1) << "Database still busy at shutdown. " << uncommitted_ << " stored results lost!";
+    }
   }
   checkpointer_.reset();
 }
@@ -202,20 +205,20 @@ bool sqlite::flush() {
   if (!in_transaction_) {
     return true;
   }
-  if (connection_->issueCommand("COMMIT") == 0) {
+  int rc = connection_->issueCommand("COMMIT");
+  if (rc == 0) {
     in_transaction_ = false;
     uncommitted_ = 0;
     return true;
   }
-  std::string error = connection_->getLastErrorInfo();
-  // A busy database keeps the transaction open for the next attempt; any
-  // other failure has rolled it back.
-  if (error.find("locked") != std::string::npos || error.find("busy") != std::string::npos) {
-    VORN_LOG(4) << "Database commit postponed: " << error;
+  // A database that another process keeps busy leaves the transaction open
+  // for the next attempt.
+  if ((rc & 0xff) == SQLITE_BUSY || (rc & 0xff) == SQLITE_LOCKED) {
+    VORN_LOG(4) << "Database commit postponed: " << connection_->getLastErrorInfo();
     return true;
   }
-  VORN_LOG(1) << "Database commit error: " << error << ". " << uncommitted_
-              << " stored results lost!";
+  VORN_LOG(1) << "Database commit error: " << connection_->getLastErrorInfo() << ". "
+              << uncommitted_ << " stored results lost!";
   connection_->issueCommand("ROLLBACK");
   in_transaction_ = false;
   uncommitted_ = 0;

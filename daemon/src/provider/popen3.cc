@@ -11,6 +11,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "util/fs.h"
 #include "util/log.h"
 
 namespace {
@@ -19,55 +20,44 @@ constexpr const char* kLogSource = "daemon/src/provider";
 constexpr size_t kChunk = 4096;
 constexpr short kEvents = POLLIN | POLLERR | POLLHUP | POLLNVAL;
 
-// Owns a file descriptor.
-class Fd {
- public:
-  Fd() = default;
-  explicit Fd(int fd) : fd_(fd) {}
-  Fd(const Fd&) = delete;
-  Fd& operator=(const Fd&) = delete;
-  ~Fd() { reset(); }
-  int get() const { return fd_; }
-  void reset(int fd = -1) {
-    if (fd_ >= 0) {
-      ::close(fd_);
-    }
-    fd_ = fd;
-  }
-
- private:
-  int fd_ = -1;
-};
+using vorn::fs::Fd;
 
 // Only async-signal-safe calls between fork and exec: the daemon may have
 // other threads.
 [[noreturn]] void run_child(const std::string& command, int out_fd, int err_fd) {
   ::setpgid(0, 0);
-  int null_fd = ::open("/dev/null", O_RDONLY);
+  // Copies above the standard descriptors, so that neither dup2 below can
+  // overwrite the other's source when the daemon runs with 0 to 2 closed.
+  out_fd = ::fcntl(out_fd, F_DUPFD_CLOEXEC, 3);
+  err_fd = ::fcntl(err_fd, F_DUPFD_CLOEXEC, 3);
+  int null_fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
   if (null_fd >= 0) {
     ::dup2(null_fd, STDIN_FILENO);
   }
-  if (::dup2(out_fd, STDOUT_FILENO) < 0) {
+  if (out_fd < 0 || ::dup2(out_fd, STDOUT_FILENO) < 0) {
     static const char message[] = "failed to redirect stdout.\n";
     ssize_t ignored = ::write(STDERR_FILENO, message, sizeof message - 1);
     (void)ignored;
     ::_exit(254);
   }
-  if (::dup2(err_fd, STDERR_FILENO) < 0) {
+  if (err_fd < 0 || ::dup2(err_fd, STDERR_FILENO) < 0) {
     static const char message[] = "failed to redirect stderr.\n";
     ssize_t ignored = ::write(STDOUT_FILENO, message, sizeof message - 1);
     (void)ignored;
     ::_exit(253);
   }
   const char* argv[] = {"/bin/sh", "-c", command.c_str(), nullptr};
-  ::execvp("/bin/sh", const_cast<char* const*>(argv));
+  ::execv("/bin/sh", const_cast<char* const*>(argv));
   ::_exit(127);
 }
 
 // Appends one chunk; returns the read's result.
 ssize_t read_chunk(int fd, std::string& into) {
   char buffer[kChunk];
-  ssize_t n = ::read(fd, buffer, sizeof buffer);
+  ssize_t n;
+  do {
+    n = ::read(fd, buffer, sizeof buffer);
+  } while (n < 0 && errno == EINTR);
   if (n > 0) {
     into.append(buffer, static_cast<size_t>(n));
   }
@@ -146,7 +136,11 @@ int popen3(popen3_job& job) {
     double elapsed = std::difftime(std::time(nullptr), start);
     double wait_ms = (static_cast<double>(job.timeout) - elapsed) * 1000.0;
     int poll_ms = wait_ms > 0 ? static_cast<int>(std::min(wait_ms, 2147483647.0)) : 0;
-    if (::poll(fds, 2, poll_ms) < 0) {
+    int ready = ::poll(fds, 2, poll_ms);
+    if (ready < 0 && errno == EINTR) {
+      continue;  // a signal for someone else; the clock decides
+    }
+    if (ready < 0) {
       VORN_LOG(3) << "error polling pipes " << vorn::log::sys_error(errno);
       rc = -1;
       break;

@@ -390,7 +390,7 @@ int64_t scale_timeout(int64_t timeout, int nodes, ::timeout_scale scale) {
       break;
     case ::timeout_scale::linear:
       if (__builtin_mul_overflow(timeout, static_cast<int64_t>(nodes), &scaled)) {
-        scaled = INT64_MAX;
+        scaled = (timeout < 0) == (nodes < 0) ? INT64_MAX : INT64_MIN;
       }
       break;
     case ::timeout_scale::squared:

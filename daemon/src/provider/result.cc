@@ -80,6 +80,11 @@ void answer_pub_ack(ReceivedMessage& message) {
     return;
   }
   std::string endpoint(message.frame(2));
+  // Only a TCP requester can be answered; anything else would make the
+  // server open other kinds of connections on a stranger's word.
+  if (endpoint.rfind("tcp://", 0) != 0) {
+    return;
+  }
   std::string_view number_frame = message.frame(3);
   std::string key = endpoint + " ";
   int32_t number = 0;
@@ -112,18 +117,10 @@ bool parse_result(ReceivedMessage& message, provider_result& result) {
   std::string_view header = message.frame(1);
   std::string_view out = message.frame(2);
   std::string_view err = message.frame(3);
-  if (header.size() < kResultHeaderSize) {
-    return false;
-  }
   result_header h;
-  std::memcpy(&h, header.data(), kResultHeaderSize);
-  if (out.size() < h.stdout_size || err.size() < h.stderr_size) {
+  if (!parse_result_header(header, h) || out.size() < h.stdout_size || err.size() < h.stderr_size) {
     return false;
   }
-  // Text fields of a foreign header need not be terminated.
-  h.name[sizeof h.name - 1] = '\0';
-  h.hostname[sizeof h.hostname - 1] = '\0';
-  h.option_id[sizeof h.option_id - 1] = '\0';
   result.header = h;
   result.stdout_data.append(out.data(), h.stdout_size);
   result.stderr_data.append(err.data(), h.stderr_size);
@@ -147,12 +144,20 @@ std::string dump_file_name(const char* name) {
 
 }  // namespace
 
-std::string accumulate_topic(const daemon_config& config) {
-  std::string topic = "ACCUMULATE";
-  if (!config.network_partition.empty()) {
-    topic += " " + config.network_partition;
+bool parse_result_header(std::string_view bytes, result_header& header) {
+  if (bytes.size() < kResultHeaderSize) {
+    return false;
   }
-  return topic;
+  std::memcpy(&header, bytes.data(), kResultHeaderSize);
+  // Text fields of a foreign header need not be terminated.
+  header.name[sizeof header.name - 1] = '\0';
+  header.hostname[sizeof header.hostname - 1] = '\0';
+  header.option_id[sizeof header.option_id - 1] = '\0';
+  return true;
+}
+
+std::string accumulate_topic(const daemon_config& config) {
+  return with_partition("ACCUMULATE", config);
 }
 
 int send_result(const provider_result& result, const daemon_config& config, zsock_t* socket) {

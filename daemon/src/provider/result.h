@@ -22,6 +22,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "daemon/src/config/config.h"
 
@@ -62,6 +63,10 @@ struct provider_result {
   std::string stderr_data;
   std::string nodes_csv;
 };
+
+// Copies the first 456 bytes into `header`, terminating its text fields inside
+// their arrays; false when there are fewer bytes.
+bool parse_result_header(std::string_view bytes, result_header& header);
 
 // "ACCUMULATE", followed by a blank and the partition when there is one.
 std::string accumulate_topic(const daemon_config& config);

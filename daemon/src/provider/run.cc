@@ -20,22 +20,6 @@ namespace {
 
 constexpr const char* kLogSource = "daemon/src/provider";
 
-// Writes all of `size` bytes; false on an error (short writes are retried).
-bool write_all(int fd, const char* data, size_t size) {
-  while (size > 0) {
-    ssize_t n = ::write(fd, data, size);
-    if (n < 0) {
-      if (errno == EINTR) {
-        continue;
-      }
-      return false;
-    }
-    data += n;
-    size -= static_cast<size_t>(n);
-  }
-  return true;
-}
-
 }  // namespace
 
 std::string provider_command_line(const provider& record, const daemon_config& config,
@@ -109,7 +93,8 @@ int write_output_file(const provider_result& result, const std::string& director
                 << "' cannot be made)";
     return 0;
   }
-  int fd = ::mkstemp(name);
+  vorn::fs::Fd file(::mkstemp(name));
+  const int fd = file.get();
   if (fd < 0) {
     VORN_LOG(3) << "Error creating output file '" << name << "' " << vorn::log::sys_error(errno);
     return 0;
@@ -129,17 +114,15 @@ int write_output_file(const provider_result& result, const std::string& director
       {result.nodes_csv.data(), result.nodes_csv.size(), "Error writing nodes_csv "},
   };
   for (const Part& part : parts) {
-    if (!write_all(fd, part.data, part.size)) {
+    if (!vorn::fs::write_all(fd, part.data, part.size)) {
       VORN_LOG(3) << part.error << vorn::log::sys_error(errno);
       ::unlink(name);
-      ::close(fd);
       return 0;
     }
   }
   if (locked && ::flock(fd, LOCK_UN) != 0) {
     VORN_LOG(4) << "Unable to unlock file '" << name << "' " << vorn::log::sys_error(errno);
   }
-  ::close(fd);
   if (path != nullptr) {
     *path = name;
   }
@@ -155,16 +138,12 @@ bool read_output_file(const std::string& path, provider_result& result, std::str
   std::ostringstream bytes;
   bytes << in.rdbuf();
   const std::string data = bytes.str();
-  if (data.size() < kResultHeaderSize) {
+  if (!parse_result_header(data, result.header)) {
     *error = "'" + path + "' is " + std::to_string(data.size()) +
              " bytes long, shorter than the 456-byte result header";
     return false;
   }
-  std::memcpy(&result.header, data.data(), kResultHeaderSize);
-  result_header& h = result.header;
-  h.name[sizeof h.name - 1] = '\0';
-  h.hostname[sizeof h.hostname - 1] = '\0';
-  h.option_id[sizeof h.option_id - 1] = '\0';
+  const result_header& h = result.header;
   size_t rest = data.size() - kResultHeaderSize;
   if (h.stdout_size > rest || h.stderr_size > rest - h.stdout_size ||
       h.nodes_size > rest - h.stdout_size - h.stderr_size) {

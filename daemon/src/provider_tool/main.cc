@@ -64,7 +64,7 @@ void print_provider(const provider& p) {
       "  command:      %s\n"
       "  period:       %d s\n"
       "  loadavg:      %g\n"
-      "  timeout:      %lld s, %s (a single-node run gets %lld s)\n"
+      "  timeout:      %lld s, %s (a run without a node file gets %lld s)\n"
       "  nodes:        %u to %u, invitations open %d s\n"
       "  architecture: %s, cluster %s\n"
       "  encoding:     %s\n"
@@ -75,7 +75,7 @@ void print_provider(const provider& p) {
       "  disabled:     %s\n",
       p.path.c_str(), p.name.c_str(), p.command.c_str(), p.period, p.loadavg,
       static_cast<long long>(p.timeout), scale_label(p.timeout_scale),
-      static_cast<long long>(scale_timeout(p.timeout, 1, p.timeout_scale)), p.min_nodes,
+      static_cast<long long>(scale_timeout(p.timeout, 0, p.timeout_scale)), p.min_nodes,
       p.max_nodes, p.adhoc_cluster_invite_time, provider_architecture_label(p.architecture),
       p.cluster == cluster_kind::uniform ? "uniform" : "any", provider_encoding_label(p.encoding),
       nodelist_method_label(p.nodelist_method), p.nodelist_number, roles.c_str(), p.priority,

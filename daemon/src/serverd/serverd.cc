@@ -43,10 +43,26 @@ void install_stop_handler(daemon_options& options) {
   stop_flag = &options.running;
   struct sigaction action {};
   action.sa_handler = on_stop_signal;
+  // One handler at a time, so that two signals in quick succession count twice.
   sigemptyset(&action.sa_mask);
+  sigaddset(&action.sa_mask, SIGINT);
+  sigaddset(&action.sa_mask, SIGTERM);
   sigaction(SIGINT, &action, nullptr);
   sigaction(SIGTERM, &action, nullptr);
 }
+
+// The handler points into the entry routine's frame; it must not outlive it.
+class StopHandler {
+ public:
+  explicit StopHandler(daemon_options& options) { install_stop_handler(options); }
+  StopHandler(const StopHandler&) = delete;
+  StopHandler& operator=(const StopHandler&) = delete;
+  ~StopHandler() {
+    std::signal(SIGINT, SIG_DFL);
+    std::signal(SIGTERM, SIG_DFL);
+    stop_flag = nullptr;
+  }
+};
 
 void open_syslog(bool debug_mode) {
   vorn::log::LOG_SCOPE_LEVEL = 0;
@@ -64,7 +80,7 @@ int serverd_main(int argc, char** argv) {
   daemon_config config;
   daemon_options options;
 
-  install_stop_handler(options);
+  StopHandler stop_handler(options);
 
   const install_paths& paths = installation();
   options.config_file = paths.config_file;

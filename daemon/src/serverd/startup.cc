@@ -77,14 +77,13 @@ bool write_pid_file(const daemon_options& options, const daemon_config&) {
     VORN_LOG(3) << "Could not create PID file output directory '" << directory << "'";
     return false;
   }
-  int fd = ::open(options.pid_file.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  if (fd < 0) {
+  vorn::fs::Fd fd(::open(options.pid_file.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+  if (fd.get() < 0) {
     VORN_LOG(3) << "Could not open PID file '" << options.pid_file << "'";
     return false;
   }
   std::string text = std::to_string(::getpid()) + "\n";
-  bool written = ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-  ::close(fd);
+  bool written = vorn::fs::write_all(fd.get(), text.data(), text.size());
   if (!written) {
     VORN_LOG(3) << "Could not write PID file '" << options.pid_file << "'";
   }
