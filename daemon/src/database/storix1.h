@@ -3,6 +3,9 @@
 // SQLite 3. Connections run commands and hand out prepared data writers whose
 // numbered parameters ($0, $1, ...) are bound by typed pointers.
 //
+// Parameter $i must be the (i+1)-th parameter of its statement: number them
+// in the order in which they stand.
+//
 // Every operation returns 0 on success and non-zero on failure; the text of
 // the last failure is getLastErrorInfo(). Objects are destroyed with
 // release(); the SQLite handles inside are owned and always freed.
