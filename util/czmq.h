@@ -5,6 +5,7 @@
 
 #include <czmq.h>
 
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -35,6 +36,17 @@ using Poller = std::unique_ptr<zpoller_t, DestroyPoller>;
 using Message = std::unique_ptr<zmsg_t, DestroyMessage>;
 using Frame = std::unique_ptr<zframe_t, DestroyFrame>;
 using String = std::unique_ptr<char, FreeString>;
+
+// The longest wait, in seconds, that a ZeroMQ time-out in milliseconds can hold.
+constexpr int64_t kMaxWaitSeconds = 2147483;
+
+// `seconds` as a ZeroMQ time-out in milliseconds, clamped to what fits.
+inline int timeout_ms(int64_t seconds) {
+  if (seconds <= 0) {
+    return 0;
+  }
+  return static_cast<int>((seconds < kMaxWaitSeconds ? seconds : kMaxWaitSeconds) * 1000);
+}
 
 // Initialises CZMQ once, whichever thread comes first. CZMQ's own lazy
 // initialisation is not safe when several threads make their first sockets

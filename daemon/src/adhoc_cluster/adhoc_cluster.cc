@@ -1,6 +1,5 @@
 #include "daemon/src/adhoc_cluster/adhoc_cluster.h"
 
-#include <sys/utsname.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,6 +9,7 @@
 #include "daemon/src/adhoc_cluster/beacon.h"
 #include "util/czmq.h"
 #include "util/fs.h"
+#include "util/host.h"
 #include "util/log.h"
 #include "util/xml.h"
 
@@ -17,7 +17,6 @@ namespace {
 
 constexpr const char* kLogSource = "daemon/src/adhoc_cluster";
 constexpr int kIntervalMs = 1000;
-constexpr int64_t kMaxWaitSeconds = 2147483;  // the longest wait that fits in milliseconds
 constexpr int kDissolveLingerMs = 2000;
 
 std::string frame_text(zframe_t* frame) {
@@ -70,22 +69,21 @@ bool form_adhoc_cluster(const provider& record, const daemon_config& config,
   vorn::czmq::Socket pull(zsock_new(ZMQ_PULL));
   std::string hostname;
   vorn::czmq::Actor beacon = new_beacon(config, &hostname);
-  if (!pull || !beacon) {
+  if (!pull) {
     VORN_LOG(3) << "Error creating adhoc cluster request";
     return false;
   }
-  if (hostname.empty()) {
-    VORN_LOG(3) << "UDP broadcast is not supported.";
+  if (!beacon) {
     return false;
   }
   std::string architecture = "any";
   if (record.cluster == cluster_kind::uniform) {
-    struct utsname machine;
-    if (::uname(&machine) != 0) {
+    std::optional<std::string> machine = vorn::host::machine();
+    if (!machine) {
       VORN_LOG(3) << "Unable to obtain system architecture. Not creating cluster";
       return false;
     }
-    architecture = machine.machine;
+    architecture = *machine;
   }
   int port = zsock_bind(pull.get(), "tcp://*:*");
   if (port < 0) {
@@ -104,8 +102,8 @@ bool form_adhoc_cluster(const provider& record, const daemon_config& config,
   int64_t remaining = record.adhoc_cluster_invite_time;
   while (remaining > 0 && count < record.max_nodes) {
     std::time_t noted = std::time(nullptr);
-    remaining = std::min(remaining, kMaxWaitSeconds);
-    zsock_set_rcvtimeo(pull.get(), static_cast<int>(remaining * 1000));
+    remaining = std::min(remaining, vorn::czmq::kMaxWaitSeconds);
+    zsock_set_rcvtimeo(pull.get(), vorn::czmq::timeout_ms(remaining));
     vorn::czmq::Message reply(zmsg_recv(pull.get()));
     if (reply) {
       if (take_rsvp(reply.get(), members)) {

@@ -1,5 +1,8 @@
 #include "daemon/src/adhoc_cluster/beacon.h"
 
+#include <atomic>
+
+#include "daemon/src/serverd/daemon_options.h"
 #include "util/log.h"
 
 namespace {
@@ -18,6 +21,14 @@ vorn::czmq::Actor new_beacon(const daemon_config& config, std::string* hostname)
   zsock_send(beacon.get(), "si", "CONFIGURE", config.broadcast_port);
   vorn::czmq::String answer(zstr_recv(beacon.get()));
   *hostname = answer ? answer.get() : "";
+  static std::atomic<bool> reported{false};
+  if (hostname->empty()) {
+    if (!reported.exchange(true)) {
+      VORN_LOG(3) << "UDP broadcast is not supported.";
+    }
+    return nullptr;
+  }
+  reported = false;
   return beacon;
 }
 
@@ -29,10 +40,6 @@ bool start_discovery_beacon(daemon_options& options, const daemon_config& config
   std::string hostname;
   vorn::czmq::Actor beacon = new_beacon(config, &hostname);
   if (!beacon) {
-    return false;
-  }
-  if (hostname.empty()) {
-    VORN_LOG(3) << "UDP broadcast is not supported.";
     return false;
   }
   std::string payload = discovery_payload(config);

@@ -12,14 +12,18 @@
 #include <string>
 
 #include "daemon/src/config/config.h"
-#include "daemon/src/serverd/daemon_options.h"
 #include "util/czmq.h"
+
+struct daemon_options;
 
 constexpr size_t kBeaconPayloadMax = 255;
 
 // A beacon actor configured for broadcast_port. `hostname` receives the
-// beacon's answer: this node's address on the chosen interface, or "" when no
-// interface can broadcast. Null when the actor cannot be made.
+// beacon's answer: this node's address on the chosen interface. Null when the
+// actor cannot be made, or when no interface can broadcast; the latter is
+// logged as "UDP broadcast is not supported." once, and again only after
+// broadcasting has worked in between, so a node that retries does not fill
+// the log.
 vorn::czmq::Actor new_beacon(const daemon_config& config, std::string* hostname);
 
 // "DISCOVERY", a blank and the partition when there is one, " port=" and the

@@ -1,7 +1,5 @@
 #include "daemon/src/adhoc_cluster/invitations.h"
 
-#include <sys/utsname.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
@@ -10,12 +8,12 @@
 #include "daemon/src/adhoc_cluster/beacon.h"
 #include "daemon/src/provider/sleep_mode.h"
 #include "util/czmq.h"
+#include "util/host.h"
 #include "util/log.h"
 
 namespace {
 
 constexpr const char* kLogSource = "daemon/src/adhoc_cluster";
-constexpr int64_t kMaxWaitSeconds = 2147483;  // the longest wait that fits in milliseconds
 constexpr int kRsvpLingerMs = 2000;
 
 struct FreeRex {
@@ -51,12 +49,12 @@ bool evaluate_invitation(const std::string& text, int remaining, int& port, int&
   std::string load = zrex_hit(rex.get(), 2);
   int invited_port = to_int(zrex_hit(rex.get(), 3));
   int invited_lifetime = to_int(zrex_hit(rex.get(), 4));
-  struct utsname machine;
-  if (::uname(&machine) != 0) {
+  std::optional<std::string> machine = vorn::host::machine();
+  if (!machine) {
     VORN_LOG(3) << "Unable to obtain system architecture. Declining invite.";
     return false;
   }
-  if (architecture != "any" && architecture != machine.machine) {
+  if (architecture != "any" && architecture != *machine) {
     VORN_LOG(6) << "Not a match to the requested architecture, " << architecture
                 << ". Declining invite.";
     return false;
@@ -101,8 +99,7 @@ void join_adhoc_cluster(const std::string& address, int port, int lifetime) {
   vorn::czmq::String hostname(zsys_hostname());
   zsock_send(rsvp.get(), "sss", "ADHOC RSVP", hostname ? hostname.get() : "",
              std::to_string(dissolve_port).c_str());
-  zsock_set_rcvtimeo(dissolve.get(),
-                     static_cast<int>(std::min<int64_t>(lifetime, kMaxWaitSeconds) * 1000));
+  zsock_set_rcvtimeo(dissolve.get(), vorn::czmq::timeout_ms(lifetime));
   vorn::czmq::String message(zstr_recv(dissolve.get()));
   if (!message) {
     VORN_LOG(4) << "Adhoc cluster expired without receiving dissolve message";
@@ -114,8 +111,7 @@ void join_adhoc_cluster(const std::string& address, int port, int lifetime) {
 bool listen_for_invitations(const daemon_config& config, int seconds) {
   std::string hostname;
   vorn::czmq::Actor beacon = new_beacon(config, &hostname);
-  if (!beacon || hostname.empty()) {
-    VORN_LOG(3) << "UDP broadcast is not supported.";
+  if (!beacon) {
     return false;
   }
   if (seconds <= 0) {
@@ -128,8 +124,7 @@ bool listen_for_invitations(const daemon_config& config, int seconds) {
     return false;
   }
   for (int remaining = seconds; remaining > 0; remaining = seconds_left(deadline)) {
-    zsock_set_rcvtimeo(beacon.get(),
-                       static_cast<int>(std::min<int64_t>(remaining, kMaxWaitSeconds) * 1000));
+    zsock_set_rcvtimeo(beacon.get(), vorn::czmq::timeout_ms(remaining));
     char* sender = nullptr;
     char* payload = nullptr;
     if (zstr_recvx(beacon.get(), &sender, &payload, nullptr) < 0) {

@@ -6,6 +6,7 @@
 #include <optional>
 
 #include "daemon/src/config/provider_options.h"
+#include "daemon/src/config/timeout_scale.h"
 #include "util/log.h"
 #include "util/str.h"
 #include "util/xml.h"
@@ -51,33 +52,6 @@ void read_boolean(const vorn::xml::ConfigurationReader& keys, const char* key,
   } else {
     VORN_LOG(4) << "Unrecognized value for " << key << ": '" << *value << "'.  Using default.";
   }
-}
-
-// The first scale attribute of the first timeout element picks the scale.
-void read_timeout_scale(const xmlNode* timeout, daemon_config& config) {
-  int scales_seen = 0;
-  std::string scale;
-  for (const xmlAttr* attr = timeout->properties; attr != nullptr; attr = attr->next) {
-    if (xmlStrcmp(attr->name, reinterpret_cast<const xmlChar*>("scale")) != 0) {
-      continue;
-    }
-    if (++scales_seen == 1) {
-      scale = vorn::xml::text(reinterpret_cast<const xmlNode*>(attr));
-    } else {
-      VORN_LOG(4) << "Multiple scale attributes found for timeout "
-                  << "configuration. Using the first scale value.";
-    }
-  }
-  if (scales_seen == 0) {
-    return;
-  }
-  auto it = timeout_scale_names.find(scale);
-  if (it == timeout_scale_names.end()) {
-    VORN_LOG(4) << "timeout scaling option '" << scale << "' did not match "
-                << "known options. Using default scaling value.";
-    return;
-  }
-  config.timeout_scale = it->second;
 }
 
 void read_keys(const vorn::xml::ConfigurationReader& keys, daemon_config& config) {
@@ -141,11 +115,36 @@ void read_keys(const vorn::xml::ConfigurationReader& keys, daemon_config& config
   }
   if (const xmlNode* timeout = keys.find("timeout", "Multipe timeout value elements in '")) {
     config.timeout = to_integer<int64_t>(vorn::xml::number(vorn::xml::text(timeout)));
-    read_timeout_scale(timeout, config);
+    read_timeout_scale(timeout, "timeout scaling option '",
+                       "' did not match known options. Using default scaling value.",
+                       config.timeout_scale);
   }
 }
 
 }  // namespace
+
+void read_timeout_scale(const xmlNode* timeout, const char* unknown_prefix,
+                        const char* unknown_suffix, ::timeout_scale& scale) {
+  bool seen = false;
+  for (const xmlAttr* attr = timeout->properties; attr != nullptr; attr = attr->next) {
+    if (xmlStrcmp(attr->name, reinterpret_cast<const xmlChar*>("scale")) != 0) {
+      continue;
+    }
+    if (seen) {
+      VORN_LOG(4) << "Multiple scale attributes found for timeout configuration. Using the first "
+                     "scale value.";
+      return;
+    }
+    seen = true;
+    std::string text = vorn::xml::text(reinterpret_cast<const xmlNode*>(attr));
+    auto it = timeout_scale_names.find(text);
+    if (it == timeout_scale_names.end()) {
+      VORN_LOG(4) << unknown_prefix << text << unknown_suffix;
+    } else {
+      scale = it->second;
+    }
+  }
+}
 
 int read_config(daemon_config& config, const char* path) {
   vorn::xml::Document doc;

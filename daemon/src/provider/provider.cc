@@ -2,7 +2,6 @@
 
 #include <dirent.h>
 #include <sys/stat.h>
-#include <sys/utsname.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -10,7 +9,9 @@
 #include <cstdlib>
 #include <optional>
 
+#include "daemon/src/config/timeout_scale.h"
 #include "daemon/src/provider/nodes.h"
+#include "util/host.h"
 #include "util/log.h"
 #include "util/node.h"
 #include "util/xml.h"
@@ -143,29 +144,6 @@ void read_roles(const vorn::xml::ConfigurationReader& keys, provider& p) {
   }
 }
 
-// The first scale attribute picks the scale; a second one ends the scan.
-void read_timeout_scale(const xmlNode* timeout, provider& p) {
-  bool seen = false;
-  for (const xmlAttr* attr = timeout->properties; attr != nullptr; attr = attr->next) {
-    if (xmlStrcmp(attr->name, reinterpret_cast<const xmlChar*>("scale")) != 0) {
-      continue;
-    }
-    if (seen) {
-      VORN_LOG(4) << "Multiple scale attributes found for timeout configuration. Using the first "
-                     "scale value.";
-      return;
-    }
-    seen = true;
-    std::string text = vorn::xml::text(reinterpret_cast<const xmlNode*>(attr));
-    if (auto scale = lookup(timeout_scale_names, text)) {
-      p.timeout_scale = *scale;
-    } else {
-      VORN_LOG(4) << "Timeout scaling option '" << text
-                  << "' did not match known options, using default scaling value";
-    }
-  }
-}
-
 void read_nodelist(const vorn::xml::ConfigurationReader& keys, provider& p) {
   const xmlNode* node = keys.find("nodelist", "Multiple nodelist tags in '");
   if (node == nullptr) {
@@ -230,7 +208,9 @@ void read_elements(const vorn::xml::ConfigurationReader& keys, const daemon_conf
   read_roles(keys, p);
   if (const xmlNode* node = keys.find("timeout", "Multipe timeout value elements in '")) {
     p.timeout = to_integer<int64_t>(vorn::xml::number(vorn::xml::text(node)));
-    read_timeout_scale(node, p);
+    read_timeout_scale(node, "Timeout scaling option '",
+                       "' did not match known options, using default scaling value",
+                       p.timeout_scale);
   } else {
     p.timeout = settings.timeout;
     p.timeout_scale = settings.timeout_scale;
@@ -364,13 +344,13 @@ bool architecture_matches(const provider& record) {
   if (record.architecture == provider_architecture::any) {
     return true;
   }
-  struct utsname machine;
-  if (::uname(&machine) != 0) {
+  std::optional<std::string> machine = vorn::host::machine();
+  if (!machine) {
     // Not knowing the machine is no reason to stop a provider.
     VORN_LOG(3) << "Unable to acquire machine data using uname.";
     return true;
   }
-  std::string name = machine.machine;
+  const std::string& name = *machine;
   return (record.architecture == provider_architecture::x86_64 && name == "x86_64") ||
          (record.architecture == provider_architecture::p9ux && name == "p9ux");
 }

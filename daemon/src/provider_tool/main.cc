@@ -14,7 +14,7 @@
 #include "daemon/src/provider/provider.h"
 #include "daemon/src/provider/result.h"
 #include "daemon/src/provider/run.h"
-#include "daemon/src/serverd/startup.h"
+#include "daemon/src/startup/startup.h"
 #include "util/log.h"
 #include "util/node.h"
 #include "util/str.h"

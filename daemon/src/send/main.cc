@@ -14,8 +14,8 @@
 #include "daemon/src/config/config.h"
 #include "daemon/src/provider/result.h"
 #include "daemon/src/provider/sender.h"
-#include "daemon/src/serverd/accumulate_server.h"
-#include "daemon/src/serverd/startup.h"
+#include "daemon/src/startup/startup.h"
+#include "util/host.h"
 #include "util/str.h"
 
 namespace {
@@ -83,7 +83,8 @@ int main(int argc, char** argv) {
   }
   if (reply_host.empty()) {
     char* host = zsys_hostname();
-    reply_host = is_local(server_host) ? "127.0.0.1" : resolve_host_address(host ? host : "");
+    reply_host =
+        is_local(server_host) ? "127.0.0.1" : vorn::host::resolve_host_address(host ? host : "");
     zstr_free(&host);
     if (reply_host.empty()) {
       std::fprintf(stderr, "Cannot tell this node's address; name it with -r\n");

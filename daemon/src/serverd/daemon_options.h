@@ -9,14 +9,11 @@
 #include <future>
 #include <string>
 
+#include "daemon/src/startup/startup.h"
 #include "util/czmq.h"
 
-struct daemon_options {
-  std::string config_file = "/etc/vornd.xml";
-  bool daemon_mode = false;
-  bool debug_mode = false;
-  std::string pid_file;
-
+// The command line (configuration file, -d, -n, -P) comes first.
+struct daemon_options : command_line {
   // Discovery beacon, and a socket that may be kept beside it.
   vorn::czmq::Actor beacon;
   vorn::czmq::Socket beacon_pipe;

@@ -14,7 +14,7 @@
 #include "daemon/src/database/database.h"
 #include "daemon/src/serverd/accumulate_server.h"
 #include "daemon/src/serverd/daemon_options.h"
-#include "daemon/src/serverd/startup.h"
+#include "daemon/src/startup/startup.h"
 #include "util/fs.h"
 #include "util/log.h"
 #include "util/str.h"
@@ -64,16 +64,6 @@ class StopHandler {
   }
 };
 
-void open_syslog(bool debug_mode) {
-  vorn::log::LOG_SCOPE_LEVEL = 0;
-  if (debug_mode) {
-    vorn::log::use_syslog("vorn-serverd", LOG_PID | LOG_NDELAY | LOG_PERROR, LOG_DAEMON,
-                          LOG_UPTO(LOG_DEBUG));
-  } else {
-    vorn::log::use_syslog("vorn-serverd", LOG_PID | LOG_NDELAY, LOG_DAEMON, LOG_UPTO(LOG_WARNING));
-  }
-}
-
 }  // namespace
 
 int serverd_main(int argc, char** argv) {
@@ -99,7 +89,7 @@ int serverd_main(int argc, char** argv) {
   vorn::str::copy(config.provider_config_dir, paths.provider_config_dir);
   vorn::str::copy(config.provider_auxiliary_path, paths.provider_auxiliary_dir);
 
-  open_syslog(options.debug_mode);
+  open_syslog("vorn-serverd", options.debug_mode);
 
   int status = read_config(config, options.config_file.c_str());
   if (status != 0) {
@@ -129,9 +119,7 @@ int serverd_main(int argc, char** argv) {
     // thread stay behind. It was opened to fail in the foreground; the
     // detached child opens its own.
     store.reset();
-    if (::daemon(0, 0) != 0) {
-      int error = errno;
-      std::printf("Error starting daemon (%d): %s\n", error, std::strerror(error));
+    if (!detach()) {
       return 1;
     }
     store = open_database(&config);
@@ -147,7 +135,7 @@ int serverd_main(int argc, char** argv) {
     start_discovery_beacon(options, config);
   }
 
-  if (!write_pid_file(options, config) && !options.pid_file.empty()) {
+  if (!write_pid_file(options) && !options.pid_file.empty()) {
     return 1;
   }
 

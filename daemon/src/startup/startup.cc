@@ -1,9 +1,12 @@
-#include "daemon/src/serverd/startup.h"
+#include "daemon/src/startup/startup.h"
 
 #include <fcntl.h>
+#include <syslog.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <string>
 
 #include "util/fs.h"
@@ -11,7 +14,7 @@
 #include "util/str.h"
 
 namespace {
-constexpr const char* kLogSource = "daemon/src/serverd";
+constexpr const char* kLogSource = "daemon/src/startup";
 }  // namespace
 
 const install_paths& installation() {
@@ -26,7 +29,7 @@ const install_paths& installation() {
   return paths;
 }
 
-void print_usage(const char* program, const daemon_options& options) {
+void print_usage(const char* program, const command_line& options) {
   std::printf("Usage: %s [-c file] [-h] [-l] [-n]\n", program);
   std::puts("  -c file");
   std::printf("     Configuration file [default = %s]\n",
@@ -38,7 +41,7 @@ void print_usage(const char* program, const daemon_options& options) {
   std::puts("     PID file");
 }
 
-bool parse_command_line(int argc, char** argv, daemon_options& options) {
+bool parse_command_line(int argc, char** argv, command_line& options) {
   int opt;
   while ((opt = ::getopt(argc, argv, "c:dhnP:")) != -1) {
     switch (opt) {
@@ -67,7 +70,26 @@ bool parse_command_line(int argc, char** argv, daemon_options& options) {
   return true;
 }
 
-bool write_pid_file(const daemon_options& options, const daemon_config&) {
+void open_syslog(const char* ident, bool debug_mode) {
+  vorn::log::LOG_SCOPE_LEVEL = 0;
+  if (debug_mode) {
+    vorn::log::use_syslog(ident, LOG_PID | LOG_NDELAY | LOG_PERROR, LOG_DAEMON,
+                          LOG_UPTO(LOG_DEBUG));
+  } else {
+    vorn::log::use_syslog(ident, LOG_PID | LOG_NDELAY, LOG_DAEMON, LOG_UPTO(LOG_WARNING));
+  }
+}
+
+bool detach() {
+  if (::daemon(0, 0) != 0) {
+    int error = errno;
+    std::printf("Error starting daemon (%d): %s\n", error, std::strerror(error));
+    return false;
+  }
+  return true;
+}
+
+bool write_pid_file(const command_line& options) {
   if (options.pid_file.empty()) {
     VORN_LOG(4) << "PID file not set";
     return false;
