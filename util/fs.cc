@@ -64,6 +64,23 @@ bool write_all(int fd, const void* data, size_t size) {
   return true;
 }
 
+bool read_all(int fd, std::string* data) {
+  char buffer[65536];
+  for (;;) {
+    ssize_t n = ::read(fd, buffer, sizeof buffer);
+    if (n == 0) {
+      return true;
+    }
+    if (n < 0) {
+      if (errno == EINTR) {
+        continue;
+      }
+      return false;
+    }
+    data->append(buffer, static_cast<size_t>(n));
+  }
+}
+
 bool make_path(const std::string& path) {
   if (::access(path.c_str(), F_OK) == 0) {
     if (::access(path.c_str(), W_OK) == 0) {

@@ -36,6 +36,10 @@ class Fd {
 // False on an error, with errno telling which.
 bool write_all(int fd, const void* data, size_t size);
 
+// Appends everything left to read from `fd` to `data`. False on an error,
+// with errno telling which.
+bool read_all(int fd, std::string* data);
+
 // Absolute path of the running executable, or "" when the system cannot tell.
 std::string selfpath();
 

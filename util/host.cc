@@ -32,13 +32,22 @@ std::optional<std::string> machine() {
 }
 
 std::string resolve_host_address(const std::string& host) {
+  std::string error;
+  std::string address = resolve_host_address(host, &error);
+  if (address.empty()) {
+    VORN_LOG(3) << error;
+  }
+  return address;
+}
+
+std::string resolve_host_address(const std::string& host, std::string* error) {
   addrinfo hints{};
   hints.ai_family = AF_INET;
   hints.ai_socktype = SOCK_STREAM;
   addrinfo* raw = nullptr;
   int rc = getaddrinfo(host.c_str(), nullptr, &hints, &raw);
   if (rc != 0) {
-    VORN_LOG(3) << "Error getting address information (" << rc << "): " << gai_strerror(rc);
+    *error = "Error getting address information (" + std::to_string(rc) + "): " + gai_strerror(rc);
     return "";
   }
   std::unique_ptr<addrinfo, FreeAddresses> addresses(raw);
@@ -46,7 +55,7 @@ std::string resolve_host_address(const std::string& host) {
   rc = getnameinfo(addresses->ai_addr, addresses->ai_addrlen, text, sizeof text, nullptr, 0,
                    NI_NUMERICHOST);
   if (rc != 0) {
-    VORN_LOG(3) << "Error getting name information (" << rc << "): " << gai_strerror(rc);
+    *error = "Error getting name information (" + std::to_string(rc) + "): " + gai_strerror(rc);
     return "";
   }
   return text;

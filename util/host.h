@@ -20,6 +20,10 @@ std::optional<std::string> machine();
 // "Error getting address information (" or "Error getting name information (").
 std::string resolve_host_address(const std::string& host);
 
+// The same, with the reason of a failure put in `error` instead of the log,
+// for callers that retry and report a lasting failure once.
+std::string resolve_host_address(const std::string& host, std::string* error);
+
 // The local IPv4 address that packets to `address`:`port` leave from, chosen
 // by the kernel's routing table without sending anything; "" when there is no
 // route.

@@ -7,6 +7,7 @@
 
 #include "daemon/src/adhoc_cluster/beacon.h"
 #include "daemon/src/provider/sleep_mode.h"
+#include "daemon/src/provider/stop.h"
 #include "util/czmq.h"
 #include "util/host.h"
 #include "util/log.h"
@@ -25,6 +26,17 @@ int to_int(const char* text) {
   errno = 0;
   long long value = std::strtoll(text, nullptr, 10);
   return static_cast<int>(std::clamp<long long>(value, 0, INT32_MAX));
+}
+
+// True when `socket` has a message within `seconds`; false when the time is
+// up or the daemon is stopping.
+bool wait_readable(void* socket, int64_t seconds) {
+  zmq_pollitem_t items[] = {{zsock_resolve(socket), 0, ZMQ_POLLIN, 0},
+                            {nullptr, vorn::stop::stop_fd(), ZMQ_POLLIN, 0}};
+  if (zmq_poll(items, 2, vorn::czmq::timeout_ms(seconds)) <= 0) {
+    return false;
+  }
+  return (items[0].revents & ZMQ_POLLIN) != 0 && !vorn::stop::stop_requested();
 }
 
 int seconds_left(std::time_t deadline) {
@@ -99,9 +111,10 @@ void join_adhoc_cluster(const std::string& address, int port, int lifetime) {
   vorn::czmq::String hostname(zsys_hostname());
   zsock_send(rsvp.get(), "sss", "ADHOC RSVP", hostname ? hostname.get() : "",
              std::to_string(dissolve_port).c_str());
-  zsock_set_rcvtimeo(dissolve.get(), vorn::czmq::timeout_ms(lifetime));
-  vorn::czmq::String message(zstr_recv(dissolve.get()));
-  if (!message) {
+  if (!wait_readable(dissolve.get(), lifetime)) {
+    if (vorn::stop::stop_requested()) {
+      return;
+    }
     VORN_LOG(4) << "Adhoc cluster expired without receiving dissolve message";
     return;
   }
@@ -124,14 +137,17 @@ bool listen_for_invitations(const daemon_config& config, int seconds) {
     return false;
   }
   for (int remaining = seconds; remaining > 0; remaining = seconds_left(deadline)) {
-    zsock_set_rcvtimeo(beacon.get(), vorn::czmq::timeout_ms(remaining));
     char* sender = nullptr;
     char* payload = nullptr;
-    if (zstr_recvx(beacon.get(), &sender, &payload, nullptr) < 0) {
+    if (!wait_readable(beacon.get(), remaining)) {
+      if (vorn::stop::stop_requested()) {
+        break;
+      }
       VORN_LOG(6) << "Timed out waiting for adhoc cluster broadcast";
       zstr_sendx(beacon.get(), "UNSUBSCRIBE", nullptr);
       break;
     }
+    zstr_recvx(beacon.get(), &sender, &payload, nullptr);
     vorn::czmq::String sender_owner(sender);
     vorn::czmq::String payload_owner(payload);
     int port = 0;

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -11,6 +12,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "daemon/src/provider/stop.h"
 #include "util/fs.h"
 #include "util/log.h"
 
@@ -67,6 +69,18 @@ ssize_t read_chunk(int fd, std::string& into) {
 void drain(int fd, std::string& into) {
   while (read_chunk(fd, into) > 0) {
   }
+}
+
+// A descriptor that becomes readable when the child ends, so that one poll
+// watches the pipes, the child and the stop request; -1 on kernels without
+// pidfd_open.
+int open_pidfd(pid_t pid) {
+#ifdef SYS_pidfd_open
+  return static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
+#else
+  (void)pid;
+  return -1;
+#endif
 }
 
 }  // namespace
@@ -128,15 +142,20 @@ int popen3(popen3_job& job) {
   ::setpgid(pid, pid);
   out_write.reset();
   err_write.reset();
+  Fd child(open_pidfd(pid));
 
-  pollfd fds[2] = {{out_read.get(), kEvents, 0}, {err_read.get(), kEvents, 0}};
+  // Pipes, the child's end, and the daemon's stop request.
+  pollfd fds[4] = {{out_read.get(), kEvents, 0},
+                   {err_read.get(), kEvents, 0},
+                   {child.get(), POLLIN, 0},
+                   {vorn::stop::stop_fd(), POLLIN, 0}};
   std::time_t start = std::time(nullptr);
   int rc = 0;
   for (;;) {
     double elapsed = std::difftime(std::time(nullptr), start);
     double wait_ms = (static_cast<double>(job.timeout) - elapsed) * 1000.0;
     int poll_ms = wait_ms > 0 ? static_cast<int>(std::min(wait_ms, 2147483647.0)) : 0;
-    int ready = ::poll(fds, 2, poll_ms);
+    int ready = ::poll(fds, 4, poll_ms);
     if (ready < 0 && errno == EINTR) {
       continue;  // a signal for someone else; the clock decides
     }
@@ -155,12 +174,25 @@ int popen3(popen3_job& job) {
       rc = -1;
       break;
     }
+    if (fds[3].revents & POLLIN) {
+      job.stopped = true;
+      break;
+    }
+    if (fds[2].revents & POLLIN) {
+      fds[2].fd = -1;  // ended; reaped below
+    }
     bool out_done = fds[0].fd < 0 || (fds[0].revents & POLLHUP);
     bool err_done = fds[1].fd < 0 || (fds[1].revents & POLLHUP);
+    // Without a pidfd the child is waited for without a time-out, as before.
+    bool child_done = fds[2].fd < 0;
     if (out_done && err_done) {
       drain(out_read.get(), job.stdout_data);
       drain(err_read.get(), job.stderr_data);
-      break;
+      fds[0].fd = -1;
+      fds[1].fd = -1;
+      if (child_done) {
+        break;
+      }
     }
     if ((fds[0].revents & POLLERR) || (fds[1].revents & POLLERR)) {
       VORN_LOG(3) << "poll error " << vorn::log::sys_error(errno);
@@ -182,7 +214,11 @@ int popen3(popen3_job& job) {
   double elapsed = std::difftime(std::time(nullptr), start);
   int status = -1;
   pid_t waited;
-  if (elapsed >= static_cast<double>(job.timeout) || rc < 0) {
+  if (job.stopped) {
+    VORN_LOG(5) << "Stopping: killing the command " << job.command;
+    job.timed_out = true;
+    waited = kill_child(pid, &status, 3.0, 10.0);
+  } else if (elapsed >= static_cast<double>(job.timeout) || rc < 0) {
     VORN_LOG(3) << "The following command has timed out and will be killed: " << job.command;
     job.timed_out = true;
     waited = kill_child(pid, &status, 3.0, 10.0);

@@ -3,13 +3,15 @@
 // time-out enforced.
 //
 // The child leads a process group of its own, with standard input on
-// /dev/null; when the time is up the whole group gets SIGTERM, then SIGKILL
-// three seconds later, so nothing the command started outlives it. Output is
-// read as it comes, without limit and without busy waiting.
+// /dev/null; when the time is up, or the daemon is asked to stop, the whole
+// group gets SIGTERM, then SIGKILL three seconds later, so nothing the command
+// started outlives it. The time-out holds also for a command that closes its
+// output and keeps running. Output is read as it comes, without limit and
+// without busy waiting.
 //
 // Thread safety: a call touches only its job; it blocks the calling thread
-// for the run (at most the time-out plus about 11 seconds, unless the command
-// closes its output and keeps running: that one is waited for).
+// for the run: at most the time-out plus about 11 seconds of the kill
+// sequence.
 
 #include <sys/types.h>
 
@@ -24,7 +26,8 @@ struct popen3_job {
   double duration = 0;  // whole seconds, measured with time()
   int32_t pid = -2;     // the final wait's result: child pid, 0 given up, -1 failed
   int32_t exit_status = -2;
-  bool timed_out = false;
+  bool timed_out = false;  // the kill sequence was started
+  bool stopped = false;    // ... because the daemon is stopping
 };
 
 // Returns 0, or -1 when a system call failed while the child was watched or

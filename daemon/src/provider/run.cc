@@ -1,5 +1,6 @@
 #include "daemon/src/provider/run.h"
 
+#include <fcntl.h>
 #include <sys/file.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -7,8 +8,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 
 #include "daemon/src/provider/nodes.h"
 #include "daemon/src/provider/popen3.h"
@@ -53,7 +52,13 @@ int run_provider(provider& record, const daemon_config& config, provider_result&
   popen3_job job;
   job.timeout = scale_timeout(record.timeout, num_nodes, record.timeout_scale);
   job.command = provider_command_line(record, config, environment, job.timeout);
-  if (popen3(job) != 0) {
+  int rc = popen3(job);
+  if (job.stopped) {
+    // Cut short by the daemon's stop: not a result of the provider.
+    VORN_LOG(5) << "Run of data provider '" << record.name << "' ended by the stop; no result";
+    return 0;
+  }
+  if (rc != 0) {
     VORN_LOG(3) << "Error executing popen3 " << vorn::log::sys_error(errno);
     return 0;
   }
@@ -130,14 +135,14 @@ int write_output_file(const provider_result& result, const std::string& director
 }
 
 bool read_output_file(const std::string& path, provider_result& result, std::string* error) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) {
+  vorn::fs::Fd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  std::string data;
+  // The writer holds an exclusive lock until the file is complete.
+  if (file.get() < 0 || ::flock(file.get(), LOCK_SH) != 0 ||
+      !vorn::fs::read_all(file.get(), &data)) {
     *error = "cannot read '" + path + "': " + std::strerror(errno);
     return false;
   }
-  std::ostringstream bytes;
-  bytes << in.rdbuf();
-  const std::string data = bytes.str();
   if (!parse_result_header(data, result.header)) {
     *error = "'" + path + "' is " + std::to_string(data.size()) +
              " bytes long, shorter than the 456-byte result header";

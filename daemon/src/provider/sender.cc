@@ -13,9 +13,11 @@ namespace {
 constexpr const char* kLogSource = "daemon/src/provider";
 constexpr int kRetryIntervalMs = 100;
 
-// The server answers with the number as text; accept the raw 4 bytes too.
-bool is_answer(zmsg_t* reply, int32_t number) {
-  zframe_t* frame = zmsg_first(reply);
+}  // namespace
+
+bool is_pub_ack_answer(zmsg_t* reply, int32_t number) {
+  // A ROUTER reply socket puts the peer's identity and an empty frame first.
+  zframe_t* frame = zmsg_last(reply);
   if (frame == nullptr) {
     return false;
   }
@@ -26,7 +28,19 @@ bool is_answer(zmsg_t* reply, int32_t number) {
   return text.size() == sizeof number && std::memcmp(text.data(), &number, sizeof number) == 0;
 }
 
-}  // namespace
+bool send_pub_ack_request(zsock_t* publisher, const daemon_config& config,
+                          const std::string& reply_endpoint, int32_t number) {
+  zmsg_t* request = zmsg_new();
+  zmsg_addstr(request, accumulate_topic(config).c_str());
+  zmsg_addstr(request, "PUB_ACK");
+  zmsg_addstr(request, reply_endpoint.c_str());
+  zmsg_addmem(request, &number, sizeof number);
+  if (zmsg_send(&request, publisher) != 0) {
+    zmsg_destroy(&request);
+    return false;
+  }
+  return true;
+}
 
 vorn::czmq::Socket connect_result_publisher(const std::string& endpoint) {
   vorn::czmq::init();
@@ -59,17 +73,10 @@ bool request_pub_ack(zsock_t* publisher, const daemon_config& config, const std:
   vorn::czmq::Poller poller(zpoller_new(reply.get(), nullptr));
   const int64_t deadline = zclock_mono() + timeout_ms;
   while (zclock_mono() < deadline) {
-    zmsg_t* request = zmsg_new();
-    zmsg_addstr(request, accumulate_topic(config).c_str());
-    zmsg_addstr(request, "PUB_ACK");
-    zmsg_addstr(request, endpoint.c_str());
-    zmsg_addmem(request, &number, sizeof number);
-    if (zmsg_send(&request, publisher) != 0) {
-      zmsg_destroy(&request);
-    }
+    send_pub_ack_request(publisher, config, endpoint, number);
     if (zpoller_wait(poller.get(), kRetryIntervalMs) != nullptr) {
       vorn::czmq::Message answer(zmsg_recv(reply.get()));
-      if (answer && is_answer(answer.get(), number)) {
+      if (answer && is_pub_ack_answer(answer.get(), number)) {
         return true;
       }
       // A REP socket must answer before it can receive again.

@@ -11,6 +11,7 @@
 //
 // Thread safety: each socket belongs to the thread that created it.
 
+#include <cstdint>
 #include <string>
 
 #include "daemon/src/config/config.h"
@@ -19,6 +20,15 @@
 // How long results still queued when the publisher is closed keep being sent
 // (at the latest until the process ends; its exit waits this long at most).
 constexpr int kFlushOnCloseMs = 10000;
+
+// Sends one "PUB_ACK" request for `number`, asking the server to connect back
+// to `reply_endpoint`. False when the message could not be queued.
+bool send_pub_ack_request(zsock_t* publisher, const daemon_config& config,
+                          const std::string& reply_endpoint, int32_t number);
+
+// Whether a message that arrived on the reply socket answers `number`: its
+// last frame holds the number as decimal text, or as 4 raw bytes.
+bool is_pub_ack_answer(zmsg_t* reply, int32_t number);
 
 // A PUB socket connected to `endpoint` (e.g. "tcp://head1:1974"); null on failure.
 vorn::czmq::Socket connect_result_publisher(const std::string& endpoint);

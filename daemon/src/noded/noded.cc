@@ -1,0 +1,137 @@
+#include "daemon/src/noded/noded.h"
+
+#include <pthread.h>
+#include <signal.h>
+#include <syslog.h>
+
+#include <cstdio>
+#include <mutex>
+#include <thread>
+
+#include "daemon/src/config/config.h"
+#include "daemon/src/provider/publisher.h"
+#include "daemon/src/provider/scheduler.h"
+#include "daemon/src/provider/sleep_mode.h"
+#include "daemon/src/provider/stop.h"
+#include "daemon/src/startup/startup.h"
+#include "util/czmq.h"
+#include "util/fs.h"
+#include "util/log.h"
+#include "util/str.h"
+
+namespace {
+
+constexpr const char* kLogSource = "daemon/src/noded";
+constexpr size_t kMaxDirectory = 4096;
+
+// The signals this daemon acts on. They are blocked in every thread and
+// taken by one thread with sigwait, so none is handled inside a handler.
+sigset_t handled_signals() {
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGINT);
+  sigaddset(&set, SIGTERM);
+  sigaddset(&set, SIGUSR1);
+  sigaddset(&set, SIGUSR2);
+  return set;
+}
+
+void set_sleep_mode(bool on) {
+  {
+    std::lock_guard<std::mutex> lock(sleep_mutex);
+    sleep_mode = on;
+  }
+  sleep_cond.notify_all();
+}
+
+// Runs until the process ends: a signal thread never returns, as another
+// stop signal may always come.
+void handle_signals(sigset_t set) {
+  for (;;) {
+    int signal_number = 0;
+    if (sigwait(&set, &signal_number) != 0) {
+      continue;
+    }
+    switch (signal_number) {
+      case SIGUSR1:
+        VORN_LOG(5) << "Sleep mode requested: no provider runs until SIGUSR2";
+        set_sleep_mode(true);
+        break;
+      case SIGUSR2:
+        VORN_LOG(5) << "Sleep mode ended";
+        set_sleep_mode(false);
+        break;
+      default:
+        if (vorn::stop::stop_requested()) {
+          VORN_LOG(5) << "Already stopping";
+          break;
+        }
+        VORN_LOG(5) << "Received SIGINT / SIGTERM. Stopping...";
+        vorn::stop::request_stop();
+        // Wakes a scheduler that sleeps; it sees the stop and ends.
+        { std::lock_guard<std::mutex> lock(sleep_mutex); }
+        sleep_cond.notify_all();
+        break;
+    }
+  }
+}
+
+}  // namespace
+
+int noded_main(int argc, char** argv) {
+  daemon_config config;
+  command_line options;
+
+  const install_paths& paths = installation();
+  options.config_file = paths.config_file;
+  if (!parse_command_line(argc, argv, options)) {
+    return 1;
+  }
+  if (paths.provider_config_dir.size() >= kMaxDirectory ||
+      paths.provider_auxiliary_dir.size() >= kMaxDirectory) {
+    std::puts(
+        "The binary is located in a directory that is too deep for this tool to function "
+        "properly");
+    return 1;
+  }
+  vorn::str::copy(config.provider_config_dir, paths.provider_config_dir);
+  vorn::str::copy(config.provider_auxiliary_path, paths.provider_auxiliary_dir);
+
+  open_syslog("vorn-noded", options.debug_mode);
+
+  int status = read_config(config, options.config_file.c_str());
+  if (status != 0) {
+    return status;
+  }
+  if (!vorn::fs::make_path(config.provider_output_dir)) {
+    VORN_LOG(3) << "Could not create provider output directory '" << config.provider_output_dir
+                << "', aborting";
+    return 1;
+  }
+  if (options.daemon_mode && !detach()) {
+    return 1;
+  }
+
+  // Before any thread exists, so that every thread inherits the mask, and
+  // before CZMQ starts, so that it installs no handler of its own.
+  sigset_t signals = handled_signals();
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  zsys_handler_set(nullptr);
+  vorn::czmq::init();
+  vorn::stop::stop_fd();
+
+  if (!write_pid_file(options) && !options.pid_file.empty()) {
+    return 1;
+  }
+  std::thread(handle_signals, signals).detach();
+  VORN_LOG(5) << "Node daemon started: providers from '" << config.provider_config_dir
+              << "', results in '" << config.provider_output_dir << "'";
+  {
+    result_publisher publisher(config);
+    run_scheduler(config);
+    // The publisher's destructor gives it up to 5 s to finish its checkpoint.
+  }
+  VORN_LOG(5) << "Node daemon stopped";
+  closelog();
+  return 0;
+}

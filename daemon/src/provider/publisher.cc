@@ -1,0 +1,490 @@
+#include "daemon/src/provider/publisher.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cctype>
+#include <cerrno>
+#include <cstring>
+#include <deque>
+#include <random>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "daemon/src/adhoc_cluster/beacon.h"
+#include "daemon/src/provider/result.h"
+#include "daemon/src/provider/run.h"
+#include "daemon/src/provider/sender.h"
+#include "daemon/src/provider/stop.h"
+#include "util/czmq.h"
+#include "util/host.h"
+#include "util/log.h"
+
+namespace {
+
+constexpr const char* kLogSource = "daemon/src/provider";
+
+constexpr size_t kBatchFiles = 1000;
+constexpr int64_t kBatchMs = 1000;
+constexpr int kRequestIntervalMs = 500;
+constexpr int64_t kAnswerTimeoutMs = 10000;
+constexpr int64_t kStopGraceMs = 5000;
+constexpr int kScanIntervalMs = 1000;
+constexpr int kSendHighWaterMark = 1000;
+// A refused or broken connection is made anew after this pause.
+constexpr int kRetryAfterCloseMs = 1000;
+// A file shorter than its header may still be in the hands of its writer
+// (between mkstemp and its lock); only an older one is rejected.
+constexpr time_t kWriterGraceSeconds = 2;
+constexpr const char* kRejectedDirectory = "rejected";
+
+// Logs a lasting condition once, and again only after it was cleared.
+class Condition {
+ public:
+  // True the first time after a clear: the caller logs then.
+  bool raise(const std::string& what) {
+    if (what == current_) {
+      return false;
+    }
+    current_ = what;
+    return true;
+  }
+  void clear() { current_.clear(); }
+
+ private:
+  std::string current_;
+};
+
+struct connection {
+  std::string server;  // tcp://<address>:<port>
+  std::string reply_endpoint;
+  vorn::czmq::Socket publisher;
+  vorn::czmq::Socket reply;
+  // Hears of the publisher's connection closing, refused or broken, so the
+  // loop does not wait for answers that cannot come.
+  vorn::czmq::Socket monitor;
+};
+
+enum class wait_result { ready, timeout, broken };
+
+// Waits up to `ms` for `events` on `socket` (which may be null: just the
+// time), watching the connection and the stop request.
+wait_result wait_for(const connection& c, void* socket, short events, int64_t ms) {
+  zmq_pollitem_t items[] = {{zsock_resolve(c.monitor.get()), 0, ZMQ_POLLIN, 0},
+                            {nullptr, vorn::stop::stop_fd(), ZMQ_POLLIN, 0},
+                            {socket, 0, events, 0}};
+  int count = socket != nullptr ? 3 : 2;
+  if (zmq_poll(items, count, static_cast<long>(ms)) <= 0) {
+    return wait_result::timeout;
+  }
+  if ((items[0].revents & ZMQ_POLLIN) || (items[1].revents & ZMQ_POLLIN)) {
+    return wait_result::broken;
+  }
+  return wait_result::ready;
+}
+
+// "<name>.XXXXXX", as mkstemp makes output files.
+bool is_output_file_name(const char* name) {
+  size_t length = std::strlen(name);
+  if (length < 8 || name[0] == '.' || name[length - 7] != '.') {
+    return false;
+  }
+  return std::all_of(name + length - 6, name + length,
+                     [](char c) { return std::isalnum(static_cast<unsigned char>(c)) != 0; });
+}
+
+// The output files of `directory`, oldest first; false when it cannot be read.
+bool scan_output_files(const std::string& directory, std::deque<std::string>& files) {
+  DIR* dir = ::opendir(directory.c_str());
+  if (dir == nullptr) {
+    return false;
+  }
+  struct entry {
+    timespec mtime;
+    std::string path;
+  };
+  std::vector<entry> found;
+  while (dirent* d = ::readdir(dir)) {
+    if (!is_output_file_name(d->d_name)) {
+      continue;
+    }
+    std::string path = directory + "/" + d->d_name;
+    struct stat st;
+    if (::lstat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode)) {
+      found.push_back({st.st_mtim, std::move(path)});
+    }
+  }
+  ::closedir(dir);
+  std::sort(found.begin(), found.end(), [](const entry& a, const entry& b) {
+    if (a.mtime.tv_sec != b.mtime.tv_sec) {
+      return a.mtime.tv_sec < b.mtime.tv_sec;
+    }
+    if (a.mtime.tv_nsec != b.mtime.tv_nsec) {
+      return a.mtime.tv_nsec < b.mtime.tv_nsec;
+    }
+    return a.path < b.path;
+  });
+  for (entry& e : found) {
+    files.push_back(std::move(e.path));
+  }
+  return true;
+}
+
+// The accumulate port as a number; 0 when the text is not a port.
+int port_number(const std::string& text) {
+  if (text.empty() || text.size() > 5 ||
+      text.find_first_not_of("0123456789") != std::string::npos) {
+    return 0;
+  }
+  int port = std::stoi(text);
+  return port <= 65535 ? port : 0;
+}
+
+// "DISCOVERY[ <partition>] port=<N>" for this node's partition exactly; the
+// port, or 0 for any other payload.
+int discovery_port(const std::string& payload, const daemon_config& config) {
+  const std::string prefix = with_partition("DISCOVERY", config) + " port=";
+  if (payload.compare(0, prefix.size(), prefix) != 0) {
+    return 0;
+  }
+  return port_number(payload.substr(prefix.size()));
+}
+
+class publisher_loop {
+ public:
+  explicit publisher_loop(const daemon_config& config)
+      : config_(config), directory_(config.provider_output_dir) {
+    // Numbers grow within a run; a random start keeps a restarted node from
+    // repeating a request the server still remembers as answered.
+    std::random_device random;
+    number_ = static_cast<int32_t>(random() % (1u << 30)) + 1;
+  }
+
+  void run() {
+    while (!vorn::stop::stop_requested()) {
+      connection c;
+      if (!connect(c)) {
+        continue;
+      }
+      if (!checkpoint(c)) {
+        report_silence(c);
+        continue;
+      }
+      if (announced_ != c.server) {
+        VORN_LOG(5) << "Delivering results to the accumulate server at " << c.server;
+        announced_ = c.server;
+      }
+      silence_.clear();
+      queue_.clear();  // start again from the oldest file
+      deliver(c);
+    }
+  }
+
+ private:
+  // Sends batches until the connection fails or the stop is requested.
+  void deliver(connection& c) {
+    while (!vorn::stop::stop_requested()) {
+      if (queue_.empty()) {
+        if (!scan_output_files(directory_, queue_)) {
+          if (directory_problem_.raise("unreadable")) {
+            VORN_LOG(3) << "Cannot read provider output directory '" << directory_ << "' "
+                        << vorn::log::sys_error(errno);
+          }
+        } else {
+          directory_problem_.clear();
+        }
+      }
+      if (queue_.empty()) {
+        if (wait_for(c, nullptr, 0, kScanIntervalMs) == wait_result::broken) {
+          return;
+        }
+        continue;
+      }
+      std::vector<std::string> batch;
+      bool sent = send_batch(c, batch);
+      if (batch.empty()) {
+        if (!sent) {
+          return;
+        }
+        continue;
+      }
+      // Even a batch cut short by the stop is confirmed, within the grace.
+      if (!checkpoint(c)) {
+        report_silence(c);
+        return;
+      }
+      for (const std::string& path : batch) {
+        if (::unlink(path.c_str()) != 0 && errno != ENOENT) {
+          VORN_LOG(3) << "Cannot delete delivered output file '" << path << "' "
+                      << vorn::log::sys_error(errno);
+        }
+      }
+      if (!sent) {
+        return;
+      }
+    }
+  }
+
+  // Finds the server and makes a publisher and a reply socket for it. False
+  // after waiting a moment when there is none (logged once).
+  bool connect(connection& c) {
+    std::string address;
+    int port = 0;
+    if (config_.accumulate_host[0] != '\0') {
+      port = port_number(config_.accumulate_port);
+      std::string error;
+      address = port != 0 ? vorn::host::resolve_host_address(config_.accumulate_host, &error) : "";
+      if (port == 0) {
+        error = std::string("accumulate_port '") + config_.accumulate_port + "' is not a port";
+      }
+      if (address.empty()) {
+        if (server_problem_.raise(error)) {
+          VORN_LOG(3) << "Cannot reach accumulate server '" << config_.accumulate_host
+                      << "': " << error << "; retrying";
+        }
+        vorn::stop::wait_for_stop(kAnswerTimeoutMs);
+        return false;
+      }
+    } else if (!discover(address, port)) {
+      return false;
+    }
+    server_problem_.clear();
+    c.server = "tcp://" + address + ":" + std::to_string(port);
+    // The reply socket must be reachable from the server: the address on the
+    // route towards it (loopback only for a server on this node).
+    std::string local = vorn::host::local_address_towards(address, port);
+    if (local.empty()) {
+      if (server_problem_.raise("no route")) {
+        VORN_LOG(3) << "No route to the accumulate server at " << c.server << "; retrying";
+      }
+      vorn::stop::wait_for_stop(kAnswerTimeoutMs);
+      return false;
+    }
+    vorn::czmq::init();
+    c.publisher.reset(zsock_new(ZMQ_PUB));
+    c.reply.reset(zsock_new(ZMQ_ROUTER));
+    if (!c.publisher || !c.reply || zsock_bind(c.reply.get(), "tcp://%s:*", local.c_str()) < 0) {
+      VORN_LOG(3) << "Cannot make the sockets to reach " << c.server << " "
+                  << vorn::log::sys_error(errno);
+      vorn::stop::wait_for_stop(kAnswerTimeoutMs);
+      return false;
+    }
+    c.reply_endpoint = vorn::czmq::last_endpoint(c.reply.get());
+    void* pub = zsock_resolve(c.publisher.get());
+    int on = 1;
+    zmq_setsockopt(pub, ZMQ_XPUB_NODROP, &on, sizeof on);
+    zsock_set_sndhwm(c.publisher.get(), kSendHighWaterMark);
+    // A connection that broke loses what was under way; reconnecting behind
+    // our back would let a later "PUB_ACK" answer vouch for the lost ones.
+    // So a broken connection stays broken, and the missing answer makes a new one.
+    zsock_set_reconnect_ivl(c.publisher.get(), -1);
+    zsock_set_linger(c.publisher.get(), 0);
+    zsock_set_linger(c.reply.get(), 0);
+    static std::atomic<int> monitors{0};
+    const std::string monitor_endpoint =
+        "inproc://vorn-publisher-monitor-" + std::to_string(++monitors);
+    c.monitor.reset(zsock_new(ZMQ_PAIR));
+    if (!c.monitor ||
+        zmq_socket_monitor(pub, monitor_endpoint.c_str(),
+                           ZMQ_EVENT_CLOSED | ZMQ_EVENT_DISCONNECTED) != 0 ||
+        zsock_connect(c.monitor.get(), "%s", monitor_endpoint.c_str()) != 0) {
+      VORN_LOG(3) << "Cannot watch the connection to " << c.server << " "
+                  << vorn::log::sys_error(errno);
+      vorn::stop::wait_for_stop(kAnswerTimeoutMs);
+      return false;
+    }
+    if (zsock_connect(c.publisher.get(), "%s", c.server.c_str()) != 0) {
+      VORN_LOG(3) << "Cannot connect to the accumulate server at " << c.server << " "
+                  << vorn::log::sys_error(errno);
+      vorn::stop::wait_for_stop(kAnswerTimeoutMs);
+      return false;
+    }
+    return true;
+  }
+
+  // Listens for the server's discovery beacon for a while; false when none
+  // was heard.
+  bool discover(std::string& address, int& port) {
+    std::string hostname;
+    vorn::czmq::Actor beacon = new_beacon(config_, &hostname);
+    if (!beacon) {
+      vorn::stop::wait_for_stop(kAnswerTimeoutMs);
+      return false;
+    }
+    zsock_send(beacon.get(), "sb", "SUBSCRIBE", "DISCOVERY", static_cast<size_t>(9));
+    const int64_t deadline = zclock_mono() + kAnswerTimeoutMs;
+    for (int64_t left = kAnswerTimeoutMs; left > 0; left = deadline - zclock_mono()) {
+      zmq_pollitem_t items[] = {{zsock_resolve(beacon.get()), 0, ZMQ_POLLIN, 0},
+                                {nullptr, vorn::stop::stop_fd(), ZMQ_POLLIN, 0}};
+      if (zmq_poll(items, 2, left) <= 0 || vorn::stop::stop_requested()) {
+        break;
+      }
+      char* sender = nullptr;
+      char* payload = nullptr;
+      zstr_recvx(beacon.get(), &sender, &payload, nullptr);
+      vorn::czmq::String sender_owner(sender);
+      vorn::czmq::String payload_owner(payload);
+      int found = payload != nullptr ? discovery_port(payload, config_) : 0;
+      if (found != 0 && sender != nullptr) {
+        address = sender;
+        port = found;
+        return true;
+      }
+    }
+    if (!vorn::stop::stop_requested() && server_problem_.raise("no beacon")) {
+      VORN_LOG(4) << "No accumulate server of partition '" << config_.network_partition
+                  << "' heard on UDP port " << config_.broadcast_port << "; still listening";
+    }
+    return false;
+  }
+
+  // Reads and sends output files from the queue into `batch`, at most
+  // kBatchFiles or kBatchMs. False when the publisher cannot send (the
+  // connection is broken) or the stop is requested.
+  bool send_batch(connection& c, std::vector<std::string>& batch) {
+    const int64_t start = zclock_mono();
+    while (!queue_.empty() && batch.size() < kBatchFiles && zclock_mono() - start < kBatchMs) {
+      std::string path = queue_.front();
+      provider_result result;
+      if (!read_for_sending(path, result)) {
+        queue_.pop_front();
+        continue;
+      }
+      if (!wait_writable(c)) {
+        return false;
+      }
+      if (send_result(result, config_, c.publisher.get()) != 1) {
+        return false;
+      }
+      queue_.pop_front();
+      batch.push_back(std::move(path));
+    }
+    return true;
+  }
+
+  // True when the send queue has room; false after kAnswerTimeoutMs without
+  // room (a server that no longer reads) or on the stop.
+  bool wait_writable(connection& c) {
+    return wait_for(c, zsock_resolve(c.publisher.get()), ZMQ_POLLOUT, kAnswerTimeoutMs) ==
+           wait_result::ready;
+  }
+
+  // Reads one output file; false when it is not to be sent now (gone, still
+  // being written, or rejected).
+  bool read_for_sending(const std::string& path, provider_result& result) {
+    if (unmovable_.count(path) != 0) {
+      return false;
+    }
+    std::string error;
+    if (read_output_file(path, result, &error)) {
+      return true;
+    }
+    struct stat st;
+    if (::stat(path.c_str(), &st) != 0) {
+      return false;  // taken away meanwhile
+    }
+    if (::time(nullptr) - st.st_mtime < kWriterGraceSeconds) {
+      return false;  // perhaps not yet written; the next scan sees it again
+    }
+    reject(path, error);
+    return false;
+  }
+
+  void reject(const std::string& path, const std::string& reason) {
+    std::string rejected = directory_ + "/" + kRejectedDirectory;
+    ::mkdir(rejected.c_str(), 0700);
+    std::string target = rejected + path.substr(path.rfind('/'));
+    if (::rename(path.c_str(), target.c_str()) != 0) {
+      int error = errno;
+      // Not movable: left alone, and not read again in this run.
+      if (unmovable_.insert(path).second) {
+        VORN_LOG(3) << "Unreadable output file " << reason << " cannot be moved to '" << target
+                    << "' " << vorn::log::sys_error(error);
+      }
+      return;
+    }
+    VORN_LOG(4) << "Rejected output file " << reason << "; moved to '" << target << "'";
+  }
+
+  // Asks "PUB_ACK" every 500 ms until the server answers; false after 10 s
+  // without an answer, or when the stop leaves no more time.
+  bool checkpoint(connection& c) {
+    const int32_t number = number_++;
+    int64_t deadline = zclock_mono() + kAnswerTimeoutMs;
+    int64_t next_request = 0;
+    bool stopping = false;
+    for (;;) {
+      int64_t now = zclock_mono();
+      if (!stopping && vorn::stop::stop_requested()) {
+        stopping = true;
+        deadline = std::min(deadline, now + kStopGraceMs);
+      }
+      if (now >= deadline) {
+        return false;
+      }
+      if (now >= next_request) {
+        // Queued behind the batch; a full queue just means a later request.
+        zsock_set_sndtimeo(c.publisher.get(), 0);
+        send_pub_ack_request(c.publisher.get(), config_, c.reply_endpoint, number);
+        next_request = now + kRequestIntervalMs;
+      }
+      zmq_pollitem_t items[] = {{zsock_resolve(c.reply.get()), 0, ZMQ_POLLIN, 0},
+                                {zsock_resolve(c.monitor.get()), 0, ZMQ_POLLIN, 0},
+                                {nullptr, vorn::stop::stop_fd(), ZMQ_POLLIN, 0}};
+      // Once stopping, the stop descriptor would wake every poll at once.
+      int count = stopping ? 2 : 3;
+      long wait = static_cast<long>(std::min(next_request, deadline) - now);
+      if (zmq_poll(items, count, wait) <= 0) {
+        continue;
+      }
+      if (items[0].revents & ZMQ_POLLIN) {
+        vorn::czmq::Message answer(zmsg_recv(c.reply.get()));
+        if (answer && is_pub_ack_answer(answer.get(), number)) {
+          return true;
+        }
+      }
+      if (items[1].revents & ZMQ_POLLIN) {
+        // What was sent on the closed connection may be lost: no answer
+        // can vouch for it.
+        vorn::stop::wait_for_stop(kRetryAfterCloseMs);
+        return false;
+      }
+    }
+  }
+
+  void report_silence(const connection& c) {
+    announced_.clear();
+    if (!vorn::stop::stop_requested() && silence_.raise(c.server)) {
+      VORN_LOG(4) << "The accumulate server at " << c.server
+                  << " does not answer; results wait on disk until it does";
+    }
+  }
+
+  const daemon_config& config_;
+  const std::string directory_;
+  int32_t number_;
+  std::deque<std::string> queue_;
+  std::set<std::string> unmovable_;
+  std::string announced_;  // the server that answered last
+  Condition silence_;
+  Condition server_problem_;
+  Condition directory_problem_;
+};
+
+}  // namespace
+
+result_publisher::result_publisher(const daemon_config& config)
+    : config_(config), thread_([this] { run(); }) {}
+
+result_publisher::~result_publisher() {
+  thread_.join();
+}
+
+void result_publisher::run() {
+  publisher_loop loop(config_);
+  loop.run();
+}

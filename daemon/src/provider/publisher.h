@@ -1,0 +1,48 @@
+#pragma once
+// The node's publisher: delivers every output file of provider_output_dir to
+// the accumulate server, with nothing lost.
+//
+// The directory is the queue: output files ("<provider>.XXXXXX"), those the
+// scheduler writes and any left from before, go out oldest first, each read
+// under a shared lock (the writer holds an exclusive one while it writes) and
+// checked against the sizes its header gives. A file that stays short of its
+// header, or cannot be read, moves to "rejected/" in the directory with a
+// warning: never deleted, never retried in a loop.
+//
+// The server is tcp://<accumulate_host>:<accumulate_port>, or, without
+// accumulate_host, the first one heard on broadcast_port whose discovery
+// beacon names this node's partition. Before the first result goes out the
+// publisher asks "PUB_ACK" every 500 ms until the server answers (a new
+// connection loses messages until the server's subscription has reached
+// it). Results then go in batches (at most 1000 files or 1 s of sending),
+// each closed by a "PUB_ACK" whose answer means the server has committed the
+// batch: only then are its files deleted. No answer within 10 s: the files
+// stay, the connection is made anew (and the server discovered again), and
+// sending starts again from the oldest file. A result may so be stored twice
+// after a server crash, never lost.
+//
+// The send queue is bounded and never drops: a slow server makes the
+// publisher wait, and a long backlog is not loaded into memory at once.
+//
+// Thread safety: the publisher runs on a thread of its own, started by the
+// constructor. After the stop is requested (stop.h) it finishes the
+// checkpoint under way for at most 5 s and ends; the destructor waits for it.
+
+#include <thread>
+
+#include "daemon/src/config/config.h"
+
+class result_publisher {
+ public:
+  // `config` must outlive the publisher.
+  explicit result_publisher(const daemon_config& config);
+  result_publisher(const result_publisher&) = delete;
+  result_publisher& operator=(const result_publisher&) = delete;
+  ~result_publisher();
+
+ private:
+  void run();
+
+  const daemon_config& config_;
+  std::thread thread_;
+};
