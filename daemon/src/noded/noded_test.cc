@@ -1,0 +1,269 @@
+// The node daemon as its users see it: the real vorn-noded and vorn-serverd
+// with generated configurations, results read back from the real database.
+
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <dirent.h>
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+
+#include "daemon/src/provider/run.h"
+#include "tests/support/netns.h"
+#include "tests/support/results.h"
+#include "tests/support/test_support.h"
+
+namespace {
+
+using vorn::test::milliseconds;
+using vorn::test::Process;
+using vorn::test::query;
+using vorn::test::TempDir;
+using vorn::test::wait_until;
+
+const std::string kNoded = VORN_NODED_PATH;
+const std::string kServerd = VORN_SERVERD_PATH;
+
+// Output files waiting in a directory (sub-directories such as rejected/
+// are not counted).
+int output_files(const std::string& directory) {
+  int count = 0;
+  if (DIR* dir = ::opendir(directory.c_str())) {
+    while (dirent* entry = ::readdir(dir)) {
+      count += entry->d_type == DT_REG ? 1 : 0;
+    }
+    ::closedir(dir);
+  }
+  return count;
+}
+
+class NodeTest : public testing::Test {
+ protected:
+  NodeTest() : port_(std::to_string(vorn::test::free_tcp_port())) {}
+
+  // One configuration for server and node: a local server, load limits that
+  // a busy test machine passes, one-second passes.
+  std::string config(const std::string& extra = "", const std::string& port = "") {
+    std::string path = dir_ / "vornd.xml";
+    vorn::test::write_file(
+        path, vorn::test::config_xml(
+                  "<accumulate_host>127.0.0.1</accumulate_host><accumulate_port>" +
+                  (port.empty() ? port_ : port) +
+                  "</accumulate_port><enable_adhoc_clusters>false</enable_adhoc_clusters>"
+                  "<provider_config_dir>" +
+                  (dir_ / "providers") + "</provider_config_dir><provider_output_dir>" + out() +
+                  "</provider_output_dir><database_file>" + db() +
+                  "</database_file><accumulate_output_dir>" + (dir_ / "acc") +
+                  "</accumulate_output_dir><provider_period>1</provider_period>"
+                  "<provider_loadavg>100000</provider_loadavg>" +
+                  extra));
+    return path;
+  }
+
+  void provider(const std::string& name, const std::string& body) {
+    ::mkdir((dir_ / "providers").c_str(), 0755);
+    vorn::test::write_file(dir_ / ("providers/" + name + ".xml"),
+                           "<configuration><loadavg>100000</loadavg>" + body + "</configuration>");
+  }
+
+  std::unique_ptr<Process> start(const std::string& program, const std::string& cfg) {
+    return std::make_unique<Process>(std::vector<std::string>{program, "-d", "-c", cfg},
+                                     dir_.path());
+  }
+
+  int rows(const std::string& where = "1") {
+    auto r = query(db(), "SELECT count(*) FROM vorn_1 WHERE " + where);
+    return r.empty() ? 0 : std::stoi(r[0][0]);
+  }
+
+  std::string out() const { return dir_ / "out"; }
+  std::string db() const { return dir_ / "vorn.db"; }
+
+  TempDir dir_;
+  std::string port_;
+};
+
+TEST_F(NodeTest, EveryRunReachesTheDatabaseWithItsOptionSet) {
+  // Options are found by the provider's name exactly as it stands.
+  std::string cfg = config(
+      "<provider><PROBE><optionset id=\"a\"><level>1</level></optionset>"
+      "<optionset id=\"b\"><level>2</level></optionset></PROBE></provider>");
+  provider("PROBE", "<command>printenv VORN_PROVIDER_PROBE_LEVEL</command><period>1</period>");
+  provider("failing", "<command>echo bad &gt;&amp;2; exit 3</command><period>1</period>");
+  provider("once", "<command>echo once</command><period>0</period>");
+  auto server = start(kServerd, cfg);
+  auto node = start(kNoded, cfg);
+  char host[256] = {};
+  ::gethostname(host, sizeof host - 1);
+  ASSERT_TRUE(wait_until(
+      [&] {
+        return rows("Provider='PROBE' AND OptionID='a' AND CAST(STDOUT AS TEXT)='1\n'") >= 2 &&
+               rows("Provider='PROBE' AND OptionID='b' AND CAST(STDOUT AS TEXT)='2\n'") >= 2 &&
+               rows(
+                   "Provider='failing' AND Exit_status=3 AND OptionID='None' AND "
+                   "CAST(STDERR AS TEXT)='bad\n'") >= 2;
+      },
+      milliseconds(30000)))
+      << node->err() << server->err();
+  EXPECT_EQ(rows("Provider='once'"), 1);
+  EXPECT_EQ(rows("Hostname<>'" + std::string(host) + "'"), 0);
+  node->send_signal(SIGTERM);
+  EXPECT_EQ(node->wait_exit(), 0) << node->err();
+}
+
+// A backlog written before the node starts, a server that is down at first,
+// then killed mid-stream and restarted: every result lands, the truncated
+// file is set aside.
+TEST_F(NodeTest, BacklogSurvivesServerDownKilledAndRestarted) {
+  std::string cfg = config();
+  ::mkdir(out().c_str(), 0755);
+  const int kFiles = 3000;
+  for (int i = 0; i < kFiles; ++i) {
+    ASSERT_EQ(write_output_file(vorn::test::sample_result("backlog", std::to_string(i)), out()), 1);
+  }
+  std::string truncated = out() + "/short.ABCDEF";
+  provider_result big = vorn::test::sample_result("short", std::string(100, 'x'));
+  vorn::test::write_file(
+      truncated,
+      std::string(reinterpret_cast<const char*>(&big.header), kResultHeaderSize) + "only part");
+  timeval old[2] = {{1000000000, 0}, {1000000000, 0}};
+  ::utimes(truncated.c_str(), old);
+
+  auto node = start(kNoded, cfg);
+  ASSERT_TRUE(node->wait_for_err("does not answer")) << node->err();
+  auto server = start(kServerd, cfg);
+  ASSERT_TRUE(wait_until([&] { return rows() > 0; }, milliseconds(30000))) << node->err();
+  server->send_signal(SIGKILL);
+  server->wait_exit();
+  server = start(kServerd, cfg);
+  EXPECT_TRUE(wait_until(
+      [&] {
+        auto r = query(db(), "SELECT count(DISTINCT CAST(STDOUT AS TEXT)) FROM vorn_1");
+        return !r.empty() && std::stoi(r[0][0]) == kFiles && output_files(out()) == 0;
+      },
+      milliseconds(60000)))
+      << node->err();
+  EXPECT_EQ(rows("Provider='short'"), 0);
+  EXPECT_TRUE(::access((out() + "/rejected/short.ABCDEF").c_str(), F_OK) == 0);
+  node->send_signal(SIGTERM);
+  EXPECT_EQ(node->wait_exit(), 0);
+}
+
+TEST_F(NodeTest, SleepModeHoldsRunsUntilWokenAndStopEndsIt) {
+  std::string cfg = config("", "1");  // no server there: the files stay
+  provider("tick", "<command>true</command><period>1</period>");
+  auto node = start(kNoded, cfg);
+  ASSERT_TRUE(wait_until([&] { return output_files(out()) > 0; }, milliseconds(15000)));
+  node->send_signal(SIGUSR1);
+  ASSERT_TRUE(node->wait_for_err("Entering sleep mode")) << node->err();
+  int asleep = output_files(out());
+  EXPECT_FALSE(wait_until([&] { return output_files(out()) > asleep; }, milliseconds(3000)));
+  node->send_signal(SIGUSR2);
+  EXPECT_TRUE(wait_until([&] { return output_files(out()) > asleep; }, milliseconds(15000)));
+  node->send_signal(SIGUSR1);
+  ASSERT_TRUE(wait_until(
+      [&] {
+        std::string err = node->err();
+        return err.find("Entering sleep mode") != err.rfind("Entering sleep mode");
+      },
+      milliseconds(15000)));
+  node->send_signal(SIGTERM);
+  EXPECT_EQ(node->wait_exit(), 0) << node->err();
+}
+
+// The stop does not wait for a command that would run for a long time, nor
+// lets it or what it started live on; its cut-short run is no result.
+TEST_F(NodeTest, StopKillsTheRunInProgress) {
+  std::string cfg = config("", "1");
+  std::string pid_file = dir_ / "child.pid";
+  provider("endless", "<command>sleep 1000 &amp; echo $! &gt; " + pid_file +
+                          "; wait</command><timeout>600</timeout>");
+  auto node = start(kNoded, cfg);
+  ASSERT_TRUE(
+      wait_until([&] { return !vorn::test::read_file(pid_file).empty(); }, milliseconds(15000)));
+  pid_t child = std::stoi(vorn::test::read_file(pid_file));
+  node->send_signal(SIGTERM);
+  EXPECT_EQ(node->wait_exit(milliseconds(20000)), 0) << node->err();
+  EXPECT_TRUE(wait_until([&] { return !vorn::test::process_alive(child); }, milliseconds(5000)));
+  EXPECT_EQ(output_files(out()), 0);
+}
+
+// One server and three nodes on a network of their own, each node with its
+// own host name: the nodes find the server by its beacon, and the first
+// node's two-node provider gathers one of the others.
+TEST(NodeNetworkTest, NodesFindTheServerAndFormClusters) {
+  std::string why;
+  if (!vorn::test::TestNetwork::available(&why)) {
+    GTEST_SKIP() << why;
+  }
+  vorn::test::TestNetwork net(4);
+  ASSERT_TRUE(net.ok());
+  TempDir dir;
+  std::string db = dir / "vorn.db";
+  std::string port = std::to_string(vorn::test::free_tcp_port());
+  auto write_config = [&](int host, const std::string& keys) {
+    std::string path = dir / ("host" + std::to_string(host) + ".xml");
+    vorn::test::write_file(path, "<configuration><network_interface>" + net.interface_name(host) +
+                                     "</network_interface><accumulate_port>" + port +
+                                     "</accumulate_port>" + keys + "</configuration>");
+    return path;
+  };
+  std::string server_cfg =
+      write_config(0, "<database_file>" + db + "</database_file><accumulate_output_dir>" +
+                          (dir / "acc") + "</accumulate_output_dir>");
+  Process server(net.on_host(0, {kServerd, "-d", "-c", server_cfg}), dir.path());
+  std::vector<std::unique_ptr<Process>> nodes;
+  for (int host = 1; host <= 3; ++host) {
+    // Members must be free for longer than a cluster lives (its time-out,
+    // never below 60 s), so only the first node runs often.
+    std::string period = host == 1 ? "2" : "100";
+    std::string providers = dir / ("providers" + std::to_string(host));
+    ::mkdir(providers.c_str(), 0755);
+    vorn::test::write_file(providers + "/single.xml",
+                           "<configuration><command>hostname</command><loadavg>100000</loadavg>"
+                           "<period>" +
+                               period + "</period></configuration>");
+    if (host == 1) {
+      vorn::test::write_file(
+          providers + "/pair.xml",
+          "<configuration><command>cat $VORN_DP_NODEFILE</command><loadavg>100000</loadavg>"
+          "<min_nodes>2</min_nodes><max_nodes>2</max_nodes><period>2</period>"
+          "<adhoc_cluster_invite_time>4</adhoc_cluster_invite_time></configuration>");
+    }
+    std::string cfg = write_config(
+        host, "<enable_discovery>false</enable_discovery><provider_config_dir>" + providers +
+                  "</provider_config_dir><provider_output_dir>" + dir.path() + "/out" +
+                  std::to_string(host) + "</provider_output_dir><provider_period>" + period + "</" +
+                  "provider_period><provider_loadavg>100000</provider_loadavg>");
+    nodes.push_back(
+        std::make_unique<Process>(net.on_host(host, {kNoded, "-d", "-c", cfg}), dir.path()));
+  }
+  auto count = [&](const std::string& where) {
+    auto r = query(db, "SELECT count(*) FROM vorn_1 WHERE " + where);
+    return r.empty() ? 0 : std::stoi(r[0][0]);
+  };
+  EXPECT_TRUE(wait_until(
+      [&] {
+        return count("Provider='single' AND Hostname='node2' AND CAST(STDOUT AS TEXT)='node2\n'") >
+                   0 &&
+               count("Provider='single' AND Hostname='node3'") > 0 &&
+               count("Provider='single' AND Hostname='node4'") > 0 &&
+               count(
+                   "Provider='pair' AND Hostname='node2' AND num_nodes=2 AND "
+                   "(node_names='node2, node3' OR node_names='node2, node4')") > 0;
+      },
+      milliseconds(60000)))
+      << nodes[0]->err() << server.err();
+  for (auto& node : nodes) {
+    node->send_signal(SIGTERM);
+    EXPECT_EQ(node->wait_exit(milliseconds(20000)), 0) << node->err();
+  }
+  server.send_signal(SIGTERM);
+  EXPECT_EQ(server.wait_exit(), 0);
+}
+
+}  // namespace
