@@ -106,6 +106,7 @@ TEST(Popen3Test, TimeOutKillsTheWholeGroup) {
       {"a command that sleeps", "echo started; sleep 30", 1, 3},
       {"children in the background", "sleep 30 & sleep 30 & wait", 1, 3},
       {"the command ends but leaves a child holding the pipes", "(sleep 30 &); echo done", 1, 3},
+      {"a command that closes its output and runs on", "exec >/dev/null 2>&-; sleep 30", 1, 3},
       {"a command that ignores SIGTERM gets SIGKILL after 3 s", "trap '' TERM; sleep 30", 4.5, 7},
   };
   for (const Row& row : rows) {
