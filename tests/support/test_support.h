@@ -6,7 +6,9 @@
 
 #include <chrono>
 #include <functional>
+#include <sstream>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 namespace vorn::test {
@@ -36,6 +38,19 @@ bool wait_until(const std::function<bool()>& condition, milliseconds timeout);
 
 // A port on 127.0.0.1 that was free a moment ago (the kernel picked it).
 int free_tcp_port();
+
+// A value as text (enumerations as their numbers, booleans as words), so that
+// one table can compare fields of any type.
+template <typename T>
+std::string text(const T& value) {
+  std::ostringstream out;
+  if constexpr (std::is_enum_v<T>) {
+    out << static_cast<std::underlying_type_t<T>>(value);
+  } else {
+    out << std::boolalpha << value;
+  }
+  return out.str();
+}
 
 // A daemon configuration file body: `keys` inside a configuration element,
 // with discovery switched off so that no test broadcasts.

@@ -4,18 +4,14 @@
 
 #include <sys/utsname.h>
 
-#include <cmath>
+#include <cstdio>
 #include <cstdlib>
-#include <fstream>
-#include <thread>
 
 #include "daemon/src/adhoc_cluster/adhoc_cluster.h"
-#include "daemon/src/adhoc_cluster/beacon.h"
 #include "daemon/src/adhoc_cluster/invitations.h"
 #include "daemon/src/provider/sleep_mode.h"
 #include "tests/support/test_support.h"
 #include "util/czmq.h"
-#include "util/str.h"
 
 namespace {
 
@@ -38,83 +34,58 @@ TEST(EvaluateInvitationTest, Rules) {
   ASSERT_EQ(uname(&machine), 0);
   double load[3];
   ASSERT_EQ(getloadavg(load, 3), 3);
-  const std::string above = std::to_string(static_cast<int>(load[0]) + 2);
-  const std::string here = machine.machine;
+  const std::string low = " load=" + std::to_string(static_cast<int>(load[0]) + 2);
+  const std::string no_time = "Insufficient time remaining. Declining invite.\n";
   struct Row {
-    const char* comment;
     std::string text;
     int remaining;
-    bool accepted;
+    int want_port;  // 0 for both when declined
+    int want_lifetime;
     std::string log;
+    bool sleeping = false;
   } rows[] = {
-      {"any architecture, low load, time enough",
-       "ADHOC vorn3 arch=any load=" + above + " port=4000 time=20", 20, true, ""},
-      {"this machine's architecture", "ADHOC arch=" + here + " load=" + above + " port=1 time=1", 5,
-       true, ""},
-      {"lifetime one second beyond the time left",
-       "ADHOC vorn3 arch=any load=" + above + " port=4000 time=21", 20, false,
-       "Insufficient time remaining. Declining invite.\n"},
-      {"another architecture", "ADHOC vorn3 arch=sparc load=" + above + " port=1 time=1", 5, false,
+      {"ADHOC vorn3 arch=any" + low + " port=4000 time=20", 20, 4000, 20, ""},
+      {"ADHOC arch=" + std::string(machine.machine) + low + " port=1 time=3", 5, 1, 3, ""},
+      {"ADHOC arch=any" + low + " port=4 time=21", 20, 0, 0, no_time},  // one second too long
+      {"ADHOC arch=any" + low + " port=1 time=99999999999999", 20, 0, 0, no_time},
+      {"ADHOC vorn3 arch=sparc" + low + " port=1 time=1", 5, 0, 0,
        "Not a match to the requested architecture, sparc. Declining invite.\n"},
-      {"a field missing", "ADHOC vorn3 arch=any load=5 port=4000", 20, false,
+      {"ADHOC vorn3 arch=any load=5 port=4000", 20, 0, 0,  // a field missing
        "Unable to parse adhoc cluster invitation.\n"},
-      {"not a number", "ADHOC vorn3 arch=any load=x port=4000 time=1", 20, false,
-       "Unable to parse adhoc cluster invitation.\n"},
-      {"a huge lifetime", "ADHOC arch=any load=" + above + " port=1 time=99999999999999", 20, false,
-       "Insufficient time remaining. Declining invite.\n"},
+      {"ADHOC arch=any load=0 port=1 time=1", 5, load[0] > 0 ? 0 : 1, load[0] > 0 ? 0 : 1,
+       load[0] > 0 ? "Load average is too high. Declining invite.\n" : ""},
+      {"ADHOC arch=any" + low + " port=1 time=1", 5, 0, 0, "In sleep mode.  Declining invite.\n",
+       true},
   };
   for (const Row& row : rows) {
-    SCOPED_TRACE(row.comment);
-    int port = -1;
-    int lifetime = -1;
+    SCOPED_TRACE(row.text);
+    int port = 0;
+    int lifetime = 0;
+    sleep_mode = row.sleeping;
     testing::internal::CaptureStderr();
-    EXPECT_EQ(evaluate_invitation(row.text, row.remaining, port, lifetime), row.accepted);
+    EXPECT_EQ(evaluate_invitation(row.text, row.remaining, port, lifetime), row.want_port != 0);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), row.log);
+    EXPECT_EQ(port, row.want_port);
+    EXPECT_EQ(lifetime, row.want_lifetime);
   }
-  int port = 0;
-  int lifetime = 0;
-  ASSERT_TRUE(evaluate_invitation("ADHOC arch=any load=" + above + " port=4000 time=20", 20, port,
-                                  lifetime));
-  EXPECT_EQ(port, 4000);
-  EXPECT_EQ(lifetime, 20);
-
-  if (load[0] > 0) {
-    testing::internal::CaptureStderr();
-    EXPECT_FALSE(evaluate_invitation("ADHOC arch=any load=0 port=1 time=1", 5, port, lifetime));
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "Load average is too high. Declining invite.\n");
-  }
-
-  sleep_mode = true;
-  testing::internal::CaptureStderr();
-  EXPECT_FALSE(
-      evaluate_invitation("ADHOC arch=any load=" + above + " port=1 time=1", 5, port, lifetime));
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "In sleep mode.  Declining invite.\n");
   sleep_mode = false;
 }
 
-// An initiator's pull socket of the test's own on 127.0.0.1.
-struct Initiator {
-  Initiator() : pull(zsock_new(ZMQ_PULL)), port(zsock_bind(pull.get(), "tcp://127.0.0.1:*")) {
-    zsock_set_rcvtimeo(pull.get(), 5000);
-  }
-  vorn::czmq::Socket pull;
-  int port;
-};
-
+// Members' pull sockets of the test's own on 127.0.0.1.
 TEST(DissolveTest, EveryMemberIsToldAndBadEndpointsAreSkipped) {
-  Initiator a;
-  Initiator b;
-  adhoc_member_list members = {{"127.0.0.1", std::to_string(a.port)},
-                               {"127.0.0.1", "notaport"},
-                               {"127.0.0.1", std::to_string(b.port)}};
+  vorn::czmq::Socket a(zsock_new(ZMQ_PULL));
+  vorn::czmq::Socket b(zsock_new(ZMQ_PULL));
+  adhoc_member_list members = {
+      {"127.0.0.1", std::to_string(zsock_bind(a.get(), "tcp://127.0.0.1:*"))},
+      {"127.0.0.1", "notaport"},
+      {"127.0.0.1", std::to_string(zsock_bind(b.get(), "tcp://127.0.0.1:*"))}};
   testing::internal::CaptureStderr();
   dissolve_adhoc_cluster(members);
   EXPECT_EQ(testing::internal::GetCapturedStderr(),
             "Unable to send adhoc cluster dissolve message to tcp://127.0.0.1:notaport\n");
-  for (Initiator* member : {&a, &b}) {
-    vorn::czmq::String message(zstr_recv(member->pull.get()));
-    ASSERT_TRUE(message);
+  for (zsock_t* pull : {a.get(), b.get()}) {
+    zsock_set_rcvtimeo(pull, 5000);
+    vorn::czmq::String message(zstr_recv(pull));
     EXPECT_STREQ(message.get(), "ADHOC DISSOLVE");
   }
 }

@@ -2,60 +2,45 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
+
 #include "daemon/src/provider/provider.h"
 #include "tests/support/test_support.h"
 
 namespace {
 
-TEST(NodeFileTest, ReadNodeFile) {
-  vorn::test::TempDir dir;
-  vorn::test::write_file(dir / "three", "alpha\nbeta compute\n# gone\n\ngamma\n");
-  vorn::test::write_file(dir / "empty", "# nobody\n\n");
-  uint16_t count = 0;
-  std::string text;
-  ASSERT_TRUE(read_node_file(dir / "three", count, text));
-  EXPECT_EQ(count, 3);
-  EXPECT_EQ(text, "alpha, beta, gamma");
-  EXPECT_FALSE(read_node_file(dir / "empty", count, text));
-  EXPECT_FALSE(read_node_file(dir / "missing", count, text));
-}
-
 TEST(NodeFileTest, NodeRequirements) {
   vorn::test::TempDir dir;
-  std::string nodes[6];
-  for (int n = 1; n <= 5; ++n) {
-    std::string body;
-    for (int i = 0; i < n; ++i) {
-      body += "node" + std::to_string(i) + "\n";
-    }
-    nodes[n] = dir / ("n" + std::to_string(n));
-    vorn::test::write_file(nodes[n], body);
-  }
+  const std::string unreadable = "Unable to read node file for data provider 'p'\n";
   struct Row {
-    const char* comment;
     uint16_t min_nodes;
-    std::string nodefile;
+    std::string nodefile;  // the file's text; "" for no file, "-" for a missing one
     bool want;
     std::string log;
   } rows[] = {
-      {"single-node providers need no file", 1, "", true, ""},
-      {"a cluster provider without a file", 2, "", false,
-       "No nodelist provided for a data provider that requires a cluster: 'p'\n"},
-      {"too few nodes", 2, nodes[1], false,
+      {1, "", true, ""},  // single-node providers need no file
+      {2, "", false, "No nodelist provided for a data provider that requires a cluster: 'p'\n"},
+      {2, "a\n# b\n\n", false,  // comments and blank lines are no nodes
        "Minimum number of nodes required to run data provider 'p' not met.\n"},
-      {"enough nodes", 2, nodes[3], true, ""},
-      {"too many nodes still run", 2, nodes[5], true,
+      {2, "a\nb compute\nd\n", true, ""},
+      {2, "a\nb\nc\nd\ne\n", true,  // too many nodes still run
        "Node file contains more nodes than required by the data provider: 'p'\n"},
-      {"an unreadable file", 2, dir / "missing", false,
-       "Unable to read node file for data provider 'p'\n"},
+      {2, "# nobody\n\n", false, unreadable},
+      {2, "-", false, unreadable},
   };
   for (const Row& row : rows) {
-    SCOPED_TRACE(row.comment);
+    SCOPED_TRACE(row.nodefile);
     provider p;
     p.name = "p";
     p.min_nodes = row.min_nodes;
     p.max_nodes = 4;
-    p.nodefile = row.nodefile;
+    if (!row.nodefile.empty()) {
+      p.nodefile = dir / "nodes";
+      std::remove(p.nodefile.c_str());
+      if (row.nodefile != "-") {
+        vorn::test::write_file(p.nodefile, row.nodefile);
+      }
+    }
     testing::internal::CaptureStderr();
     EXPECT_EQ(check_node_requirements(p), row.want);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), row.log);
@@ -80,8 +65,7 @@ TEST(NodeFileTest, PermutationCount) {
   for (const Row& row : rows) {
     testing::internal::CaptureStderr();
     EXPECT_EQ(nodelist_permutation_count(row.text, 9, "/p.xml"), row.want) << row.text;
-    std::string log = testing::internal::GetCapturedStderr();
-    EXPECT_EQ(log.empty(), row.want != 9) << row.text;
+    EXPECT_EQ(testing::internal::GetCapturedStderr().empty(), row.want != 9) << row.text;
   }
 }
 
