@@ -30,7 +30,7 @@ build: deps
 	cmake --build $(BUILD_DIR) -j $(JOBS)
 
 run: build
-	$(BUILD_DIR)/bin/x86_64/vorn-serverd -d
+	tools/demo.sh $(BUILD_DIR)
 
 test: deps
 	cmake -S . -B $(TEST_DIR) -DCMAKE_BUILD_TYPE=Debug -DVORN_SANITIZE=ON -DVORN_TESTS=ON
@@ -41,6 +41,7 @@ test: deps
 
 bench: build
 	$(BUILD_DIR)/bench/ingest
+	$(BUILD_DIR)/bench/node
 
 format:
 	git ls-files '*.cc' '*.h' | xargs clang-format -i

@@ -1,0 +1,275 @@
+// Node daemon benchmark: scheduler and runner overhead against a plain loop
+// of the same commands, idle CPU, and delivery of a backlog of output files
+// to a local server. Each figure is a ratio against a limit measured in the
+// same run, or a rate printed with its goal; the machine is shared and noisy.
+//
+// Environment: VORN_BENCH_IDLE_SECONDS (default 60), VORN_BENCH_BACKLOG
+// (default 100000).
+
+#include <dirent.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sqlite3.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "daemon/src/provider/result.h"
+#include "daemon/src/provider/run.h"
+#include "util/str.h"
+
+namespace {
+
+using clock_type = std::chrono::steady_clock;
+
+const std::string kNoded = VORN_NODED_PATH;
+const std::string kServerd = VORN_SERVERD_PATH;
+
+double seconds_since(clock_type::time_point start) {
+  return std::chrono::duration<double>(clock_type::now() - start).count();
+}
+
+int env_int(const char* name, int fallback) {
+  const char* value = std::getenv(name);
+  return value != nullptr ? std::atoi(value) : fallback;
+}
+
+int free_port() {
+  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof address;
+  ::bind(fd, reinterpret_cast<sockaddr*>(&address), size);
+  ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size);
+  ::close(fd);
+  return ntohs(address.sin_port);
+}
+
+pid_t spawn(const std::vector<std::string>& argv, const std::string& log) {
+  pid_t pid = ::fork();
+  if (pid == 0) {
+    std::freopen(log.c_str(), "w", stderr);
+    std::freopen("/dev/null", "w", stdout);
+    std::vector<char*> args;
+    for (const std::string& a : argv) {
+      args.push_back(const_cast<char*>(a.c_str()));
+    }
+    args.push_back(nullptr);
+    ::execv(args[0], args.data());
+    ::_exit(127);
+  }
+  return pid;
+}
+
+void stop(pid_t pid) {
+  ::kill(pid, SIGTERM);
+  ::waitpid(pid, nullptr, 0);
+}
+
+// A fresh directory with a configuration for a local server and node.
+struct Setup {
+  std::string dir;
+  std::string config;
+  std::string out;
+  std::string db;
+
+  Setup(const std::string& name, const std::string& extra) {
+    char tmpl[] = "/tmp/vorn-bench.XXXXXX";
+    dir = ::mkdtemp(tmpl);
+    ::mkdir((dir + "/providers").c_str(), 0755);
+    out = dir + "/out";
+    db = dir + "/vorn.db";
+    config = dir + "/" + name + ".xml";
+    std::ofstream(config) << "<configuration><enable_discovery>false</enable_discovery>"
+                          << "<enable_adhoc_clusters>false</enable_adhoc_clusters>"
+                          << "<accumulate_host>127.0.0.1</accumulate_host><accumulate_port>"
+                          << free_port() << "</accumulate_port><provider_config_dir>" << dir
+                          << "/providers</provider_config_dir><provider_output_dir>" << out
+                          << "</provider_output_dir><database_file>" << db
+                          << "</database_file><accumulate_output_dir>" << dir
+                          << "/acc</accumulate_output_dir><provider_loadavg>100000"
+                          << "</provider_loadavg>" << extra << "</configuration>";
+  }
+  ~Setup() { std::system(("rm -rf " + dir).c_str()); }
+
+  void provider(const std::string& name, const std::string& body) const {
+    std::string path = dir + "/providers/" + name + ".xml";
+    std::ofstream(path) << "<configuration><loadavg>100000</loadavg>" << body << "</configuration>";
+    ::chmod(path.c_str(), 0644);
+  }
+};
+
+std::vector<std::string> output_files(const std::string& directory) {
+  std::vector<std::string> files;
+  if (DIR* dir = ::opendir(directory.c_str())) {
+    while (dirent* entry = ::readdir(dir)) {
+      if (entry->d_type == DT_REG) {
+        files.push_back(directory + "/" + entry->d_name);
+      }
+    }
+    ::closedir(dir);
+  }
+  return files;
+}
+
+long long count_rows(const std::string& db, const char* sql) {
+  sqlite3* handle = nullptr;
+  long long n = 0;
+  if (sqlite3_open_v2(db.c_str(), &handle, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK) {
+    sqlite3_busy_timeout(handle, 1000);
+    sqlite3_stmt* statement = nullptr;
+    if (sqlite3_prepare_v2(handle, sql, -1, &statement, nullptr) == SQLITE_OK &&
+        sqlite3_step(statement) == SQLITE_ROW) {
+      n = sqlite3_column_int64(statement, 0);
+    }
+    sqlite3_finalize(statement);
+  }
+  sqlite3_close(handle);
+  return n;
+}
+
+// Runs per second of the scheduler within one pass of 100 providers running
+// `true`, from the end times in their results, against a plain loop of
+// fork, exec of /bin/sh -c true and wait.
+void scheduler_overhead() {
+  const int kProviders = 100;
+  Setup s("scheduler", "<provider_period>1</provider_period>");
+  for (int i = 0; i < kProviders; ++i) {
+    char name[16];
+    std::snprintf(name, sizeof name, "p%03d", i);
+    s.provider(name, "<command>true</command><period>1</period>");
+  }
+  pid_t node = spawn({kNoded, "-c", s.config}, s.dir + "/noded.log");
+  auto start = clock_type::now();
+  while (output_files(s.out).size() < 3 * kProviders && seconds_since(start) < 60) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  }
+  stop(node);
+  std::vector<double> ends;
+  for (const std::string& path : output_files(s.out)) {
+    provider_result r;
+    std::string error;
+    if (read_output_file(path, r, &error)) {
+      ends.push_back(r.header.timestamp.tv_sec + r.header.timestamp.tv_usec / 1e6);
+    }
+  }
+  std::sort(ends.begin(), ends.end());
+  // The second pass: runs kProviders .. 2 kProviders - 1.
+  double scheduler_rate = 0;
+  if (ends.size() >= 2 * kProviders) {
+    scheduler_rate = (kProviders - 1) / (ends[2 * kProviders - 1] - ends[kProviders]);
+  }
+
+  auto loop_start = clock_type::now();
+  for (int i = 0; i < kProviders; ++i) {
+    pid_t pid = ::fork();
+    if (pid == 0) {
+      ::execl("/bin/sh", "/bin/sh", "-c", "true", static_cast<char*>(nullptr));
+      ::_exit(127);
+    }
+    ::waitpid(pid, nullptr, 0);
+  }
+  double loop_rate = kProviders / seconds_since(loop_start);
+  std::printf(
+      "| scheduler, 100 providers `true` | %.0f runs/s | plain sh -c loop %.0f runs/s | "
+      "ratio %.2f (goal >= 0.8) |\n",
+      scheduler_rate, loop_rate, scheduler_rate / loop_rate);
+}
+
+// CPU time of vorn-noded with nothing due, its publisher connected.
+void idle_cpu() {
+  const int seconds = env_int("VORN_BENCH_IDLE_SECONDS", 60);
+  Setup s("idle", "<provider_period>3600</provider_period>");
+  s.provider("rare", "<command>true</command><period>3600</period>");
+  pid_t server = spawn({kServerd, "-c", s.config}, s.dir + "/serverd.log");
+  pid_t node = spawn({kNoded, "-c", s.config}, s.dir + "/noded.log");
+  auto cpu_ticks = [&] {
+    std::ifstream stat("/proc/" + std::to_string(node) + "/stat");
+    std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+    std::istringstream fields(text.substr(text.rfind(')') + 2));
+    std::string field;
+    long long utime = 0;
+    long long stime = 0;
+    for (int i = 3; i <= 15 && fields >> field; ++i) {
+      if (i == 14) {
+        utime = std::stoll(field);
+      } else if (i == 15) {
+        stime = std::stoll(field);
+      }
+    }
+    return utime + stime;
+  };
+  std::this_thread::sleep_for(std::chrono::seconds(3));  // past the first run
+  long long before = cpu_ticks();
+  std::this_thread::sleep_for(std::chrono::seconds(seconds));
+  long long used = cpu_ticks() - before;
+  stop(node);
+  stop(server);
+  double percent = 100.0 * used / ::sysconf(_SC_CLK_TCK) / seconds;
+  std::printf("| idle vorn-noded over %d s | %.3f %% of a core | | goal < 0.1 %% |\n", seconds,
+              percent);
+}
+
+// A backlog of 1 KiB results delivered to a local server.
+void backlog_delivery() {
+  const int files = env_int("VORN_BENCH_BACKLOG", 100000);
+  Setup s("backlog", "<provider_period>3600</provider_period>");
+  ::mkdir(s.out.c_str(), 0755);
+  provider_result r;
+  r.header.api = 1;
+  vorn::str::copy(r.header.name, "backlog");
+  vorn::str::copy(r.header.hostname, "benchnode");
+  for (int i = 0; i < files; ++i) {
+    r.stdout_data = std::to_string(i) + std::string(1024, 'x');
+    r.header.stdout_size = r.stdout_data.size();
+    write_output_file(r, s.out);
+  }
+  pid_t server = spawn({kServerd, "-c", s.config}, s.dir + "/serverd.log");
+  auto start = clock_type::now();
+  pid_t node = spawn({kNoded, "-c", s.config}, s.dir + "/noded.log");
+  long long stored = 0;
+  while (seconds_since(start) < 600) {
+    stored = count_rows(s.db, "SELECT count(*) FROM vorn_1");
+    if (stored >= files) {
+      break;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  double elapsed = seconds_since(start);
+  while (!output_files(s.out).empty() && seconds_since(start) < 620) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  stop(node);
+  stop(server);
+  long long distinct =
+      count_rows(s.db, "SELECT count(DISTINCT substr(CAST(STDOUT AS TEXT), 1, 12)) FROM vorn_1");
+  std::printf(
+      "| backlog of %d files to a local server | %.0f files/s | lost %lld, left %zu | "
+      "goal >= 20000 files/s, 0 lost |\n",
+      files, stored / elapsed, files - distinct, output_files(s.out).size());
+}
+
+}  // namespace
+
+int main() {
+  std::printf("\n| node daemon | measured | limit in the same run | goal |\n|---|---|---|---|\n");
+  std::fflush(stdout);
+  scheduler_overhead();
+  std::fflush(stdout);
+  backlog_delivery();
+  std::fflush(stdout);
+  idle_cpu();
+  return 0;
+}
