@@ -24,6 +24,7 @@
 
 #include "daemon/src/provider/result.h"
 #include "daemon/src/provider/sender.h"
+#include "daemon/src/serverd/receiver.h"
 #include "util/log.h"
 #include "util/str.h"
 
@@ -173,11 +174,15 @@ double measure_receive_only(const Options& options) {
     handshakes_done = true;
   });
   provider_result r;
+  result_receiver receiver;
   while (received < total) {
     r.stdout_data.clear();
     r.stderr_data.clear();
-    if (receive_result(r, config, subscriber.get())) {
+    message_kind got = receiver.receive(subscriber.get(), r);
+    if (got == message_kind::result) {
       ++received;
+    } else if (got == message_kind::pub_ack) {
+      receiver.answer_pub_ack();
     } else if (handshakes_done && !(zsock_events(subscriber.get()) & ZMQ_POLLIN)) {
       break;
     }

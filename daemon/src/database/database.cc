@@ -201,28 +201,28 @@ sqlite::~sqlite() {
   checkpointer_.reset();
 }
 
-bool sqlite::flush() {
+commit_result sqlite::flush() {
   if (!in_transaction_) {
-    return true;
+    return commit_result::committed;
   }
   int rc = connection_->issueCommand("COMMIT");
   if (rc == 0) {
     in_transaction_ = false;
     uncommitted_ = 0;
-    return true;
+    return commit_result::committed;
   }
   // A database that another process keeps busy leaves the transaction open
   // for the next attempt.
   if ((rc & 0xff) == SQLITE_BUSY || (rc & 0xff) == SQLITE_LOCKED) {
     VORN_LOG(4) << "Database commit postponed: " << connection_->getLastErrorInfo();
-    return true;
+    return commit_result::postponed;
   }
   VORN_LOG(1) << "Database commit error: " << connection_->getLastErrorInfo() << ". "
               << uncommitted_ << " stored results lost!";
   connection_->issueCommand("ROLLBACK");
   in_transaction_ = false;
   uncommitted_ = 0;
-  return false;
+  return commit_result::lost;
 }
 
 bool sqlite::write(const provider_result& record) {
@@ -291,7 +291,7 @@ bool sqlite::write(const provider_result& record) {
     return false;
   }
   if (in_transaction_ && ++uncommitted_ >= kMaxBatch) {
-    return flush();
+    return flush() != commit_result::lost;
   }
   return true;
 }

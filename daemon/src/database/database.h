@@ -7,9 +7,12 @@
 // is started in its place.
 //
 // Rows written in quick succession share a transaction, which costs one
-// commit instead of hundreds; flush commits it. The accumulate server flushes
-// whenever its queue runs dry, so a row is committed at the latest when the
-// results queued behind it have been written, and at most kMaxBatch rows wait.
+// commit instead of hundreds. The store commits by itself every kMaxBatch
+// (1000) rows; the accumulate server calls flush when its stream pauses for
+// 2 ms, at the latest 100 ms after the first row of the transaction, and
+// before it answers a PUB_ACK, so that the answer means everything the sender
+// sent before its request is committed. A commit that another process's lock
+// postpones leaves the rows in the open transaction for the next attempt.
 //
 // Copying the write-ahead log back into the database file (a checkpoint, with
 // its fsyncs) happens on a thread of the store's own with its own connection,
@@ -25,6 +28,12 @@
 #include "daemon/src/database/storix1.h"
 #include "daemon/src/provider/result.h"
 
+enum class commit_result {
+  committed,  // every row written so far is durable
+  postponed,  // the database is busy; the rows wait in the open transaction
+  lost,       // the transaction was rolled back (logged)
+};
+
 class database {
  public:
   database() = default;
@@ -35,9 +44,8 @@ class database {
   // Stores one result; false on any failure (already logged).
   virtual bool write(const provider_result& record) = 0;
 
-  // Makes every result written so far durable; false when some were lost
-  // (logged).
-  virtual bool flush() { return true; }
+  // Commits every result written so far.
+  virtual commit_result flush() { return commit_result::committed; }
 };
 
 class wal_checkpointer;
@@ -49,7 +57,7 @@ class sqlite : public database {
   explicit sqlite(const daemon_config& config);
   ~sqlite() override;
   bool write(const provider_result& record) override;
-  bool flush() override;
+  commit_result flush() override;
   bool usable() const { return connection_ != nullptr; }
 
  private:

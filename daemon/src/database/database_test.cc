@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <ctime>
+#include <memory>
 
 #include "tests/support/results.h"
 #include "tests/support/test_support.h"
@@ -20,13 +21,6 @@ using vorn::test::TempDir;
 class DatabaseTest : public testing::Test {
  protected:
   void SetUp() override { config_.database_file = dir_ / "vorn.db"; }
-
-  std::string today_bad_name() const {
-    std::time_t now = std::time(nullptr);
-    char date[16];
-    std::strftime(date, sizeof date, "%Y%m%d", std::localtime(&now));
-    return config_.database_file + "." + date + ".bad";
-  }
 
   TempDir dir_;
   daemon_config config_;
@@ -53,6 +47,7 @@ TEST_F(DatabaseTest, WritesOneRowPerResultWithEveryColumn) {
   EXPECT_EQ(rows[0], want);
   EXPECT_EQ(rows[1][9], "");
   EXPECT_EQ(rows[1][14], "blob") << "an empty output is an empty blob, not NULL";
+  EXPECT_EQ(query(config_.database_file, "PRAGMA journal_mode")[0][0], "wal");
 }
 
 TEST_F(DatabaseTest, Base64OutputIsStoredDecoded) {
@@ -63,7 +58,6 @@ TEST_F(DatabaseTest, Base64OutputIsStoredDecoded) {
     std::string out;
     std::string want_out;
   } rows[] = {
-      {"plain base64", "aGVsbG8=", "hello"},
       {"line breaks as base64(1) prints them", "aGVs\nbG8=\n", "hello"},
       {"binary payload", "AAEC/w==", std::string("\x00\x01\x02\xff", 4)},
       {"not base64: kept as received", "hello world!", "hello world!"},
@@ -85,9 +79,29 @@ TEST_F(DatabaseTest, Base64OutputIsStoredDecoded) {
   }
 }
 
-TEST_F(DatabaseTest, OpensInWriteAheadLogMode) {
+// A reader elsewhere keeps a database in rollback-journal mode from
+// committing: the rows wait in the transaction instead of being lost.
+TEST_F(DatabaseTest, CommitBlockedByAnotherConnectionIsPostponed) {
   ASSERT_TRUE(open_database(&config_));
-  EXPECT_EQ(query(config_.database_file, "PRAGMA journal_mode")[0][0], "wal");
+  sqlite3* raw = nullptr;
+  ASSERT_EQ(sqlite3_open(config_.database_file.c_str(), &raw), SQLITE_OK);
+  std::unique_ptr<sqlite3, int (*)(sqlite3*)> reader(raw, sqlite3_close);
+  auto run = [&](const char* sql) {
+    return sqlite3_exec(reader.get(), sql, nullptr, nullptr, nullptr);
+  };
+  ASSERT_EQ(run("PRAGMA journal_mode=DELETE"), SQLITE_OK);
+  // Held while the store opens, so that it cannot switch to write-ahead logging.
+  ASSERT_EQ(run("BEGIN; SELECT count(*) FROM vorn_1"), SQLITE_OK);
+  config_.database_busy_timeout_ms = 10;
+  auto store = open_database(&config_);
+  ASSERT_TRUE(store);
+  ASSERT_EQ(run("COMMIT"), SQLITE_OK);
+  ASSERT_TRUE(store->write(sample_result("waiting", "x")));
+  ASSERT_EQ(run("BEGIN; SELECT count(*) FROM vorn_1"), SQLITE_OK);
+  EXPECT_EQ(store->flush(), commit_result::postponed);
+  ASSERT_EQ(run("COMMIT"), SQLITE_OK);
+  EXPECT_EQ(store->flush(), commit_result::committed);
+  EXPECT_EQ(vorn::test::count_rows(config_.database_file), 1);
 }
 
 TEST_F(DatabaseTest, UnusableFileIsMovedAsideAndReplaced) {
@@ -110,8 +124,11 @@ TEST_F(DatabaseTest, UnusableFileIsMovedAsideAndReplaced) {
     EXPECT_TRUE(store->write(sample_result("after", "x")));
     store.reset();
     EXPECT_EQ(vorn::test::count_rows(config_.database_file), 1);
+    std::time_t now = std::time(nullptr);
+    char bad[16];
+    std::strftime(bad, sizeof bad, ".%Y%m%d.bad", std::localtime(&now));
     struct stat st;
-    EXPECT_EQ(stat(today_bad_name().c_str(), &st), 0) << "moved to " << today_bad_name();
+    EXPECT_EQ(stat((config_.database_file + bad).c_str(), &st), 0) << "moved to " << bad;
     std::string cleanup = "rm -rf '" + config_.database_file + "'*";
     ASSERT_EQ(std::system(cleanup.c_str()), 0);
   }

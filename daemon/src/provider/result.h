@@ -10,13 +10,11 @@
 // Message: five frames, the topic ("ACCUMULATE" plus a blank and the network
 // partition), the header, stdout, stderr, the node list. A four-frame
 // "PUB_ACK" request on the same subscription asks the server to connect back
-// to the sender, so that it learns its results are received.
+// to the sender, so that it learns its results are received. The receiving
+// end lives with the accumulate server (daemon/src/serverd/receiver.h).
 //
-// Thread safety: send_result uses only the caller's socket. receive_result
-// keeps the process-wide set of acknowledged requests and must be called from
-// one thread only (the accumulate server's).
+// Thread safety: send_result uses only the caller's socket.
 
-#include <czmq.h>
 #include <sys/time.h>
 
 #include <cstddef>
@@ -25,6 +23,10 @@
 #include <string_view>
 
 #include "daemon/src/config/config.h"
+
+// CZMQ's own name for its socket type, so that users of the record need not
+// include czmq.h.
+typedef struct _zsock_t zsock_t;
 
 struct result_header {
   uint8_t api;
@@ -75,15 +77,6 @@ std::string accumulate_topic(const daemon_config& config);
 // when sending failed (reported on standard error).
 int send_result(const provider_result& result, const daemon_config& config, zsock_t* socket);
 
-// Receives one message. Returns 1 when a result was parsed into `result`
-// (whose output fields must be empty), 0 for nothing received, an answered
-// acknowledgement request or an unrecognised message (logged).
-int receive_result(provider_result& result, const daemon_config& config, zsock_t* socket);
-
 // The text form of a result: one "Field: value" line per header field, then
 // the outputs and the node list as they are (bytes unchanged).
 std::string result_text(const provider_result& result);
-
-// Appends the text form of the result to accumulate_output_dir + "/" + name.
-// A name that could leave the directory ("/", "." or "..") is made safe.
-void dump_result(const provider_result& result, const daemon_config& config);

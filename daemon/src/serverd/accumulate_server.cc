@@ -4,9 +4,11 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 
 #include "daemon/src/provider/result.h"
+#include "daemon/src/serverd/receiver.h"
 #include "util/czmq.h"
 #include "util/log.h"
 
@@ -51,18 +53,31 @@ void reset(provider_result& record) {
   record.nodes_csv.clear();
 }
 
-void commit(database* store) {
-  if (!store->flush()) {
-    VORN_LOG(1) << "Error writing to database. Data lost!";
-  }
-}
+// Rows written since the last commit.
+struct pending_rows {
+  bool any = false;
+  bool postponed = false;  // the last commit found the database locked
+  int64_t since = 0;       // when the first of them came, or the commit was postponed
+};
 
-bool store_record(const provider_result& record, const daemon_config& config, database* store) {
-  if (config.database_backend == database_backend_kind::none || store == nullptr) {
-    dump_result(record, config);
-    return true;
+// True when every row written so far is committed. Postponed rows stay
+// pending, to be tried again.
+bool commit(database& store, pending_rows& pending) {
+  switch (store.flush()) {
+    case commit_result::committed:
+      pending = pending_rows{};
+      return true;
+    case commit_result::postponed:
+      // Not at every pause in the stream: each attempt waits for the lock.
+      pending.postponed = true;
+      pending.since = zclock_mono();
+      return false;
+    case commit_result::lost:
+      VORN_LOG(1) << "Error writing to database. Data lost!";
+      pending = pending_rows{};
+      return false;
   }
-  return store->write(record);
+  return false;
 }
 
 }  // namespace
@@ -104,23 +119,25 @@ bool run_accumulate_server(daemon_options& options, const daemon_config& config,
   }
   VORN_LOG(5) << "Accumulate server started and subscribing to '" << topic << "'";
 
+  // Without a database, results go to text files.
+  database* db = config.database_backend == database_backend_kind::none ? nullptr : store;
   provider_result record;
-  // Rows stored since the last commit, and when the first of them came.
-  bool uncommitted = false;
-  int64_t batch_start = 0;
+  result_receiver receiver;
+  pending_rows pending;
   for (;;) {
     reset(record);
     // With rows waiting for their commit, a short pause in the stream is
     // enough to commit them; a steady stream commits every kMaxBatchMs.
-    if (uncommitted && zclock_mono() - batch_start >= kMaxBatchMs) {
-      commit(store);
-      uncommitted = false;
+    if (pending.any && zclock_mono() - pending.since >= kMaxBatchMs) {
+      commit(*db, pending);
     }
-    if (zpoller_wait(poller.get(), uncommitted ? kCommitPauseMs : kPollMs) == nullptr) {
+    int wait_ms = pending.any && !pending.postponed ? kCommitPauseMs : kPollMs;
+    if (zpoller_wait(poller.get(), wait_ms) == nullptr) {
       if (zpoller_expired(poller.get())) {
-        if (uncommitted) {
-          commit(store);
-          uncommitted = false;
+        // A stop does not wait for a lock that another process holds; the
+        // store tries once more as it closes.
+        if (pending.any && (options.running || !pending.postponed)) {
+          commit(*db, pending);
         } else if (!options.running) {
           return true;
         }
@@ -137,19 +154,34 @@ bool run_accumulate_server(daemon_options& options, const daemon_config& config,
     if (!options.running) {
       VORN_LOG(6) << "Draining queue of accumulated data providers";
     }
-    if (!receive_result(record, config, subscriber.get())) {
-      if (zsys_interrupted) {
-        VORN_LOG(5) << "Received SIGINT / SIGTERM. Cleaning up and stopping...";
-        return true;
-      }
+    switch (receiver.receive(subscriber.get(), record)) {
+      case message_kind::none:
+        if (zsys_interrupted) {
+          VORN_LOG(5) << "Received SIGINT / SIGTERM. Cleaning up and stopping...";
+          return true;
+        }
+        continue;
+      case message_kind::pub_ack:
+        // The answer tells the sender that what it sent before the request
+        // is stored; while the commit waits, its repeated request will be
+        // answered once the commit succeeds.
+        if (db == nullptr || commit(*db, pending)) {
+          receiver.answer_pub_ack();
+        }
+        continue;
+      case message_kind::result:
+        break;
+    }
+    if (db == nullptr) {
+      dump_result(record, config);
       continue;
     }
-    if (!store_record(record, config, store)) {
+    if (!db->write(record)) {
       VORN_LOG(1) << "Error writing to database. Data lost!";
     }
-    if (store != nullptr && !uncommitted) {
-      uncommitted = true;
-      batch_start = zclock_mono();
+    if (!pending.any) {
+      pending.any = true;
+      pending.since = zclock_mono();
     }
   }
 }

@@ -2,10 +2,11 @@
 // The accumulate server: the receiving end of the result transport.
 //
 // It binds one SUB socket on accumulate_port (all interfaces), subscribes to
-// its partition's topic, answers "PUB_ACK" requests, and stores every result
-// in the database, or as a text dump in accumulate_output_dir when there is
-// none. When `running` is cleared it keeps storing while messages arrive less
-// than 100 ms apart, then returns; CZMQ's interrupt flag stops it at once.
+// its partition's topic, and stores every result in the database, or as a
+// text dump in accumulate_output_dir when there is none. It answers a
+// "PUB_ACK" request only once every row received before it is committed.
+// When `running` is cleared it keeps storing while messages arrive less than
+// 100 ms apart, then returns; CZMQ's interrupt flag stops it at once.
 //
 // Runs on the calling thread, which alone uses the socket and the database.
 

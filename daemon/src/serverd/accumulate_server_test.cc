@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <future>
 #include <thread>
 
@@ -57,57 +58,65 @@ vorn::czmq::Socket acknowledged_publisher(const daemon_config& config) {
   return publisher;
 }
 
-TEST(AccumulateServerTest, WithoutDatabaseResultsAreDumpedAsText) {
+TEST(AccumulateServerTest, WithoutDatabaseResultsAreAppendedAsText) {
   vorn::test::TempDir dir;
   daemon_config config = test_config(dir.path());
   InProcessServer server(config, nullptr);
   EXPECT_EQ(server.endpoint(), std::string("tcp://0.0.0.0:") + config.accumulate_port);
   auto publisher = acknowledged_publisher(config);
-  for (int i = 0; i < 3; ++i) {
-    ASSERT_EQ(
-        send_result(sample_result("dumped", "run " + std::to_string(i)), config, publisher.get()),
-        1);
-  }
-  ASSERT_TRUE(vorn::test::wait_until(
-      [&] { return vorn::test::read_file(dir / "dumped").find("run 2") != std::string::npos; },
-      vorn::test::milliseconds(10000)));
+  provider_result r = sample_result("probe", std::string("a\0b", 3), "warn", "n1, n2");
+  testing::internal::CaptureStderr();
+  ASSERT_EQ(send_result(r, config, publisher.get()), 1);
+  ASSERT_EQ(send_result(r, config, publisher.get()), 1);
+  const std::string one =
+      "Name: probe\nHostname: node17\nDuration: 2.5\nTimestamp: 1700000000.000042\n"
+      "Exit status: 3\nEncoding: 0\nAPI: \x01\nOptionID: default\nversion: 7\n"
+      "stdout (3 bytes): \n" +
+      std::string("a\0b", 3) +
+      "\nstderr (4 bytes): \nwarn\n"
+      "nodes (2 nodes, 6 bytes): n1, n2\n";
+  EXPECT_TRUE(
+      vorn::test::wait_until([&] { return vorn::test::read_file(dir / "probe") == one + one; },
+                             vorn::test::milliseconds(10000)))
+      << vorn::test::read_file(dir / "probe");
   EXPECT_TRUE(server.stop());
-  std::string text = vorn::test::read_file(dir / "dumped");
-  EXPECT_NE(text.find("stdout (5 bytes): \nrun 0\n"), std::string::npos);
-  EXPECT_NE(text.find("stdout (5 bytes): \nrun 1\n"), std::string::npos);
+  size_t bytes = accumulate_topic(config).size() + kResultHeaderSize + 3 + 4 + 6;
+  EXPECT_NE(
+      testing::internal::GetCapturedStderr().find("Received data provider 'probe' from node17 (" +
+                                                  std::to_string(bytes) + " bytes)\n"),
+      std::string::npos);
 }
 
-TEST(AccumulateServerTest, PartitionsMatchByTopicPrefix) {
-  vorn::test::TempDir dir;
-  struct Row {
-    const char* comment;
-    std::string server_partition;
-    std::string sender_partition;
-    bool delivered;
-  } rows[] = {
-      {"same partition", "blue", "blue", true},
-      {"a partition that begins with the server's", "blue", "blueberry", true},
-      {"another partition", "blue", "red", false},
-      {"a server without partition hears all", "", "red", true},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.comment);
-    daemon_config config = test_config(dir.path());
-    config.network_partition = row.server_partition;
-    InProcessServer server(config, nullptr);
-    server.endpoint();
-    // The handshake goes on the server's own topic; results on the sender's.
-    auto publisher = acknowledged_publisher(config);
-    daemon_config sender = config;
-    sender.network_partition = row.sender_partition;
-    std::string name = "p-" + row.sender_partition + "-" + row.server_partition;
-    ASSERT_EQ(send_result(sample_result(name, "x"), sender, publisher.get()), 1);
-    ASSERT_EQ(send_result(sample_result("marker" + name, "x"), config, publisher.get()), 1);
-    ASSERT_TRUE(vorn::test::wait_until(
-        [&] { return !vorn::test::read_file(dir / ("marker" + name)).empty(); },
-        vorn::test::milliseconds(10000)));
-    EXPECT_EQ(!vorn::test::read_file(dir / name).empty(), row.delivered);
+// A store whose commits wait as long as the test holds them, as when another
+// process holds the database's lock.
+class HeldStore : public database {
+ public:
+  bool write(const provider_result&) override { return true; }
+  commit_result flush() override {
+    ++flushes;
+    return held ? commit_result::postponed : commit_result::committed;
   }
+  std::atomic<bool> held{true};
+  std::atomic<int> flushes{0};
+};
+
+TEST(AccumulateServerTest, PubAckWaitsForAPostponedCommit) {
+  vorn::test::TempDir dir;
+  daemon_config config = test_config(dir.path());
+  HeldStore store;
+  InProcessServer server(config, &store);
+  server.endpoint();
+  std::atomic<bool> answered{false};
+  std::thread sender([&] {
+    acknowledged_publisher(config);
+    answered = true;
+  });
+  // Each repeated request tries the commit anew.
+  EXPECT_TRUE(
+      vorn::test::wait_until([&] { return store.flushes >= 3; }, vorn::test::milliseconds(20000)));
+  EXPECT_FALSE(answered) << "answered before the commit";
+  store.held = false;
+  sender.join();
 }
 
 TEST(AccumulateServerTest, ResolveHostAddress) {

@@ -1,0 +1,100 @@
+// The receiving end of the transport between real ZeroMQ sockets on
+// 127.0.0.1, and the memory of answered acknowledgement requests.
+
+#include "daemon/src/serverd/receiver.h"
+
+#include <sys/stat.h>
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "tests/support/results.h"
+#include "tests/support/test_support.h"
+#include "util/czmq.h"
+
+namespace {
+
+TEST(AnsweredRequestsTest, KeysAreForgottenAfterTenMinutesAndBeyondTheLimit) {
+  const int64_t start = 5000;
+  const int64_t later = start + answered_requests::kKeepMs;
+  // Short keys keep the million insertions quick; the class does not parse them.
+  auto key = [](int i) { return std::to_string(i); };
+  answered_requests answered;
+  answered.add(key(-1), start);
+  EXPECT_TRUE(answered.contains(key(-1), later - 1));
+  EXPECT_FALSE(answered.contains(key(-1), later));
+  for (int i = 0; i < 1000000; ++i) {
+    answered.add(key(i), later);
+  }
+  EXPECT_EQ(answered.size(), answered_requests::kMaxKeys);
+  EXPECT_FALSE(answered.contains(key(899999), later)) << "the oldest go first";
+  EXPECT_TRUE(answered.contains(key(900000), later));
+}
+
+// A PUSH socket stands in for a sender's publisher: the receiver does not
+// look at the socket type, and PUSH delivers without a handshake.
+TEST(ReceiverTest, PubAckIsAnsweredOncePerEndpointAndNumber) {
+  vorn::czmq::Socket pull(zsock_new(ZMQ_PULL));
+  ASSERT_GE(zsock_bind(pull.get(), "tcp://127.0.0.1:*"), 0);
+  vorn::czmq::Socket push(zsock_new(ZMQ_PUSH));
+  ASSERT_EQ(zsock_connect(push.get(), "%s", vorn::czmq::last_endpoint(pull.get()).c_str()), 0);
+  vorn::czmq::Socket reply(zsock_new(ZMQ_REP));
+  ASSERT_GE(zsock_bind(reply.get(), "tcp://127.0.0.1:*"), 0);
+  zsock_set_rcvtimeo(reply.get(), 10000);
+  const std::string endpoint = vorn::czmq::last_endpoint(reply.get());
+  result_receiver receiver;
+  auto receive = [&](const std::vector<std::string>& frames) {
+    zmsg_t* message = zmsg_new();
+    zmsg_addstr(message, "ACCUMULATE");
+    for (const std::string& f : frames) {
+      zmsg_addmem(message, f.data(), f.size());
+    }
+    EXPECT_EQ(zmsg_send(&message, push.get()), 0);
+    provider_result ignored;
+    return receiver.receive(pull.get(), ignored);
+  };
+  auto number = [](int32_t n) { return std::string(reinterpret_cast<const char*>(&n), 4); };
+  // Left unanswered, as while the commit waits, a request counts when repeated.
+  EXPECT_EQ(receive({"PUB_ACK", endpoint, number(1234)}), message_kind::pub_ack);
+  struct Row {
+    const char* comment;
+    std::vector<std::string> frames;
+    const char* answer;  // nullptr: no request to answer
+  } rows[] = {
+      {"repeated", {"PUB_ACK", endpoint, number(1234)}, "1234"},
+      {"answered already", {"PUB_ACK", endpoint, number(1234)}, nullptr},
+      {"a new number", {"PUB_ACK", endpoint, number(-5)}, "-5"},
+      {"a 3-byte number is an empty number", {"PUB_ACK", endpoint, "abc"}, "0"},
+      {"another tag", {"PUB_ACK?", endpoint, number(7)}, nullptr},
+      {"not a TCP endpoint", {"PUB_ACK", "ipc:///tmp/vorn-ack", number(7)}, nullptr},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.comment);
+    ASSERT_EQ(receive(row.frames), row.answer ? message_kind::pub_ack : message_kind::none);
+    if (row.answer != nullptr) {
+      receiver.answer_pub_ack();
+      vorn::czmq::String answer(zstr_recv(reply.get()));
+      ASSERT_TRUE(answer);
+      EXPECT_STREQ(answer.get(), row.answer);
+      zstr_send(reply.get(), "");
+    }
+  }
+}
+
+TEST(DumpResultTest, NamesCannotLeaveTheDirectory) {
+  vorn::test::TempDir dir;
+  daemon_config config;
+  std::string inner = dir / "acc";
+  ASSERT_EQ(mkdir(inner.c_str(), 0755), 0);
+  vorn::str::copy(config.accumulate_output_dir, inner);
+  for (const char* name : {"../escape", "..", ""}) {
+    dump_result(vorn::test::sample_result(name, "x"), config);
+  }
+  EXPECT_NE(vorn::test::read_file(inner + "/.._escape"), "");
+  EXPECT_NE(vorn::test::read_file(inner + "/_.."), "");
+  EXPECT_NE(vorn::test::read_file(inner + "/_"), "");
+  EXPECT_EQ(vorn::test::read_file(dir / "escape"), "");
+}
+
+}  // namespace
