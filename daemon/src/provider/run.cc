@@ -32,6 +32,15 @@ std::string provider_command_line(const provider& record, const daemon_config& c
   return "VORN_TIMEOUT=" + std::to_string(timeout) + " " + line;
 }
 
+option_set_map provider_option_sets(const provider& record, const daemon_config& config) {
+  // Looked up by the name exactly as it stands, though the keys are upper case.
+  auto entry = config.option_sets.find(record.name);
+  if (entry == config.option_sets.end()) {
+    return {{"None", ""}};
+  }
+  return entry->second;
+}
+
 void fill_hostname(provider_result& result) {
   char name[256] = {};
   if (::gethostname(name, sizeof name - 1) != 0) {

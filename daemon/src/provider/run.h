@@ -22,6 +22,10 @@
 std::string provider_command_line(const provider& record, const daemon_config& config,
                                   const std::string& environment, int64_t timeout);
 
+// The option sets a provider runs with: its entry in the configuration, or
+// one set "None" with no assignments.
+option_set_map provider_option_sets(const provider& record, const daemon_config& config);
+
 // Runs the provider once and fills `result` (its option_id is left as it is).
 // Returns 1 when the command ran, 0 when it could not (logged).
 int run_provider(provider& record, const daemon_config& config, provider_result& result,

@@ -89,15 +89,6 @@ void wait_between_passes(const daemon_config& config, int64_t seconds) {
 
 }  // namespace
 
-option_set_map provider_option_sets(const provider& record, const daemon_config& config) {
-  // Looked up by the name exactly as it stands, though the keys are upper case.
-  auto entry = config.option_sets.find(record.name);
-  if (entry == config.option_sets.end()) {
-    return {{"None", ""}};
-  }
-  return entry->second;
-}
-
 int run_due_provider(provider& record, const daemon_config& config) {
   for (const auto& [set_name, environment] : provider_option_sets(record, config)) {
     provider_result result;

@@ -26,7 +26,3 @@ void run_scheduler(const daemon_config& config);
 // written to an output file. 0 when all ran and were written, 1 when one
 // failed (the rest are then not run).
 int run_due_provider(provider& record, const daemon_config& config);
-
-// The option sets a provider runs with: its entry in the configuration, or
-// one set "None" with no assignments.
-option_set_map provider_option_sets(const provider& record, const daemon_config& config);

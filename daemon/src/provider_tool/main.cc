@@ -161,12 +161,7 @@ int run(int argc, char** argv) {
     return 1;
   }
 
-  // The option sets are looked up by the provider's name exactly as it stands.
-  option_set_map sets = {{"None", ""}};
-  auto entry = config.option_sets.find(p.name);
-  if (entry != config.option_sets.end()) {
-    sets = entry->second;
-  }
+  option_set_map sets = provider_option_sets(p, config);
   if (!only_set.empty()) {
     auto set = sets.find(only_set);
     if (set == sets.end()) {

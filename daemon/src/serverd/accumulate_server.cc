@@ -1,6 +1,5 @@
 #include "daemon/src/serverd/accumulate_server.h"
 
-#include <netdb.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -10,6 +9,7 @@
 #include "daemon/src/provider/result.h"
 #include "daemon/src/serverd/receiver.h"
 #include "util/czmq.h"
+#include "util/host.h"
 #include "util/log.h"
 
 namespace {
@@ -19,10 +19,6 @@ constexpr int kPollMs = 100;
 constexpr int kCommitPauseMs = 2;
 constexpr int64_t kMaxBatchMs = 100;
 
-struct FreeAddresses {
-  void operator()(addrinfo* list) const { freeaddrinfo(list); }
-};
-
 // Binds the subscriber where the run mode says; "" on failure (logged).
 std::string bind_subscriber(zsock_t* socket, const daemon_config& config) {
   int rc;
@@ -31,7 +27,7 @@ std::string bind_subscriber(zsock_t* socket, const daemon_config& config) {
         zsock_bind(socket, "tcp://%s:%d", "*", static_cast<int>(std::atol(config.accumulate_port)));
   } else {
     char* host = zsys_hostname();
-    std::string address = resolve_host_address(host != nullptr ? host : "");
+    std::string address = vorn::host::resolve_host_address(host != nullptr ? host : "");
     zstr_free(&host);
     if (address.empty()) {
       return "";
@@ -81,27 +77,6 @@ bool commit(database& store, pending_rows& pending) {
 }
 
 }  // namespace
-
-std::string resolve_host_address(const std::string& host) {
-  addrinfo hints{};
-  hints.ai_family = AF_INET;
-  hints.ai_socktype = SOCK_STREAM;
-  addrinfo* raw = nullptr;
-  int rc = getaddrinfo(host.c_str(), nullptr, &hints, &raw);
-  if (rc != 0) {
-    VORN_LOG(3) << "Error getting address information (" << rc << "): " << gai_strerror(rc);
-    return "";
-  }
-  std::unique_ptr<addrinfo, FreeAddresses> addresses(raw);
-  char text[1025];
-  rc = getnameinfo(addresses->ai_addr, addresses->ai_addrlen, text, sizeof text, nullptr, 0,
-                   NI_NUMERICHOST);
-  if (rc != 0) {
-    VORN_LOG(3) << "Error getting name information (" << rc << "): " << gai_strerror(rc);
-    return "";
-  }
-  return text;
-}
 
 bool run_accumulate_server(daemon_options& options, const daemon_config& config, database* store) {
   vorn::czmq::Socket subscriber(zsock_new(ZMQ_SUB));

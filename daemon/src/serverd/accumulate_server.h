@@ -19,6 +19,3 @@
 // True after an orderly stop, false when it could not start. `store` may be
 // null. The endpoint slot of `options` is fulfilled in every case.
 bool run_accumulate_server(daemon_options& options, const daemon_config& config, database* store);
-
-// The numeric IPv4 address of `host`, or "" when it does not resolve.
-std::string resolve_host_address(const std::string& host);

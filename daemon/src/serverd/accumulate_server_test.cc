@@ -1,6 +1,7 @@
 // The accumulate server run in-process, where the test holds its running flag.
 
 #include "daemon/src/serverd/accumulate_server.h"
+#include "util/host.h"
 
 #include <gtest/gtest.h>
 
@@ -120,8 +121,8 @@ TEST(AccumulateServerTest, PubAckWaitsForAPostponedCommit) {
 }
 
 TEST(AccumulateServerTest, ResolveHostAddress) {
-  EXPECT_EQ(resolve_host_address("localhost").rfind("127.", 0), 0u);
-  EXPECT_EQ(resolve_host_address("127.0.0.9"), "127.0.0.9");
+  EXPECT_EQ(vorn::host::resolve_host_address("localhost").rfind("127.", 0), 0u);
+  EXPECT_EQ(vorn::host::resolve_host_address("127.0.0.9"), "127.0.0.9");
 }
 
 }  // namespace
