@@ -22,7 +22,6 @@
 namespace {
 
 constexpr const char* kLogSource = "daemon/src/noded";
-constexpr size_t kMaxDirectory = 4096;
 
 // The signals this daemon acts on. They are blocked in every thread and
 // taken by one thread with sigwait, so none is handled inside a handler.
@@ -82,25 +81,8 @@ int noded_main(int argc, char** argv) {
   daemon_config config;
   command_line options;
 
-  const install_paths& paths = installation();
-  options.config_file = paths.config_file;
-  if (!parse_command_line(argc, argv, options)) {
-    return 1;
-  }
-  if (paths.provider_config_dir.size() >= kMaxDirectory ||
-      paths.provider_auxiliary_dir.size() >= kMaxDirectory) {
-    std::puts(
-        "The binary is located in a directory that is too deep for this tool to function "
-        "properly");
-    return 1;
-  }
-  vorn::str::copy(config.provider_config_dir, paths.provider_config_dir);
-  vorn::str::copy(config.provider_auxiliary_path, paths.provider_auxiliary_dir);
-
-  open_syslog("vorn-noded", options.debug_mode);
-
-  int status = read_config(config, options.config_file.c_str());
-  if (status != 0) {
+  int status = configure_daemon(argc, argv, "vorn-noded", options, config);
+  if (status >= 0) {
     return status;
   }
   if (!vorn::fs::make_path(config.provider_output_dir)) {

@@ -22,7 +22,6 @@
 namespace {
 
 constexpr const char* kLogSource = "daemon/src/serverd";
-constexpr size_t kMaxDirectory = 4096;
 
 std::atomic<bool>* stop_flag = nullptr;
 volatile sig_atomic_t stop_signals = 0;
@@ -72,27 +71,8 @@ int serverd_main(int argc, char** argv) {
 
   StopHandler stop_handler(options);
 
-  const install_paths& paths = installation();
-  options.config_file = paths.config_file;
-
-  if (!parse_command_line(argc, argv, options)) {
-    return 1;
-  }
-
-  if (paths.provider_config_dir.size() >= kMaxDirectory ||
-      paths.provider_auxiliary_dir.size() >= kMaxDirectory) {
-    std::puts(
-        "The binary is located in a directory that is too deep for this tool to function "
-        "properly");
-    return 1;
-  }
-  vorn::str::copy(config.provider_config_dir, paths.provider_config_dir);
-  vorn::str::copy(config.provider_auxiliary_path, paths.provider_auxiliary_dir);
-
-  open_syslog("vorn-serverd", options.debug_mode);
-
-  int status = read_config(config, options.config_file.c_str());
-  if (status != 0) {
+  int status = configure_daemon(argc, argv, "vorn-serverd", options, config);
+  if (status >= 0) {
     return status;
   }
 

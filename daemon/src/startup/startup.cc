@@ -70,6 +70,32 @@ bool parse_command_line(int argc, char** argv, command_line& options) {
   return true;
 }
 
+int configure_daemon(int argc, char** argv, const char* ident, command_line& options,
+                     daemon_config& config) {
+  constexpr size_t kMaxDirectory = 4096;
+  const install_paths& paths = installation();
+  options.config_file = paths.config_file;
+  if (!parse_command_line(argc, argv, options)) {
+    return 1;
+  }
+  if (paths.provider_config_dir.size() >= kMaxDirectory ||
+      paths.provider_auxiliary_dir.size() >= kMaxDirectory) {
+    std::puts(
+        "The binary is located in a directory that is too deep for this tool to function "
+        "properly");
+    return 1;
+  }
+  vorn::str::copy(config.provider_config_dir, paths.provider_config_dir);
+  vorn::str::copy(config.provider_auxiliary_path, paths.provider_auxiliary_dir);
+  open_syslog(ident, options.debug_mode);
+  int status = read_config(config, options.config_file.c_str());
+  if (status == 0) {
+    return -1;
+  }
+  // An exit status cannot be negative: -1 (no errno to tell) becomes 255.
+  return status < 0 ? 255 : status;
+}
+
 void open_syslog(const char* ident, bool debug_mode) {
   vorn::log::LOG_SCOPE_LEVEL = 0;
   if (debug_mode) {

@@ -8,6 +8,8 @@
 
 #include <string>
 
+#include "daemon/src/config/config.h"
+
 // Paths derived from the directory of the running executable. The root is that
 // directory made absolute, followed by "/../.." exactly (not normalised).
 struct install_paths {
@@ -33,6 +35,14 @@ struct command_line {
 bool parse_command_line(int argc, char** argv, command_line& options);
 
 void print_usage(const char* program, const command_line& options);
+
+// The first steps of both daemons, in order: installation paths, command
+// line, the installation depth check, syslog under `ident`, the
+// configuration file. Returns -1 to carry on, otherwise the exit status (1
+// for -h or too deep an installation, read_config's result for a
+// configuration that cannot be read).
+int configure_daemon(int argc, char** argv, const char* ident, command_line& options,
+                     daemon_config& config);
 
 // Sends the log to syslog under `ident` (facility daemon): warnings and worse
 // normally; everything, copied to standard error, in debug mode.
