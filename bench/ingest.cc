@@ -173,16 +173,14 @@ double measure_receive_only(const Options& options) {
     run_senders(options, "tcp://127.0.0.1:" + std::to_string(port), config, &start);
     handshakes_done = true;
   });
-  provider_result r;
+  received_message message;
   result_receiver receiver;
   while (received < total) {
-    r.stdout_data.clear();
-    r.stderr_data.clear();
-    message_kind got = receiver.receive(subscriber.get(), r);
+    message_kind got = receiver.receive(subscriber.get(), message);
     if (got == message_kind::result) {
       ++received;
     } else if (got == message_kind::pub_ack) {
-      receiver.answer_pub_ack();
+      receiver.answer(receiver.request());
     } else if (handshakes_done && !(zsock_events(subscriber.get()) & ZMQ_POLLIN)) {
       break;
     }

@@ -11,6 +11,7 @@
 #include <ctime>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <thread>
 
 #include "util/czmq.h"
@@ -34,7 +35,7 @@ constexpr const char* kInsert =
 
 // Base64 as providers print it, without its line breaks and blanks; false
 // when a character is neither base64 nor white space.
-bool compact_base64(const std::string& text, std::string* compact) {
+bool compact_base64(std::string_view text, std::string* compact) {
   compact->reserve(text.size());
   for (unsigned char c : text) {
     if (std::isalnum(c) || c == '+' || c == '/' || c == '=') {
@@ -48,18 +49,18 @@ bool compact_base64(const std::string& text, std::string* compact) {
 
 // Decodes base64 text; text that is not base64 is kept as it is, with a warning,
 // so that nothing a provider sent is lost.
-std::string decode_base64(const std::string& text, const char* stream, const char* provider) {
+std::string decode_base64(std::string_view text, const char* stream, const char* provider) {
   std::string compact;
   if (!compact_base64(text, &compact)) {
     VORN_LOG(4) << "The " << stream << " of data provider '" << provider
                 << "' is marked base64 but is not; storing it as received";
-    return text;
+    return std::string(text);
   }
   zarmour_t* armour = zarmour_new();
   zchunk_t* chunk = zarmour_decode(armour, compact.c_str());
   zarmour_destroy(&armour);
   if (chunk == nullptr) {
-    return text;
+    return std::string(text);
   }
   // The decoded chunk carries a terminating NUL of its own.
   size_t size = zchunk_size(chunk) > 0 ? zchunk_size(chunk) - 1 : 0;
@@ -225,7 +226,7 @@ commit_result sqlite::flush() {
   return commit_result::lost;
 }
 
-bool sqlite::write(const provider_result& record) {
+bool sqlite::write(const result_view& record) {
   if (!in_transaction_) {
     // Without a transaction each row commits on its own: slower, not wrong.
     in_transaction_ = connection_->issueCommand("BEGIN") == 0;
@@ -256,7 +257,7 @@ bool sqlite::write(const provider_result& record) {
   const char* provider = h.name;
   const char* hostname = h.hostname;
   int32_t num_nodes = h.num_nodes;
-  const char* node_names = record.nodes_csv.c_str();
+  const char* node_names = record.nodes_csv;
   int32_t exit_status = h.exit_status;
   int32_t timestamp = static_cast<int32_t>(h.timestamp.tv_sec);
   double duration = h.duration;

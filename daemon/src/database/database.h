@@ -41,8 +41,9 @@ class database {
   database& operator=(const database&) = delete;
   virtual ~database() = default;
 
-  // Stores one result; false on any failure (already logged).
-  virtual bool write(const provider_result& record) = 0;
+  // Stores one result; false on any failure (already logged). The outputs
+  // are bound where they lie, not copied.
+  virtual bool write(const result_view& record) = 0;
 
   // Commits every result written so far.
   virtual commit_result flush() { return commit_result::committed; }
@@ -56,7 +57,7 @@ class sqlite : public database {
 
   explicit sqlite(const daemon_config& config);
   ~sqlite() override;
-  bool write(const provider_result& record) override;
+  bool write(const result_view& record) override;
   commit_result flush() override;
   bool usable() const { return connection_ != nullptr; }
 

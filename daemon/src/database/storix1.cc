@@ -65,6 +65,13 @@ int Connection::issueCommand(const char* sql) {
 
 int Connection::getDataWriter(const char* sql, DataWriter** writer) {
   *writer = nullptr;
+  for (auto it = idle_writers_.begin(); it != idle_writers_.end(); ++it) {
+    if (std::strcmp(sqlite3_sql((*it)->statement_.get()), sql) == 0) {
+      *writer = it->release();
+      idle_writers_.erase(it);
+      return 0;
+    }
+  }
   sqlite3_stmt* statement = nullptr;
   int rc = sqlite3_prepare_v2(db_.get(), sql, -1, &statement, nullptr);
   if (rc != SQLITE_OK) {
@@ -72,8 +79,23 @@ int Connection::getDataWriter(const char* sql, DataWriter** writer) {
     sqlite3_finalize(statement);
     return rc;
   }
-  *writer = new DataWriter(statement);
+  *writer = new DataWriter(statement, this);
   return 0;
+}
+
+void Connection::take_back(DataWriter* writer) {
+  std::unique_ptr<DataWriter, Destroy> owned(writer);
+  if (idle_writers_.size() < kMaxIdleWriters) {
+    idle_writers_.push_back(std::move(owned));
+  }
+}
+
+void DataWriter::release() {
+  // The bound values may die with the caller's frame: no pointer to them may
+  // stay in a statement that is kept.
+  sqlite3_reset(statement_.get());
+  sqlite3_clear_bindings(statement_.get());
+  connection_->take_back(this);
 }
 
 // Parameters are named "$0", "$1", ... in the order in which they stand, so

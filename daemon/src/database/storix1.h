@@ -7,8 +7,13 @@
 // in the order in which they stand.
 //
 // Every operation returns 0 on success and non-zero on failure; the text of
-// the last failure is getLastErrorInfo(). Objects are destroyed with
+// the last failure is getLastErrorInfo(). Objects are given up with
 // release(); the SQLite handles inside are owned and always freed.
+//
+// A released writer goes back to its connection, reset and with its bindings
+// cleared, and the next getDataWriter for the same SQL text hands it out
+// again: a statement run once per row is parsed once per connection, not once
+// per row. Writers must therefore be released before their connection.
 //
 // Thread safety: a connection and its writers belong to one thread at a time.
 
@@ -17,6 +22,7 @@
 #include <cstddef>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace storix1 {
 
@@ -46,10 +52,33 @@ class Handle {
   std::string last_error_;
 };
 
-class DataWriter;
+class Connection;
+
+class DataWriter : public Handle {
+ public:
+  int bindParam(int index, ColumnType type, size_t size, const void* value);
+  // Runs the statement once with the bound values; they may be bound anew after.
+  int writeData();
+  // Returns the writer to its connection for reuse.
+  void release() override;
+
+ private:
+  friend class Connection;
+  struct Finalize {
+    void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
+  };
+  DataWriter(sqlite3_stmt* statement, Connection* connection)
+      : statement_(statement), connection_(connection) {}
+  ~DataWriter() override = default;
+  std::unique_ptr<sqlite3_stmt, Finalize> statement_;
+  Connection* connection_;
+};
 
 class Connection : public Handle {
  public:
+  // Writers kept for reuse; one per SQL text is what a steady writer needs.
+  static constexpr size_t kMaxIdleWriters = 8;
+
   int setBusyTimeout(int milliseconds);
   // Runs one statement; rows it may yield are discarded.
   int issueCommand(const char* sql);
@@ -57,26 +86,20 @@ class Connection : public Handle {
 
  private:
   friend int newConnection(const char*, int, const char*, Connection**);
+  friend class DataWriter;
   struct Close {
     void operator()(sqlite3* db) const { sqlite3_close_v2(db); }
   };
-  explicit Connection(sqlite3* db) : db_(db) {}
-  std::unique_ptr<sqlite3, Close> db_;
-};
-
-class DataWriter : public Handle {
- public:
-  int bindParam(int index, ColumnType type, size_t size, const void* value);
-  // Runs the statement once with the bound values; they may be bound anew after.
-  int writeData();
-
- private:
-  friend class Connection;
-  struct Finalize {
-    void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
+  struct Destroy {
+    void operator()(DataWriter* writer) const { delete writer; }
   };
-  explicit DataWriter(sqlite3_stmt* statement) : statement_(statement) {}
-  std::unique_ptr<sqlite3_stmt, Finalize> statement_;
+  explicit Connection(sqlite3* db) : db_(db) {}
+  ~Connection() override = default;
+  void take_back(DataWriter* writer);
+
+  std::unique_ptr<sqlite3, Close> db_;
+  // Declared after db_, so that the statements are finalized first.
+  std::vector<std::unique_ptr<DataWriter, Destroy>> idle_writers_;
 };
 
 // Opens (creating if needed) the database at `path`; `flags` must be 0. The

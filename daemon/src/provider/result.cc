@@ -45,7 +45,7 @@ int send_result(const provider_result& result, const daemon_config& config, zsoc
   return 1;
 }
 
-std::string result_text(const provider_result& result) {
+std::string result_text(const result_view& result) {
   const result_header& h = result.header;
   std::ostringstream text;
   text << "Name: " << h.name << "\n"

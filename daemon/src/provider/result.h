@@ -66,6 +66,24 @@ struct provider_result {
   std::string nodes_csv;
 };
 
+// A result whose outputs are stored elsewhere (the frames of a received
+// message, say), so that handing it on copies no output. What it refers to
+// must outlive it. A provider_result converts to it implicitly, as every
+// consumer of results reads them through a view.
+struct result_view {
+  result_view(const result_header& header, std::string_view stdout_data,
+              std::string_view stderr_data, const char* nodes_csv)
+      : header(header), stdout_data(stdout_data), stderr_data(stderr_data), nodes_csv(nodes_csv) {}
+  result_view(const provider_result& result)  // NOLINT: implicit on purpose
+      : result_view(result.header, result.stdout_data, result.stderr_data,
+                    result.nodes_csv.c_str()) {}
+
+  const result_header& header;
+  std::string_view stdout_data;
+  std::string_view stderr_data;
+  const char* nodes_csv;  // NUL-terminated
+};
+
 // Copies the first 456 bytes into `header`, terminating its text fields inside
 // their arrays; false when there are fewer bytes.
 bool parse_result_header(std::string_view bytes, result_header& header);
@@ -79,4 +97,4 @@ int send_result(const provider_result& result, const daemon_config& config, zsoc
 
 // The text form of a result: one "Field: value" line per header field, then
 // the outputs and the node list as they are (bytes unchanged).
-std::string result_text(const provider_result& result);
+std::string result_text(const result_view& result);

@@ -5,9 +5,12 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
+#include <deque>
+#include <utility>
 
 #include "daemon/src/provider/result.h"
 #include "daemon/src/serverd/receiver.h"
+#include "daemon/src/serverd/result_writer.h"
 #include "util/czmq.h"
 #include "util/host.h"
 #include "util/log.h"
@@ -16,8 +19,6 @@ namespace {
 
 constexpr const char* kLogSource = "daemon/src/serverd";
 constexpr int kPollMs = 100;
-constexpr int kCommitPauseMs = 2;
-constexpr int64_t kMaxBatchMs = 100;
 
 // Binds the subscriber where the run mode says; "" on failure (logged).
 std::string bind_subscriber(zsock_t* socket, const daemon_config& config) {
@@ -41,40 +42,33 @@ std::string bind_subscriber(zsock_t* socket, const daemon_config& config) {
   return vorn::czmq::last_endpoint(socket);
 }
 
-void reset(provider_result& record) {
-  record.header = result_header{};
-  // clear() keeps the buffers, so a steady stream does not reallocate.
-  record.stdout_data.clear();
-  record.stderr_data.clear();
-  record.nodes_csv.clear();
-}
-
-// Rows written since the last commit.
-struct pending_rows {
-  bool any = false;
-  bool postponed = false;  // the last commit found the database locked
-  int64_t since = 0;       // when the first of them came, or the commit was postponed
-};
-
-// True when every row written so far is committed. Postponed rows stay
-// pending, to be tried again.
-bool commit(database& store, pending_rows& pending) {
-  switch (store.flush()) {
-    case commit_result::committed:
-      pending = pending_rows{};
-      return true;
-    case commit_result::postponed:
-      // Not at every pause in the stream: each attempt waits for the lock.
-      pending.postponed = true;
-      pending.since = zclock_mono();
-      return false;
-    case commit_result::lost:
-      VORN_LOG(1) << "Error writing to database. Data lost!";
-      pending = pending_rows{};
-      return false;
+// Acknowledgement requests waiting for the commit of what came before them.
+class waiting_requests {
+ public:
+  // Queues the request unless it is already waiting (its sender repeats it
+  // until answered).
+  void add(const pub_ack_request& request, uint64_t sequence) {
+    for (const auto& waiting : waiting_) {
+      if (waiting.first.key == request.key) {
+        return;
+      }
+    }
+    waiting_.emplace_back(request, sequence);
   }
-  return false;
-}
+
+  // Answers, in order, every request whose results are committed.
+  void answer_committed(result_receiver& receiver, uint64_t committed) {
+    while (!waiting_.empty() && waiting_.front().second <= committed) {
+      receiver.answer(waiting_.front().first);
+      waiting_.pop_front();
+    }
+  }
+
+  bool empty() const { return waiting_.empty(); }
+
+ private:
+  std::deque<std::pair<pub_ack_request, uint64_t>> waiting_;
+};
 
 }  // namespace
 
@@ -96,67 +90,52 @@ bool run_accumulate_server(daemon_options& options, const daemon_config& config,
 
   // Without a database, results go to text files.
   database* db = config.database_backend == database_backend_kind::none ? nullptr : store;
-  provider_result record;
+  result_writer writer(db, config);
   result_receiver receiver;
-  pending_rows pending;
+  waiting_requests waiting;
+  void* socket = zsock_resolve(subscriber.get());
+  received_message* slot = writer.free_slot();
+  int64_t last_message_ms = zclock_mono();
   for (;;) {
-    reset(record);
-    // With rows waiting for their commit, a short pause in the stream is
-    // enough to commit them; a steady stream commits every kMaxBatchMs.
-    if (pending.any && zclock_mono() - pending.since >= kMaxBatchMs) {
-      commit(*db, pending);
+    waiting.answer_committed(receiver, writer.committed());
+    if (slot == nullptr) {
+      slot = writer.free_slot();
     }
-    int wait_ms = pending.any && !pending.postponed ? kCommitPauseMs : kPollMs;
-    if (zpoller_wait(poller.get(), wait_ms) == nullptr) {
-      if (zpoller_expired(poller.get())) {
-        // A stop does not wait for a lock that another process holds; the
-        // store tries once more as it closes.
-        if (pending.any && (options.running || !pending.postponed)) {
-          commit(*db, pending);
-        } else if (!options.running) {
-          return true;
-        }
-        continue;
-      }
-      // The poller also reports termination when any signal interrupts the
-      // wait; only CZMQ's interrupt flag (or a closed context) means stop.
-      if (zsys_interrupted || zmq_errno() == ETERM) {
-        VORN_LOG(5) << "Received SIGINT / SIGTERM. Cleaning up and stopping...";
+    // While the queue is full, or a request waits for its commit, the socket
+    // is not the only thing to watch: look again soon.
+    int wait_ms = slot == nullptr || !waiting.empty() ? result_writer::kPauseMs : kPollMs;
+    zmq_pollitem_t item = {socket, 0, static_cast<short>(slot != nullptr ? ZMQ_POLLIN : 0), 0};
+    int ready = zmq_poll(&item, 1, wait_ms);
+    // An interrupted wait is how a stop signal shows; only CZMQ's interrupt
+    // flag (or a closed context) means stop at once.
+    if (zsys_interrupted || (ready < 0 && zmq_errno() == ETERM)) {
+      VORN_LOG(5) << "Received SIGINT / SIGTERM. Cleaning up and stopping...";
+      return true;
+    }
+    if (ready <= 0) {
+      // A stopping server returns once its socket has been quiet for kPollMs;
+      // the writer stores what is queued before it goes.
+      if (!options.running && slot != nullptr && zclock_mono() - last_message_ms >= kPollMs) {
         return true;
       }
       continue;
     }
+    last_message_ms = zclock_mono();
     if (!options.running) {
       VORN_LOG(6) << "Draining queue of accumulated data providers";
     }
-    switch (receiver.receive(subscriber.get(), record)) {
+    switch (receiver.receive(subscriber.get(), *slot)) {
       case message_kind::none:
-        if (zsys_interrupted) {
-          VORN_LOG(5) << "Received SIGINT / SIGTERM. Cleaning up and stopping...";
-          return true;
-        }
         continue;
       case message_kind::pub_ack:
         // The answer tells the sender that what it sent before the request
-        // is stored; while the commit waits, its repeated request will be
-        // answered once the commit succeeds.
-        if (db == nullptr || commit(*db, pending)) {
-          receiver.answer_pub_ack();
-        }
+        // is stored: it waits for the commit of everything queued so far.
+        waiting.add(receiver.request(), writer.last_queued());
+        writer.request_commit(writer.last_queued());
         continue;
       case message_kind::result:
-        break;
-    }
-    if (db == nullptr) {
-      dump_result(record, config);
-      continue;
-    }
-    if (!db->write(record)) {
-      VORN_LOG(1) << "Error writing to database. Data lost!";
-    }
-    if (!pending.any) {
-      pending.any = true;
-      pending.since = zclock_mono();
+        slot = writer.push();
+        continue;
     }
   }
 }

@@ -92,7 +92,7 @@ TEST(AccumulateServerTest, WithoutDatabaseResultsAreAppendedAsText) {
 // process holds the database's lock.
 class HeldStore : public database {
  public:
-  bool write(const provider_result&) override { return true; }
+  bool write(const result_view&) override { return true; }
   commit_result flush() override {
     ++flushes;
     return held ? commit_result::postponed : commit_result::committed;
@@ -107,17 +107,19 @@ TEST(AccumulateServerTest, PubAckWaitsForAPostponedCommit) {
   HeldStore store;
   InProcessServer server(config, &store);
   server.endpoint();
+  // Nothing stored yet: the first request is answered at once.
+  auto publisher = acknowledged_publisher(config);
+  ASSERT_EQ(send_result(sample_result("probe", "x"), config, publisher.get()), 1);
   std::atomic<bool> answered{false};
-  std::thread sender([&] {
-    acknowledged_publisher(config);
-    answered = true;
-  });
-  // Each repeated request tries the commit anew.
+  std::thread sender(
+      [&] { answered = request_pub_ack(publisher.get(), config, "127.0.0.1", 20000); });
+  // The held commit is tried again and again.
   EXPECT_TRUE(
       vorn::test::wait_until([&] { return store.flushes >= 3; }, vorn::test::milliseconds(20000)));
   EXPECT_FALSE(answered) << "answered before the commit";
   store.held = false;
   sender.join();
+  EXPECT_TRUE(answered);
 }
 
 TEST(AccumulateServerTest, ResolveHostAddress) {

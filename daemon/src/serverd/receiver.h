@@ -1,17 +1,20 @@
 #pragma once
 // The accumulate server's end of the result transport: one message at a time
-// from its subscriber socket, results parsed into a reused record, and
+// from its subscriber socket, results checked and left in their frames, and
 // acknowledgement ("PUB_ACK") requests handed back to the caller. The answer
 // tells a sender that what it sent so far has arrived, so the caller answers
 // a request only once everything received before it is stored.
 //
-// Thread safety: a receiver, its socket and its record belong to one thread
-// (the accumulate server's).
+// Thread safety: a receiver and its socket belong to one thread (the
+// accumulate server's).
+
+#include <zmq.h>
 
 #include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <string>
+#include <string_view>
 #include <unordered_set>
 #include <utility>
 
@@ -45,28 +48,71 @@ class answered_requests {
 
 enum class message_kind {
   none,     // nothing received, a request answered already, or a message not understood (logged)
-  result,   // a result, parsed into the caller's record
-  pub_ack,  // a new acknowledgement request, waiting for answer_pub_ack()
+  result,   // a result, readable through the message's result()
+  pub_ack,  // a new acknowledgement request, in the receiver's request()
+};
+
+// The frames of one received message, received straight into ZeroMQ
+// messages and kept until the result's row is written, so that its outputs
+// are stored from the frames themselves. Frames beyond kKept are counted and
+// dropped, as no valid message has them.
+//
+// Thread safety: one thread at a time; it may pass from the receiving thread
+// to the writing one.
+class received_message {
+ public:
+  static constexpr size_t kKept = 6;
+
+  received_message();
+  received_message(const received_message&) = delete;
+  received_message& operator=(const received_message&) = delete;
+  ~received_message();
+
+  // Replaces what the message held by the next message on `socket` (a
+  // libzmq socket); false when none could be received.
+  bool receive(void* socket);
+  // Gives the frames' buffers back.
+  void clear();
+
+  size_t count() const { return count_; }
+  size_t total_size() const { return total_size_; }
+  std::string_view frame(size_t i) const;
+
+  // True when the message is a well-formed result; then result() reads it.
+  bool parse_result();
+  result_view result() const;
+
+ private:
+  zmq_msg_t frames_[kKept];
+  size_t count_ = 0;
+  size_t total_size_ = 0;
+  result_header header_{};
+  std::string nodes_csv_;  // terminated, as the store binds it as text
+};
+
+struct pub_ack_request {
+  std::string endpoint;
+  int32_t number = 0;
+  std::string key;  // "<endpoint> <number>"
 };
 
 class result_receiver {
  public:
-  // Receives one message from `socket`. `result`'s output fields must be
-  // empty; they are appended to, so that their buffers are reused.
-  message_kind receive(zsock_t* socket, provider_result& result);
+  // Receives one message from `socket` into `message`.
+  message_kind receive(zsock_t* socket, received_message& message);
 
-  // Connects back to the sender of the request that receive() last returned
-  // as pub_ack and sends it the request's number. Once answered, the request
-  // is not returned again while it is remembered.
-  void answer_pub_ack();
+  // The request that receive() last returned as pub_ack.
+  const pub_ack_request& request() const { return request_; }
+
+  // Connects back to the requester and sends it the request's number. Once
+  // answered, the request is not returned again while it is remembered.
+  void answer(const pub_ack_request& request);
 
  private:
-  std::string endpoint_;  // of the request waiting for its answer; "" when none
-  int32_t number_ = 0;
-  std::string key_;
+  pub_ack_request request_;
   answered_requests answered_;
 };
 
 // Appends the text form of the result to accumulate_output_dir + "/" + name.
 // A name that could leave the directory ("/", "." or "..") is made safe.
-void dump_result(const provider_result& result, const daemon_config& config);
+void dump_result(const result_view& result, const daemon_config& config);

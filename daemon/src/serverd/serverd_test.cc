@@ -260,27 +260,82 @@ TEST_F(ServerdTest, VornSendDeliversAResultThatSqliteReadsBack) {
 
 // The answer to a PUB_ACK means that everything the sender sent before the
 // request is committed, so another connection sees it all; a SIGTERM lets
-// the server store what is still on its way.
+// the server store what is still on its way. Each sender's results are
+// stored in the order sent.
 TEST_F(ServerdTest, PubAckFollowsTheCommitAndSigtermDrains) {
   auto server = start({"-c", write_config()});
-  auto publisher = connect_sender();
+  vorn::czmq::Socket publishers[] = {connect_sender(), connect_sender()};
+  const char* names[] = {"first", "second"};
   constexpr int kBeforeAck = 5000;
-  constexpr int kResults = 25000;
+  constexpr int kResults = 12500;
+  provider_result r = vorn::test::sample_result("", std::string(1024, 'o'));
   for (int i = 0; i < kResults; ++i) {
     if (i == kBeforeAck) {
-      ASSERT_TRUE(request_pub_ack(publisher.get(), sender_config_, "127.0.0.1", 60000));
-      EXPECT_EQ(vorn::test::count_rows(db_path()), kBeforeAck);
+      ASSERT_TRUE(request_pub_ack(publishers[0].get(), sender_config_, "127.0.0.1", 60000));
+      auto first =
+          vorn::test::query(db_path(), "SELECT count(*) FROM vorn_1 WHERE Provider = 'first'");
+      EXPECT_EQ(first[0][0], std::to_string(kBeforeAck));
     }
-    ASSERT_EQ(send_result(vorn::test::sample_result("flood", std::string(1024, 'o')),
-                          sender_config_, publisher.get()),
-              1);
+    r.header.timestamp.tv_sec = i;
+    for (int s = 0; s < 2; ++s) {
+      vorn::str::copy(r.header.name, names[s]);
+      ASSERT_EQ(send_result(r, sender_config_, publishers[s].get()), 1);
+    }
   }
   // Most results are still queued between the sockets when the signal comes.
   server->send_signal(SIGTERM);
   long stored_at_signal = vorn::test::count_rows(db_path());
   EXPECT_EQ(server->wait_exit(vorn::test::milliseconds(60000)), 0);
-  EXPECT_EQ(vorn::test::count_rows(db_path()), kResults)
+  EXPECT_EQ(vorn::test::count_rows(db_path()), 2 * kResults)
       << stored_at_signal << " were stored at the signal";
+  auto out_of_order = vorn::test::query(
+      db_path(),
+      "SELECT count(*) FROM (SELECT Timestamp - lag(Timestamp, 1, -1) OVER (PARTITION BY "
+      "Provider ORDER BY rowid) AS step FROM vorn_1) WHERE step != 1");
+  EXPECT_EQ(out_of_order[0][0], "0");
+}
+
+// A row the database refuses (here a trigger makes the table read-only under
+// the server) is reported once, and receiving goes on.
+TEST_F(ServerdTest, RefusedRowsAreReportedOnceAndReceivingGoesOn) {
+  auto server = start({"-d", "-c", write_config()});
+  ASSERT_TRUE(server->wait_for_err(kReady));
+  auto publisher = connect_sender();
+  auto send = [&](const char* name) {
+    ASSERT_EQ(send_result(vorn::test::sample_result(name, "x"), sender_config_, publisher.get()),
+              1);
+  };
+  send("before");
+  ASSERT_TRUE(vorn::test::wait_until([&] { return vorn::test::count_rows(db_path()) == 1; },
+                                     vorn::test::milliseconds(10000)));
+  ASSERT_TRUE(vorn::test::execute(db_path(),
+                                  "CREATE TRIGGER read_only BEFORE INSERT ON vorn_1 "
+                                  "BEGIN SELECT RAISE(ABORT, 'table is read-only'); END"));
+  constexpr int kRefused = 3;
+  for (int i = 0; i < kRefused; ++i) {
+    send("refused");
+  }
+  auto count = [&](const std::string& text) {
+    size_t n = 0;
+    std::string err = server->err();
+    for (size_t at = err.find(text); at != std::string::npos; at = err.find(text, at + 1)) {
+      ++n;
+    }
+    return n;
+  };
+  const std::string refusal = "Database insertion error: table is read-only";
+  ASSERT_TRUE(vorn::test::wait_until([&] { return count(refusal) >= kRefused; },
+                                     vorn::test::milliseconds(10000)));
+  ASSERT_TRUE(vorn::test::execute(db_path(), "DROP TRIGGER read_only"));
+  send("after");
+  ASSERT_TRUE(vorn::test::wait_until([&] { return vorn::test::count_rows(db_path()) == 2; },
+                                     vorn::test::milliseconds(10000)));
+  server->send_signal(SIGTERM);
+  EXPECT_EQ(server->wait_exit(), 0);
+  EXPECT_EQ(count(refusal), size_t{kRefused}) << server->err();
+  EXPECT_EQ(count("Error writing to database. Data lost!"), size_t{kRefused});
+  auto rows = vorn::test::query(db_path(), "SELECT Provider FROM vorn_1 ORDER BY rowid");
+  EXPECT_EQ(rows, (std::vector<std::vector<std::string>>{{"before"}, {"after"}}));
 }
 
 }  // namespace
