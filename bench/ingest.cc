@@ -1,18 +1,24 @@
 // Ingest benchmark: how fast the real vorn-serverd stores results sent by
 // several senders over loopback, against what receiving alone and a bulk
-// insert of the same rows achieve on this machine.
+// insert of the same rows achieve on this machine in the same run. The
+// machine is shared, so the ratios are the figures to compare across runs.
 //
-//   ingest [-s SENDERS] [-n RESULTS_PER_SENDER] [-b PATH_TO_VORN_SERVERD]
+//   ingest [-q] [-r RUNS] [-b PATH_TO_VORN_SERVERD]
+//
+// -q measures only the main row (4 senders, 1 KiB), RUNS times (default 5).
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -36,13 +42,27 @@ double seconds_since(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-struct Options {
-  int senders = 4;
-  int per_sender = 50000;
-  std::string serverd = VORN_SERVERD_PATH;
+double wall_clock() {
+  timeval now;
+  gettimeofday(&now, nullptr);
+  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_usec) / 1e6;
+}
+
+double median(std::vector<double> values) {
+  std::sort(values.begin(), values.end());
+  return values.empty() ? 0 : values[values.size() / 2];
+}
+
+// One row of the table: how many senders send how much.
+struct Load {
+  int senders;
+  size_t output_bytes;    // standard output of each result
+  long total;             // results, over all senders
+  double paced_rate = 0;  // results/s over all senders; 0: as fast as they can
 };
 
-provider_result make_result(int sender, std::mt19937& random) {
+provider_result make_result(int sender, size_t output_bytes) {
+  std::mt19937 random(static_cast<unsigned>(sender));
   provider_result r;
   r.header.api = 1;
   vorn::str::copy(r.header.name, "bench" + std::to_string(sender));
@@ -50,7 +70,7 @@ provider_result make_result(int sender, std::mt19937& random) {
   vorn::str::copy(r.header.option_id, "default");
   r.header.duration = 1.0;
   r.header.version = 1;
-  r.stdout_data.resize(1024);
+  r.stdout_data.resize(output_bytes);
   for (char& c : r.stdout_data) {
     c = static_cast<char>(random());
   }
@@ -63,11 +83,12 @@ provider_result make_result(int sender, std::mt19937& random) {
   return r;
 }
 
-// Each sender completes the handshake, then sends its results as fast as it can.
-void run_senders(const Options& options, const std::string& endpoint, const daemon_config& config,
-                 Clock::time_point* start_sending) {
+// Each sender completes the handshake, then sends its share. A result's
+// duration field carries the time it was sent, for the latency probe.
+void run_senders(const Load& load, const std::string& endpoint, Clock::time_point* start_sending) {
+  daemon_config config;
   std::vector<vorn::czmq::Socket> publishers;
-  for (int s = 0; s < options.senders; ++s) {
+  for (int s = 0; s < load.senders; ++s) {
     publishers.push_back(connect_result_publisher(endpoint));
     if (!publishers.back() ||
         !request_pub_ack(publishers.back().get(), config, "127.0.0.1", 20000)) {
@@ -76,14 +97,22 @@ void run_senders(const Options& options, const std::string& endpoint, const daem
     }
   }
   *start_sending = Clock::now();
+  const long per_sender = load.total / load.senders;
   std::vector<std::thread> threads;
-  for (int s = 0; s < options.senders; ++s) {
+  for (int s = 0; s < load.senders; ++s) {
     threads.emplace_back([&, s] {
-      std::mt19937 random(static_cast<unsigned>(s));
-      provider_result r = make_result(s, random);
-      for (int i = 0; i < options.per_sender; ++i) {
-        r.stdout_data[0] = static_cast<char>(i);
+      provider_result r = make_result(s, load.output_bytes);
+      const double interval = load.paced_rate > 0 ? load.senders / load.paced_rate : 0;
+      const Clock::time_point begin = Clock::now();
+      for (long i = 0; i < per_sender; ++i) {
+        if (interval > 0) {
+          std::this_thread::sleep_until(begin + std::chrono::duration<double>(i * interval));
+        }
+        if (!r.stdout_data.empty()) {
+          r.stdout_data[0] = static_cast<char>(i);
+        }
         r.header.timestamp.tv_sec = i;
+        r.header.duration = wall_clock();
         send_result(r, config, publishers[s].get());
       }
     });
@@ -93,21 +122,50 @@ void run_senders(const Options& options, const std::string& endpoint, const daem
   }
 }
 
-long count_rows(const std::string& path) {
-  sqlite3* db = nullptr;
-  long rows = -1;
-  if (sqlite3_open(path.c_str(), &db) == SQLITE_OK) {
+// A reader connection of its own, as any user of the database has.
+class Reader {
+ public:
+  explicit Reader(const std::string& path) {
+    sqlite3_open_v2(path.c_str(), &db_, SQLITE_OPEN_READONLY, nullptr);
+    sqlite3_busy_timeout(db_, 5000);
+  }
+  Reader(const Reader&) = delete;
+  Reader& operator=(const Reader&) = delete;
+  ~Reader() { sqlite3_close(db_); }
+
+  // The last rowid committed; rows are only ever appended, so this is the
+  // number of rows, without counting them.
+  long last_rowid() {
+    long last = 0;
+    each_row("SELECT coalesce(max(rowid), 0) FROM vorn_1",
+             [&](sqlite3_stmt* s) { last = sqlite3_column_int64(s, 0); });
+    return last;
+  }
+
+  // Seconds from sending to visibility of every row after `*after`.
+  void collect_latencies(long* after, std::vector<double>* latencies) {
+    double now = wall_clock();
+    std::string sql = "SELECT rowid, Duration FROM vorn_1 WHERE rowid > " + std::to_string(*after);
+    each_row(sql.c_str(), [&](sqlite3_stmt* s) {
+      *after = sqlite3_column_int64(s, 0);
+      latencies->push_back(now - sqlite3_column_double(s, 1));
+    });
+  }
+
+ private:
+  template <typename F>
+  void each_row(const char* sql, F&& f) {
     sqlite3_stmt* statement = nullptr;
-    if (sqlite3_prepare_v2(db, "SELECT count(*) FROM vorn_1", -1, &statement, nullptr) ==
-            SQLITE_OK &&
-        sqlite3_step(statement) == SQLITE_ROW) {
-      rows = sqlite3_column_int64(statement, 0);
+    if (sqlite3_prepare_v2(db_, sql, -1, &statement, nullptr) == SQLITE_OK) {
+      while (sqlite3_step(statement) == SQLITE_ROW) {
+        f(statement);
+      }
     }
     sqlite3_finalize(statement);
   }
-  sqlite3_close(db);
-  return rows;
-}
+
+  sqlite3* db_ = nullptr;
+};
 
 // A port the kernel picks on 127.0.0.1.
 int free_port() {
@@ -122,11 +180,38 @@ int free_port() {
   return ntohs(address.sin_port);
 }
 
-// The real server, storing into a fresh database; results per second stored.
-double measure_server(const Options& options, const std::string& dir, long* lost) {
+long peak_rss_kib(pid_t pid) {
+  FILE* status = std::fopen(("/proc/" + std::to_string(pid) + "/status").c_str(), "r");
+  long kib = 0;
+  char line[256];
+  while (status != nullptr && std::fgets(line, sizeof line, status) != nullptr) {
+    if (std::sscanf(line, "VmHWM: %ld kB", &kib) == 1) {
+      break;
+    }
+  }
+  if (status != nullptr) {
+    std::fclose(status);
+  }
+  return kib;
+}
+
+struct ServerRun {
+  double stored_per_s = 0;
+  long lost = 0;
+  long peak_rss_kib = 0;
+  std::vector<double> latencies;  // seconds, when probed
+};
+
+// The real server, storing into a fresh database. The clock runs from the
+// first result sent until the last row is visible to another connection.
+ServerRun measure_server(const std::string& serverd, const Load& load, const std::string& dir,
+                         bool probe_latency) {
   int port = free_port();
   std::string config_path = dir + "/vornd.xml";
   std::string db = dir + "/vorn.db";
+  for (const char* suffix : {"", "-wal", "-shm"}) {
+    unlink((db + suffix).c_str());
+  }
   FILE* f = std::fopen(config_path.c_str(), "w");
   std::fprintf(f,
                "<configuration><enable_discovery>false</enable_discovery>"
@@ -137,45 +222,67 @@ double measure_server(const Options& options, const std::string& dir, long* lost
   std::fclose(f);
   pid_t server = fork();
   if (server == 0) {
-    execl(options.serverd.c_str(), options.serverd.c_str(), "-c", config_path.c_str(),
-          static_cast<char*>(nullptr));
+    execl(serverd.c_str(), serverd.c_str(), "-c", config_path.c_str(), static_cast<char*>(nullptr));
     _exit(127);
   }
-  daemon_config config;
+  ServerRun run;
   Clock::time_point start;
-  run_senders(options, "tcp://127.0.0.1:" + std::to_string(port), config, &start);
-  double sending = seconds_since(start);
-  long stored_when_sent = count_rows(db);
+  std::atomic<bool> sent{false};
+  std::thread senders([&] {
+    run_senders(load, "tcp://127.0.0.1:" + std::to_string(port), &start);
+    sent = true;
+  });
+  // The database exists once the server has answered the handshakes.
+  while (!sent && access(db.c_str(), F_OK) != 0) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  Reader reader(db);
+  long last = 0;
+  long seen = 0;
+  Clock::time_point progress = Clock::now();
+  double elapsed = 0;
+  // Until every row is visible, or nothing moves for 5 s after sending ends.
+  while (last < load.total && (!sent || seconds_since(progress) < 5)) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(probe_latency ? 1 : 2));
+    if (probe_latency) {
+      reader.collect_latencies(&seen, &run.latencies);
+    }
+    long now_last = probe_latency ? seen : reader.last_rowid();
+    if (now_last != last) {
+      last = now_last;
+      progress = Clock::now();
+      elapsed = seconds_since(start);
+    }
+  }
+  senders.join();
+  // The kernel's peak for the process's own memory, which begins at exec
+  // (rusage would count the forked copy of this benchmark too).
+  run.peak_rss_kib = peak_rss_kib(server);
   kill(server, SIGTERM);
   int status = 0;
   waitpid(server, &status, 0);
-  // The server returns after 100 ms without a message.
-  double elapsed = seconds_since(start) - 0.1;
-  long rows = count_rows(db);
-  std::printf("sending took %.2f s (%ld stored by then), storing %.2f s\n", sending,
-              stored_when_sent, elapsed);
-  *lost = static_cast<long>(options.senders) * options.per_sender - rows;
-  return rows / elapsed;
+  run.lost = load.total - Reader(db).last_rowid();
+  run.stored_per_s = last / elapsed;
+  return run;
 }
 
 // The same messages received and parsed by a SUB socket of our own, stored nowhere.
-double measure_receive_only(const Options& options) {
+double measure_receive_only(const Load& load) {
   daemon_config config;
   vorn::czmq::Socket subscriber(zsock_new(ZMQ_SUB));
   int port = zsock_bind(subscriber.get(), "tcp://127.0.0.1:*");
   zsock_set_subscribe(subscriber.get(), accumulate_topic(config).c_str());
   zsock_set_rcvtimeo(subscriber.get(), 50);
-  const long total = static_cast<long>(options.senders) * options.per_sender;
   long received = 0;
   Clock::time_point start;
   std::atomic<bool> handshakes_done{false};
   std::thread senders([&] {
-    run_senders(options, "tcp://127.0.0.1:" + std::to_string(port), config, &start);
+    run_senders(load, "tcp://127.0.0.1:" + std::to_string(port), &start);
     handshakes_done = true;
   });
   received_message message;
   result_receiver receiver;
-  while (received < total) {
+  while (received < load.total) {
     message_kind got = receiver.receive(subscriber.get(), message);
     if (got == message_kind::result) {
       ++received;
@@ -191,8 +298,11 @@ double measure_receive_only(const Options& options) {
 }
 
 // The same rows inserted in one transaction through one prepared statement.
-double measure_bulk_insert(const Options& options, const std::string& dir) {
+double measure_bulk_insert(const Load& load, const std::string& dir) {
   std::string path = dir + "/bulk.db";
+  for (const char* suffix : {"", "-wal", "-shm"}) {
+    unlink((path + suffix).c_str());
+  }
   sqlite3* db = nullptr;
   sqlite3_open(path.c_str(), &db);
   sqlite3_exec(db,
@@ -210,12 +320,11 @@ double measure_bulk_insert(const Options& options, const std::string& dir) {
                      "Exit_status, Timestamp, Duration, Encoding, Stdout_size, STDOUT, "
                      "Stderr_size, STDERR, OptionID, version) values (?,?,?,?,?,?,?,?,?,?,?,?,?,?)",
                      -1, &insert, nullptr);
-  std::mt19937 random(1);
-  provider_result r = make_result(0, random);
-  const long total = static_cast<long>(options.senders) * options.per_sender;
+  provider_result r = make_result(0, load.output_bytes);
+  const int out_size = static_cast<int>(r.stdout_data.size());
   auto start = Clock::now();
   sqlite3_exec(db, "BEGIN", nullptr, nullptr, nullptr);
-  for (long i = 0; i < total; ++i) {
+  for (long i = 0; i < load.total; ++i) {
     sqlite3_bind_text(insert, 1, r.header.name, -1, SQLITE_STATIC);
     sqlite3_bind_text(insert, 2, r.header.hostname, -1, SQLITE_STATIC);
     sqlite3_bind_int(insert, 3, r.header.num_nodes);
@@ -224,8 +333,8 @@ double measure_bulk_insert(const Options& options, const std::string& dir) {
     sqlite3_bind_int(insert, 6, static_cast<int>(i));
     sqlite3_bind_double(insert, 7, r.header.duration);
     sqlite3_bind_int(insert, 8, r.header.encoding);
-    sqlite3_bind_int64(insert, 9, 1024);
-    sqlite3_bind_blob(insert, 10, r.stdout_data.data(), 1024, SQLITE_STATIC);
+    sqlite3_bind_int64(insert, 9, out_size);
+    sqlite3_bind_blob(insert, 10, r.stdout_data.data(), out_size, SQLITE_STATIC);
     sqlite3_bind_int64(insert, 11, 100);
     sqlite3_bind_blob(insert, 12, r.stderr_data.data(), 100, SQLITE_STATIC);
     sqlite3_bind_text(insert, 13, r.header.option_id, -1, SQLITE_STATIC);
@@ -237,30 +346,111 @@ double measure_bulk_insert(const Options& options, const std::string& dir) {
   double elapsed = seconds_since(start);
   sqlite3_finalize(insert);
   sqlite3_close(db);
-  return total / elapsed;
+  return load.total / elapsed;
+}
+
+// The disk's own limit: the same number of bytes written in order, with one
+// fsync at the end. MB/s.
+double measure_sequential_write(double bytes, const std::string& dir) {
+  std::string path = dir + "/plain";
+  int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  std::vector<char> chunk(1 << 20, 'x');
+  auto start = Clock::now();
+  for (double left = bytes; left > 0; left -= chunk.size()) {
+    if (write(fd, chunk.data(), chunk.size()) < 0) {
+      break;
+    }
+  }
+  fsync(fd);
+  double elapsed = seconds_since(start);
+  close(fd);
+  unlink(path.c_str());
+  return bytes / 1e6 / elapsed;
+}
+
+struct Row {
+  Load load;
+  std::vector<ServerRun> runs;
+  std::vector<double> received;
+  std::vector<double> bulk;
+  double disk_mb_per_s = 0;
+};
+
+void measure_row(const std::string& serverd, const std::string& dir, Row& row) {
+  ServerRun run = measure_server(serverd, row.load, dir, false);
+  row.runs.push_back(run);
+  row.received.push_back(measure_receive_only(row.load));
+  row.bulk.push_back(measure_bulk_insert(row.load, dir));
+  if (row.load.output_bytes >= 65536 && row.disk_mb_per_s == 0) {
+    row.disk_mb_per_s =
+        measure_sequential_write(static_cast<double>(row.load.total) * row.load.output_bytes, dir);
+  }
+}
+
+std::string size_text(size_t bytes) {
+  return bytes >= 1024 ? std::to_string(bytes / 1024) + " KiB" : std::to_string(bytes) + " B";
+}
+
+// Medians over the row's runs.
+void print_row(const Row& row) {
+  std::vector<double> stored;
+  std::vector<double> rss;
+  long lost = 0;
+  for (const ServerRun& r : row.runs) {
+    stored.push_back(r.stored_per_s);
+    rss.push_back(static_cast<double>(r.peak_rss_kib));
+    lost += r.lost;
+  }
+  double s = median(stored);
+  double received = median(row.received);
+  double bulk = median(row.bulk);
+  std::printf("%7d %7s %9.0f %9.0f %9.0f %8.2f %8.2f %7.0f", row.load.senders,
+              size_text(row.load.output_bytes).c_str(), s, received, bulk, s / received, s / bulk,
+              median(rss) / 1024);
+  if (row.disk_mb_per_s > 0) {
+    std::printf(" %6.0f %6.0f", s * static_cast<double>(row.load.output_bytes) / 1e6,
+                row.disk_mb_per_s);
+  } else {
+    std::printf(" %6s %6s", "", "");
+  }
+  std::printf(" %5ld\n", lost);
+}
+
+void print_header() {
+  std::printf("%7s %7s %9s %9s %9s %8s %8s %7s %6s %6s %5s\n", "senders", "output", "stored/s",
+              "recv/s", "bulk/s", "st/recv", "st/bulk", "RSS MiB", "MB/s", "disk", "lost");
+}
+
+void print_values(const char* what, const std::vector<double>& values) {
+  std::printf("  %-22s", what);
+  for (double v : values) {
+    std::printf(" %9.0f", v);
+  }
+  std::printf("   median %.0f\n", median(values));
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  Options options;
+  std::string serverd = VORN_SERVERD_PATH;
+  int main_runs = 5;
+  bool quick = false;
   // The benchmark's own receiver must not pay for a log line per message.
   vorn::log::LOG_LEVEL = 5;
   int opt;
-  while ((opt = getopt(argc, argv, "s:n:b:")) != -1) {
+  while ((opt = getopt(argc, argv, "qr:b:")) != -1) {
     switch (opt) {
-      case 's':
-        options.senders = std::atoi(optarg);
+      case 'q':
+        quick = true;
         break;
-      case 'n':
-        options.per_sender = std::atoi(optarg);
+      case 'r':
+        main_runs = std::max(1, std::atoi(optarg));
         break;
       case 'b':
-        options.serverd = optarg;
+        serverd = optarg;
         break;
       default:
-        std::fprintf(stderr, "usage: %s [-s senders] [-n results per sender] [-b vorn-serverd]\n",
-                     argv[0]);
+        std::fprintf(stderr, "usage: %s [-q] [-r runs] [-b vorn-serverd]\n", argv[0]);
         return 2;
     }
   }
@@ -270,21 +460,77 @@ int main(int argc, char** argv) {
     return 1;
   }
   const std::string dir = dir_template;
-  const long total = static_cast<long>(options.senders) * options.per_sender;
-  std::printf("%d senders x %d results (stdout 1 KiB, stderr 100 B, 3 nodes) = %ld\n",
-              options.senders, options.per_sender, total);
+  std::setvbuf(stdout, nullptr, _IOLBF, 0);
 
-  long lost = 0;
-  double stored = measure_server(options, dir, &lost);
-  double received = measure_receive_only(options);
-  double bulk = measure_bulk_insert(options, dir);
+  // The main row: 4 senders of 1 KiB results, measured main_runs times.
+  Row main_row{Load{4, 1024, 200000}, {}, {}, {}};
+  std::vector<Row> table;
+  if (!quick) {
+    for (size_t bytes : {size_t{100}, size_t{1024}, size_t{65536}}) {
+      for (int senders : {1, 2, 4, 8}) {
+        long total = bytes >= 65536 ? 4000 : 200000;
+        table.push_back(Row{Load{senders, bytes, total}, {}, {}, {}});
+      }
+    }
+  }
+  std::printf(
+      "Results stored by vorn-serverd (stdout as given, stderr 100 B, 3 nodes), against\n"
+      "receiving alone and a one-transaction bulk insert of the same rows; medians.\n");
+  print_header();
+  for (Row& row : table) {
+    if (row.load.senders == main_row.load.senders &&
+        row.load.output_bytes == main_row.load.output_bytes) {
+      continue;
+    }
+    measure_row(serverd, dir, row);
+    print_row(row);
+  }
+  for (int i = 0; i < main_runs; ++i) {
+    measure_row(serverd, dir, main_row);
+  }
+  print_row(main_row);
 
-  std::printf("stored by vorn-serverd:     %9.0f results/s\n", stored);
-  std::printf("receive only (no storage):  %9.0f results/s\n", received);
-  std::printf("bulk insert, one transaction: %7.0f rows/s\n", bulk);
-  std::printf("stored / receive only:      %9.2f\n", stored / received);
-  std::printf("stored / bulk insert:       %9.2f\n", stored / bulk);
-  std::printf("lost:                       %9ld\n", lost);
+  std::vector<double> stored;
+  std::vector<double> ratio;
+  for (size_t i = 0; i < main_row.runs.size(); ++i) {
+    stored.push_back(main_row.runs[i].stored_per_s);
+    ratio.push_back(main_row.runs[i].stored_per_s / main_row.bulk[i] * 100);
+  }
+  std::printf("\n4 senders x 1 KiB, %d runs:\n", main_runs);
+  print_values("stored/s", stored);
+  print_values("bulk insert/s", main_row.bulk);
+  print_values("stored/bulk, percent", ratio);
+  double s = median(stored);
+  double r = median(ratio) / 100;
+  std::printf("  goal 100000/s and 0.5 of bulk: %s and %s\n", s >= 100000 ? "met" : "not met",
+              r >= 0.5 ? "met" : "not met");
+
+  // Arrival to commit, with the senders paced at half the stored rate so
+  // that results do not queue on their way: the time from sending to the
+  // row's visibility to another connection.
+  Load paced{4, 1024, static_cast<long>(s) / 4 * 4, s / 2};
+  ServerRun probe = measure_server(serverd, paced, dir, true);
+  std::sort(probe.latencies.begin(), probe.latencies.end());
+  auto percentile = [&](double p) {
+    return probe.latencies.empty()
+               ? 0
+               : probe.latencies[static_cast<size_t>(p * (probe.latencies.size() - 1))] * 1000;
+  };
+  std::printf(
+      "\nArrival to commit at %.0f results/s (4 senders x 1 KiB, %zu rows): median %.1f ms,"
+      " 99th percentile %.1f ms, peak RSS %ld MiB\n",
+      s / 2, probe.latencies.size(), percentile(0.5), percentile(0.99), probe.peak_rss_kib / 1024);
+
+  long lost = probe.lost;
+  for (const Row& row : table) {
+    for (const ServerRun& run : row.runs) {
+      lost += run.lost;
+    }
+  }
+  for (const ServerRun& run : main_row.runs) {
+    lost += run.lost;
+  }
+  std::printf("lost: %ld\n", lost);
 
   std::string cleanup = "rm -rf '" + dir + "'";
   int ignored = std::system(cleanup.c_str());

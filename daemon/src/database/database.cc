@@ -1,6 +1,7 @@
 #include "daemon/src/database/database.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include <cctype>
@@ -98,6 +99,7 @@ class wal_checkpointer {
 
  private:
   void run() {
+    pthread_setname_np(pthread_self(), "vorn-checkpoint");
     std::unique_lock<std::mutex> lock(mutex_);
     for (;;) {
       bool stopping = wake_.wait_for(lock, std::chrono::milliseconds(kIntervalMs),

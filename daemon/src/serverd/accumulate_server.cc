@@ -96,46 +96,53 @@ bool run_accumulate_server(daemon_options& options, const daemon_config& config,
   void* socket = zsock_resolve(subscriber.get());
   received_message* slot = writer.free_slot();
   int64_t last_message_ms = zclock_mono();
+  // Messages that wait are taken without a poll each: a poll is a system call.
+  bool more_waiting = false;
   for (;;) {
     waiting.answer_committed(receiver, writer.committed());
     if (slot == nullptr) {
       slot = writer.free_slot();
+    }
+    // Only CZMQ's interrupt flag (the second stop signal) stops at once.
+    if (zsys_interrupted) {
+      VORN_LOG(5) << "Received SIGINT / SIGTERM. Cleaning up and stopping...";
+      return true;
+    }
+    if (slot != nullptr && more_waiting) {
+      message_kind kind = receiver.receive(subscriber.get(), *slot, false);
+      if (kind == message_kind::nothing) {
+        more_waiting = false;
+        continue;
+      }
+      if (!options.running) {
+        VORN_LOG(6) << "Draining queue of accumulated data providers";
+      }
+      if (kind == message_kind::result) {
+        slot = writer.push();
+      } else if (kind == message_kind::pub_ack) {
+        // The answer tells the sender that what it sent before the request
+        // is stored: it waits for the commit of everything queued so far.
+        waiting.add(receiver.request(), writer.last_queued());
+        writer.request_commit(writer.last_queued());
+      }
+      continue;
     }
     // While the queue is full, or a request waits for its commit, the socket
     // is not the only thing to watch: look again soon.
     int wait_ms = slot == nullptr || !waiting.empty() ? result_writer::kPauseMs : kPollMs;
     zmq_pollitem_t item = {socket, 0, static_cast<short>(slot != nullptr ? ZMQ_POLLIN : 0), 0};
     int ready = zmq_poll(&item, 1, wait_ms);
-    // An interrupted wait is how a stop signal shows; only CZMQ's interrupt
-    // flag (or a closed context) means stop at once.
-    if (zsys_interrupted || (ready < 0 && zmq_errno() == ETERM)) {
+    if (ready < 0 && zmq_errno() == ETERM) {
       VORN_LOG(5) << "Received SIGINT / SIGTERM. Cleaning up and stopping...";
       return true;
     }
-    if (ready <= 0) {
+    if (ready > 0) {
+      more_waiting = true;
+      last_message_ms = zclock_mono();
+    } else if (!options.running && slot != nullptr && zclock_mono() - last_message_ms >= kPollMs) {
       // A stopping server returns once its socket has been quiet for kPollMs;
       // the writer stores what is queued before it goes.
-      if (!options.running && slot != nullptr && zclock_mono() - last_message_ms >= kPollMs) {
-        return true;
-      }
-      continue;
-    }
-    last_message_ms = zclock_mono();
-    if (!options.running) {
-      VORN_LOG(6) << "Draining queue of accumulated data providers";
-    }
-    switch (receiver.receive(subscriber.get(), *slot)) {
-      case message_kind::none:
-        continue;
-      case message_kind::pub_ack:
-        // The answer tells the sender that what it sent before the request
-        // is stored: it waits for the commit of everything queued so far.
-        waiting.add(receiver.request(), writer.last_queued());
-        writer.request_commit(writer.last_queued());
-        continue;
-      case message_kind::result:
-        slot = writer.push();
-        continue;
+      return true;
     }
   }
 }

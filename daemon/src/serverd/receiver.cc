@@ -80,13 +80,14 @@ void received_message::clear() {
   total_size_ = 0;
 }
 
-bool received_message::receive(void* socket) {
+bool received_message::receive(void* socket, int flags) {
   clear();
   zmq_msg_t extra;
   zmq_msg_init(&extra);
   for (bool more = true; more;) {
     zmq_msg_t* target = count_ < kKept ? &frames_[count_] : &extra;
-    if (zmq_msg_recv(target, socket, 0) < 0) {
+    // Once the first frame is there, the whole message is.
+    if (zmq_msg_recv(target, socket, count_ == 0 ? flags : 0) < 0) {
       zmq_msg_close(&extra);
       return count_ > 0;
     }
@@ -119,19 +120,19 @@ result_view received_message::result() const {
                      frame(3).substr(0, header_.stderr_size), nodes_csv_.c_str());
 }
 
-message_kind result_receiver::receive(zsock_t* socket, received_message& message) {
-  if (!message.receive(zsock_resolve(socket))) {
-    return message_kind::none;
+message_kind result_receiver::receive(zsock_t* socket, received_message& message, bool wait) {
+  if (!message.receive(zsock_resolve(socket), wait ? 0 : ZMQ_DONTWAIT)) {
+    return message_kind::nothing;
   }
   if (message.count() == 4) {
     if (message.frame(1) != "PUB_ACK") {
-      return message_kind::none;
+      return message_kind::ignored;
     }
     std::string endpoint(message.frame(2));
     // Only a TCP requester can be answered; anything else would make the
     // server open other kinds of connections on a stranger's word.
     if (endpoint.rfind("tcp://", 0) != 0) {
-      return message_kind::none;
+      return message_kind::ignored;
     }
     std::string_view number_frame = message.frame(3);
     int32_t number = 0;
@@ -141,14 +142,14 @@ message_kind result_receiver::receive(zsock_t* socket, received_message& message
       key += std::to_string(number);
     }
     if (answered_.contains(key, zclock_mono())) {
-      return message_kind::none;
+      return message_kind::ignored;
     }
     request_ = pub_ack_request{std::move(endpoint), number, std::move(key)};
     return message_kind::pub_ack;
   }
   if (!message.parse_result()) {
     VORN_LOG(3) << "Unrecognized message format";
-    return message_kind::none;
+    return message_kind::ignored;
   }
   VORN_LOG(6) << "Received data provider '" << message.result().header.name << "' from "
               << message.result().header.hostname << " (" << message.total_size() << " bytes)";

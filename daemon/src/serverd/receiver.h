@@ -47,7 +47,8 @@ class answered_requests {
 };
 
 enum class message_kind {
-  none,     // nothing received, a request answered already, or a message not understood (logged)
+  nothing,  // no message was waiting
+  ignored,  // a request answered already, or a message not understood (logged)
   result,   // a result, readable through the message's result()
   pub_ack,  // a new acknowledgement request, in the receiver's request()
 };
@@ -69,8 +70,9 @@ class received_message {
   ~received_message();
 
   // Replaces what the message held by the next message on `socket` (a
-  // libzmq socket); false when none could be received.
-  bool receive(void* socket);
+  // libzmq socket); false when none could be received. `flags` as for
+  // zmq_msg_recv (ZMQ_DONTWAIT: only a message that is waiting).
+  bool receive(void* socket, int flags = 0);
   // Gives the frames' buffers back.
   void clear();
 
@@ -98,8 +100,9 @@ struct pub_ack_request {
 
 class result_receiver {
  public:
-  // Receives one message from `socket` into `message`.
-  message_kind receive(zsock_t* socket, received_message& message);
+  // Receives one message from `socket` into `message`; with `wait` false,
+  // only one that is waiting already.
+  message_kind receive(zsock_t* socket, received_message& message, bool wait = true);
 
   // The request that receive() last returned as pub_ack.
   const pub_ack_request& request() const { return request_; }

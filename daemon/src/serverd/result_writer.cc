@@ -1,5 +1,7 @@
 #include "daemon/src/serverd/result_writer.h"
 
+#include <pthread.h>
+
 #include <chrono>
 
 #include "util/czmq.h"
@@ -105,6 +107,8 @@ bool result_writer::commit(std::unique_lock<std::mutex>& lock) {
 }
 
 void result_writer::run() {
+  // Named for top -H and perf.
+  pthread_setname_np(pthread_self(), "vorn-writer");
   std::unique_lock<std::mutex> lock(mutex_);
   for (;;) {
     if (head_ != tail_) {
