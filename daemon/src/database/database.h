@@ -8,19 +8,19 @@
 //
 // Rows written in quick succession share a transaction, which costs one
 // commit instead of hundreds. The store commits by itself every kMaxBatch
-// (1000) rows; the accumulate server calls flush when its stream pauses for
-// 2 ms, at the latest 100 ms after the first row of the transaction, and
-// before it answers a PUB_ACK, so that the answer means everything the sender
-// sent before its request is committed. A commit that another process's lock
-// postpones leaves the rows in the open transaction for the next attempt.
+// (1000) rows; its writer (daemon/src/serverd/result_writer.h) calls flush
+// when the stream pauses, at the latest 100 ms after the first row of the
+// transaction, and before a PUB_ACK is answered. A commit that another
+// process's lock postpones leaves the rows in the open transaction for the
+// next attempt.
 //
 // Copying the write-ahead log back into the database file (a checkpoint, with
 // its fsyncs) happens on a thread of the store's own with its own connection,
 // so the receiving thread never waits for it.
 //
 // Thread safety: the object is owned by the entry routine; write and flush
-// are called from the accumulate server's thread only. Never carry an open
-// store across fork().
+// are called from one thread at a time. Never carry an open store across
+// fork().
 
 #include <memory>
 

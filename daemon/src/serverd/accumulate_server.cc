@@ -19,6 +19,8 @@ namespace {
 
 constexpr const char* kLogSource = "daemon/src/serverd";
 constexpr int kPollMs = 100;
+// Messages ZeroMQ keeps for each sender while the writer's queue is full.
+constexpr int kReceiveQueue = 100;
 
 // Binds the subscriber where the run mode says; "" on failure (logged).
 std::string bind_subscriber(zsock_t* socket, const daemon_config& config) {
@@ -74,6 +76,11 @@ class waiting_requests {
 
 bool run_accumulate_server(daemon_options& options, const daemon_config& config, database* store) {
   vorn::czmq::Socket subscriber(zsock_new(ZMQ_SUB));
+  if (subscriber) {
+    // What a flooding sender may have waiting in the server's memory, beyond
+    // the writer's queue: kReceiveQueue messages per connected sender.
+    zsock_set_rcvhwm(subscriber.get(), kReceiveQueue);
+  }
   std::string endpoint = subscriber ? bind_subscriber(subscriber.get(), config) : "";
   options.endpoint.set_value(endpoint);
   if (endpoint.empty()) {
@@ -81,11 +88,6 @@ bool run_accumulate_server(daemon_options& options, const daemon_config& config,
   }
   const std::string topic = accumulate_topic(config);
   zsock_set_subscribe(subscriber.get(), topic.c_str());
-  vorn::czmq::Poller poller(zpoller_new(subscriber.get(), nullptr));
-  if (!poller) {
-    VORN_LOG(3) << "Error creating poller (" << errno << "): " << zmq_strerror(errno);
-    return false;
-  }
   VORN_LOG(5) << "Accumulate server started and subscribing to '" << topic << "'";
 
   // Without a database, results go to text files.

@@ -6,9 +6,12 @@
 // text dump in accumulate_output_dir when there is none. It answers a
 // "PUB_ACK" request only once every row received before it is committed.
 // When `running` is cleared it keeps storing while messages arrive less than
-// 100 ms apart, then returns; CZMQ's interrupt flag stops it at once.
+// 100 ms apart, then returns; CZMQ's interrupt flag stops it at once. Either
+// way, what it has received is stored before it returns.
 //
-// Runs on the calling thread, which alone uses the socket and the database.
+// Receives on the calling thread, which alone uses the socket; the rows are
+// written by a thread of its own (result_writer.h), the only user of the
+// database while the server runs.
 
 #include <string>
 

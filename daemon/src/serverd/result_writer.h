@@ -35,7 +35,7 @@
 class result_writer {
  public:
   static constexpr size_t kSlots = 1024;
-  static constexpr size_t kMaxQueuedBytes = size_t{64} << 20;
+  static constexpr size_t kMaxQueuedBytes = size_t{16} << 20;
   static constexpr int kPauseMs = 2;
   static constexpr int64_t kMaxBatchMs = 100;
 
