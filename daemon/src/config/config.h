@@ -60,6 +60,13 @@ struct daemon_config {
   int32_t heartbeat_period = 3600;
   int64_t timeout = 60;
   ::timeout_scale timeout_scale = ::timeout_scale::constant;
+  // Largest result message the server accepts, in bytes; larger ones are
+  // dropped by ZeroMQ before they take memory.
+  int64_t max_message_size = int64_t{64} << 20;
+  // Seconds a stopping server keeps storing what still arrives.
+  int32_t drain_timeout = 5;
+  // Bytes of each output stream a provider run keeps; the rest is discarded.
+  int64_t max_output_size = int64_t{16} << 20;
   provider_option_map option_sets;
 };
 
