@@ -1,8 +1,11 @@
 #include "daemon/src/config/config.h"
 
 #include <unistd.h>
+#include <wordexp.h>
 
 #include <cerrno>
+#include <cstdint>
+#include <limits>
 #include <optional>
 
 #include "daemon/src/config/provider_options.h"
@@ -54,23 +57,105 @@ void read_boolean(const vorn::xml::ConfigurationReader& keys, const char* key,
   }
 }
 
+// Digits only, with blanks around them allowed, in [low, high]. A sign, a
+// fraction, an exponent or trailing text is refused rather than read as far as
+// it goes: "19x41" must not become port 19.
+std::optional<int64_t> whole_number(const std::string& text, int64_t low, int64_t high) {
+  std::string digits = vorn::str::strip(text);
+  if (digits.empty()) {
+    return std::nullopt;
+  }
+  int64_t value = 0;
+  for (char c : digits) {
+    if (c < '0' || c > '9') {
+      return std::nullopt;
+    }
+    if (value > (std::numeric_limits<int64_t>::max() - (c - '0')) / 10) {
+      return std::nullopt;
+    }
+    value = value * 10 + (c - '0');
+  }
+  if (value < low || value > high) {
+    return std::nullopt;
+  }
+  return value;
+}
+
+template <typename T>
+void read_whole_number(const vorn::xml::ConfigurationReader& keys, const char* key,
+                       const char* several_message, int64_t low, T& field) {
+  std::optional<std::string> value = keys.text(key, several_message);
+  if (!value) {
+    return;
+  }
+  constexpr int64_t high = std::numeric_limits<T>::max();
+  if (std::optional<int64_t> number = whole_number(*value, low, high)) {
+    field = static_cast<T>(*number);
+    return;
+  }
+  VORN_LOG(4) << "Unrecognized value for " << key << ": '" << *value
+              << "' (not a whole number from " << low << " to " << high << ").  Using default.";
+}
+
+void read_port(const vorn::xml::ConfigurationReader& keys, const char* key,
+               const char* several_message, int64_t* port) {
+  std::optional<std::string> value = keys.text(key, several_message);
+  if (!value) {
+    return;
+  }
+  if (std::optional<int64_t> number = whole_number(*value, 1, 65535)) {
+    *port = *number;
+    return;
+  }
+  VORN_LOG(4) << "Unrecognized value for " << key << ": '" << *value
+              << "' (not a port number from 1 to 65535).  Using default.";
+}
+
+// A directory or file path, expanded. The expansion leaves text it refuses as
+// it is (command substitution, "|", ";", unbalanced quotes and the like); such
+// a path was meant for a shell, and is kept away from every later use of it.
+std::optional<std::string> read_path(const vorn::xml::ConfigurationReader& keys, const char* key,
+                                     const char* several_message) {
+  std::optional<std::string> value = keys.text(key, several_message);
+  if (!value) {
+    return std::nullopt;
+  }
+  wordexp_t words{};
+  int rc = ::wordexp(value->c_str(), &words, WRDE_NOCMD);
+  if (rc == 0 || rc == WRDE_NOSPACE) {
+    ::wordfree(&words);
+  }
+  std::string expanded = rc == 0 ? vorn::str::wordexp(*value) : *value;
+  if (rc != 0 || expanded.find("$(") != std::string::npos ||
+      expanded.find('`') != std::string::npos) {
+    VORN_LOG(4) << "Unrecognized value for " << key << ": '" << *value
+                << "' (command substitution and shell syntax are not allowed in paths).  Using "
+                   "default.";
+    return std::nullopt;
+  }
+  return expanded;
+}
+
 void read_keys(const vorn::xml::ConfigurationReader& keys, daemon_config& config) {
   using vorn::str::copy;
-  using vorn::str::wordexp;
   using vorn::xml::to_integer;
-  using vorn::xml::to_integer_via_64;
 
   if (auto v = keys.text("accumulate_host", "Multiple accumulate_host elements in '")) {
     copy(config.accumulate_host, *v);
   }
-  if (auto v = keys.text("accumulate_output_dir", "Multiple accumulate_output_dir elements in '")) {
-    copy(config.accumulate_output_dir, wordexp(*v));
+  if (auto v = read_path(keys, "accumulate_output_dir",
+                         "Multiple accumulate_output_dir elements in '")) {
+    copy(config.accumulate_output_dir, *v);
   }
-  if (auto v = keys.text("accumulate_port", "Multiple accumulate_port elements in '")) {
-    copy(config.accumulate_port, *v);
+  int64_t port = -1;
+  read_port(keys, "accumulate_port", "Multiple accumulate_port elements in '", &port);
+  if (port > 0) {
+    copy(config.accumulate_port, std::to_string(port));
   }
-  if (auto v = keys.number("broadcast_port", "Multiple broadcast_port elements in '")) {
-    config.broadcast_port = to_integer<int32_t>(*v);
+  port = -1;
+  read_port(keys, "broadcast_port", "Multiple broadcast_port elements in '", &port);
+  if (port > 0) {
+    config.broadcast_port = static_cast<int32_t>(port);
   }
   if (auto v = keys.text("database_backend", "Multiple database_backend elements in '")) {
     auto it = database_backend_names.find(*v);
@@ -81,38 +166,44 @@ void read_keys(const vorn::xml::ConfigurationReader& keys, daemon_config& config
       config.database_backend = it->second;
     }
   }
-  if (auto v = keys.text("database_file", "Multiple database_file elements in '")) {
-    config.database_file = wordexp(*v);
+  if (auto v = read_path(keys, "database_file", "Multiple database_file elements in '")) {
+    config.database_file = *v;
   }
   read_boolean(keys, "enable_adhoc_clusters", "Multiple enable_adhoc_clusters elements in '",
                config.enable_adhoc_clusters);
   read_boolean(keys, "enable_discovery", "Multiple enable_discovery elements in '",
                config.enable_discovery);
-  if (auto v = keys.number("heartbeat_period", "Multiple heartbeat period elements in '")) {
-    config.heartbeat_period = to_integer_via_64<int32_t>(*v);
-  }
+  read_whole_number(keys, "drain_timeout", "Multiple drain_timeout elements in '", 0,
+                    config.drain_timeout);
+  read_whole_number(keys, "heartbeat_period", "Multiple heartbeat period elements in '", 0,
+                    config.heartbeat_period);
+  read_whole_number(keys, "max_message_size", "Multiple max_message_size elements in '", 1,
+                    config.max_message_size);
+  read_whole_number(keys, "max_output_size", "Multiple max_output_size elements in '", 1,
+                    config.max_output_size);
   if (auto v = keys.text("network_interface", "Multiple network_interface elements in '")) {
     config.network_interface = *v;
   }
   if (auto v = keys.text("network_partition", "Multiple network_partition elements in '")) {
     config.network_partition = *v;
   }
-  if (auto v =
-          keys.text("provider_auxiliary_path", "Multiple provider_auxiliary_path elements in '")) {
-    copy(config.provider_auxiliary_path, wordexp(*v));
+  if (auto v = read_path(keys, "provider_auxiliary_path",
+                         "Multiple provider_auxiliary_path elements in '")) {
+    copy(config.provider_auxiliary_path, *v);
   }
-  if (auto v = keys.text("provider_config_dir", "Multiple provider_config_dir elements in '")) {
-    copy(config.provider_config_dir, wordexp(*v));
+  if (auto v =
+          read_path(keys, "provider_config_dir", "Multiple provider_config_dir elements in '")) {
+    copy(config.provider_config_dir, *v);
   }
   if (auto v = keys.number("provider_loadavg", "Multiple loadavg elements in '")) {
     config.provider_loadavg = *v;
   }
-  if (auto v = keys.text("provider_output_dir", "Multiple provider_output_dir elements in '")) {
-    copy(config.provider_output_dir, wordexp(*v));
+  if (auto v =
+          read_path(keys, "provider_output_dir", "Multiple provider_output_dir elements in '")) {
+    copy(config.provider_output_dir, *v);
   }
-  if (auto v = keys.number("provider_period", "Multiple period elements in '")) {
-    config.provider_period = to_integer_via_64<int32_t>(*v);
-  }
+  read_whole_number(keys, "provider_period", "Multiple period elements in '", 0,
+                    config.provider_period);
   if (const xmlNode* timeout = keys.find("timeout", "Multipe timeout value elements in '")) {
     config.timeout = to_integer<int64_t>(vorn::xml::number(vorn::xml::text(timeout)));
     read_timeout_scale(timeout, "timeout scaling option '",

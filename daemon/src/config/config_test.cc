@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <filesystem>
 #include <functional>
 
 #include "tests/support/test_support.h"
@@ -50,7 +51,10 @@ TEST(ReadConfigTest, EveryKeyFirstElementWins) {
       {"database_file", "/srv/db/v.db", FIELD(database_file)},
       {"enable_adhoc_clusters", "false", FIELD(enable_adhoc_clusters)},
       {"enable_discovery", "false", FIELD(enable_discovery)},
+      {"drain_timeout", "0", FIELD(drain_timeout)},
       {"heartbeat_period", "10", FIELD(heartbeat_period), "", "Multiple heartbeat period elements"},
+      {"max_message_size", "1", FIELD(max_message_size)},
+      {"max_output_size", "9000000000", FIELD(max_output_size)},
       {"network_interface", "eth1", FIELD(network_interface)},
       {"network_partition", "blue", FIELD(network_partition)},
       {"provider_auxiliary_path", "/srv/aux", FIELD(provider_auxiliary_path)},
@@ -96,12 +100,8 @@ TEST(ReadConfigTest, Values) {
       // An empty element counts as present.
       {"<accumulate_host></accumulate_host><accumulate_host>h</accumulate_host>",
        FIELD(accumulate_host), "", "Multiple accumulate_host elements in '@'. Using first one.\n"},
-      // The port text is cut to 32 characters.
-      {"<accumulate_port>1234567890123456789012345678901234567890</accumulate_port>",
-       FIELD(accumulate_port), "12345678901234567890123456789012"},
-      {"<broadcast_port>many</broadcast_port>", FIELD(broadcast_port), "0"},  // not a number
-      // Periods wrap through 64 bits.
-      {"<provider_period>4294967356</provider_period>", FIELD(provider_period), "60"},
+      // Blanks around a number are layout.
+      {"<accumulate_port>\n  2001\n</accumulate_port>", FIELD(accumulate_port), "2001"},
       // A second configuration element is searched too; the first match wins.
       {"<configuration><network_partition>one</network_partition></configuration>"
        "<deeper><configuration><network_partition>two</network_partition>"
@@ -117,6 +117,80 @@ TEST(ReadConfigTest, Values) {
     EXPECT_EQ(read_xml(row.body, config), row.log);
     EXPECT_EQ(row.field(config), row.want);
   }
+}
+
+// A number that is not whole, decimal and in range is reported with its key
+// and text, and the default is kept: nothing is read "as far as it goes".
+TEST(ReadConfigTest, MalformedNumbersKeepTheDefault) {
+  const std::string port = "' (not a port number from 1 to 65535).  Using default.\n";
+  const std::string int32 = "' (not a whole number from 0 to 2147483647).  Using default.\n";
+  const std::string int64 = " to 9223372036854775807).  Using default.\n";
+  struct Row {
+    std::string key;
+    std::string value;
+    Field field;
+    std::string want;  // the default
+    std::string log_tail;
+  } rows[] = {
+      {"accumulate_port", "19x41", FIELD(accumulate_port), "1974", port},      // not port 19
+      {"accumulate_port", "abc", FIELD(accumulate_port), "1974", port},        // not a random port
+      {"accumulate_port", "", FIELD(accumulate_port), "1974", port},           // empty
+      {"accumulate_port", "70000", FIELD(accumulate_port), "1974", port},      // above the range
+      {"accumulate_port", "0", FIELD(accumulate_port), "1974", port},          // below it
+      {"accumulate_port", "-5", FIELD(accumulate_port), "1974", port},         // a sign
+      {"broadcast_port", "9e3", FIELD(broadcast_port), "9077", port},          // an exponent
+      {"broadcast_port", "80.5", FIELD(broadcast_port), "9077", port},         // a fraction
+      {"provider_period", "4294967356", FIELD(provider_period), "60", int32},  // beyond 32 bits
+      {"provider_period", "1 0", FIELD(provider_period), "60", int32},         // two numbers
+      {"heartbeat_period", "-1", FIELD(heartbeat_period), "3600", int32},      // negative
+      {"drain_timeout", "5s", FIELD(drain_timeout), "5", int32},               // a unit
+      {"max_message_size", "0", FIELD(max_message_size), "67108864",
+       "' (not a whole number from 1" + int64},  // nothing would pass
+      {"max_message_size", "99999999999999999999", FIELD(max_message_size), "67108864",
+       "' (not a whole number from 1" + int64},  // beyond 64 bits
+      {"max_output_size", "16M", FIELD(max_output_size), "16777216",
+       "' (not a whole number from 1" + int64},  // a unit
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.key + " " + row.value);
+    daemon_config config;
+    EXPECT_EQ(read_xml("<" + row.key + ">" + row.value + "</" + row.key + ">", config),
+              "Unrecognized value for " + row.key + ": '" + row.value + row.log_tail);
+    EXPECT_EQ(row.field(config), row.want);
+  }
+}
+
+// A path the expansion refuses is never made or used: the shell syntax in it
+// was meant to be run.
+TEST(ReadConfigTest, PathsWithShellSyntaxKeepTheDefault) {
+  TempDir dir;
+  const std::string refused =
+      "' (command substitution and shell syntax are not allowed in paths).  Using default.\n";
+  struct Row {
+    std::string key;
+    std::string value;
+    Field field;
+    std::string want;  // the default
+  } rows[] = {
+      {"accumulate_output_dir", dir / "x$(touch " + (dir / "PWNED") + ")",
+       FIELD(accumulate_output_dir), "/var/cache/vorn"},  // command substitution
+      {"provider_output_dir", dir / "x`touch " + (dir / "PWNED") + "`", FIELD(provider_output_dir),
+       "/var/tmp/vorn"},  // backquotes
+      {"provider_config_dir", dir / "a;touch " + (dir / "PWNED"), FIELD(provider_config_dir),
+       ""},  // a shell operator
+      {"provider_auxiliary_path", "/srv/'aux", FIELD(provider_auxiliary_path),
+       ""},  // an unbalanced quote
+      {"database_file", "'/srv/$(x)'", FIELD(database_file),
+       default_database_file()},  // quoted, so expanded, but still holding "$("
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.key);
+    daemon_config config;
+    EXPECT_EQ(read_xml("<" + row.key + ">" + row.value + "</" + row.key + ">", config),
+              "Unrecognized value for " + row.key + ": '" + row.value + refused);
+    EXPECT_EQ(row.field(config), row.want);
+  }
+  EXPECT_FALSE(std::filesystem::exists(dir / "PWNED"));
 }
 
 // A missing file and one that is not XML are refused as vorn-serverd's tests
