@@ -31,6 +31,7 @@
 
 #include "daemon/src/provider/result.h"
 #include "daemon/src/provider/sender.h"
+#include "daemon/src/serverd/pub_ack_answerer.h"
 #include "daemon/src/serverd/receiver.h"
 #include "util/log.h"
 #include "util/str.h"
@@ -283,12 +284,14 @@ double measure_receive_only(const Load& load) {
   });
   received_message message;
   result_receiver receiver;
+  pub_ack_answerer answerer;
   while (received < load.total) {
     message_kind got = receiver.receive(subscriber.get(), message);
     if (got == message_kind::result) {
       ++received;
     } else if (got == message_kind::pub_ack) {
-      receiver.answer(receiver.request());
+      answerer.answer(receiver.request());
+      receiver.mark_answered(receiver.request());
     } else if (handshakes_done && !(zsock_events(subscriber.get()) & ZMQ_POLLIN)) {
       break;
     }

@@ -59,4 +59,16 @@ std::string sys_error(int error_number) {
   return "(" + std::to_string(error_number) + "): " + text;
 }
 
+bool RateLimit::allow(int64_t now_ms, uint64_t* suppressed) {
+  if (any_ && now_ms - last_ms_ < interval_ms_) {
+    ++suppressed_;
+    return false;
+  }
+  *suppressed = suppressed_;
+  suppressed_ = 0;
+  last_ms_ = now_ms;
+  any_ = true;
+  return true;
+}
+
 }  // namespace vorn::log

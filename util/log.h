@@ -16,6 +16,7 @@
 // written with one call, so lines never interleave. The globals are set once
 // at start-up, before other threads exist.
 
+#include <cstdint>
 #include <optional>
 #include <sstream>
 #include <string>
@@ -53,6 +54,24 @@ class ErrorLog {
 // identity, options and facility given, and admits the priorities of `mask`
 // (a setlogmask value).
 void use_syslog(const char* ident, int options, int facility, int mask);
+
+// For a warning that a stranger can make happen at will: at most one per
+// interval, the others counted.
+//
+// Thread safety: one thread at a time.
+class RateLimit {
+ public:
+  explicit RateLimit(int64_t interval_ms) : interval_ms_(interval_ms) {}
+  // True when a warning may go out now; `suppressed` then says how many were
+  // held back since the last one.
+  bool allow(int64_t now_ms, uint64_t* suppressed);
+
+ private:
+  int64_t interval_ms_;
+  int64_t last_ms_ = 0;
+  bool any_ = false;
+  uint64_t suppressed_ = 0;
+};
 
 // The tail of a failed system call's message: "(", the decimal error number,
 // "): " and the system's error text.

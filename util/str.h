@@ -32,6 +32,11 @@ std::string replace(std::string_view text, std::string_view from, std::string_vi
 // unchanged. Several resulting words are joined by one blank.
 std::string wordexp(std::string_view text);
 
+// Text from outside (the network, a file) made safe for one log line:
+// control characters and the backslash become "\xNN" and "\\", so that no
+// line can be forged or cut. Other bytes stay as they are.
+std::string printable(std::string_view text);
+
 // Copies `text` into the fixed buffer and always terminates it; at most
 // size - 1 bytes are kept.
 void copy(char* buffer, std::size_t size, std::string_view text);

@@ -37,6 +37,11 @@ TEST(StrTest, Table) {
       {wordexp("a;b"), "a;b"},                          // shell operators: unchanged
       {wordexp("\"unbalanced"), "\"unbalanced"},        // syntax error: unchanged
       {wordexp(""), ""},                                // empty
+      {printable("node7"), "node7"},                    // ordinary text unchanged
+      {printable("a\nb\rc"), "a\\x0ab\\x0dc"},           // no new line can be forged
+      {printable(std::string("\0\x1b[2J\x7f", 6)), "\\x00\\x1b[2J\\x7f"},  // NUL, escapes, DEL
+      {printable("C:\\x0a"), "C:\\\\x0a"},                // a backslash cannot fake an escape
+      {printable("kn\xc3\xb6" "del"), "kn\xc3\xb6" "del"},      // UTF-8 stays
   };
   for (size_t i = 0; i < std::size(rows); ++i) {
     EXPECT_EQ(rows[i].got, rows[i].want) << "row " << i;

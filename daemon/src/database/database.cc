@@ -17,6 +17,7 @@
 
 #include "util/czmq.h"
 #include "util/log.h"
+#include "util/str.h"
 
 namespace {
 
@@ -53,7 +54,7 @@ bool compact_base64(std::string_view text, std::string* compact) {
 std::string decode_base64(std::string_view text, const char* stream, const char* provider) {
   std::string compact;
   if (!compact_base64(text, &compact)) {
-    VORN_LOG(4) << "The " << stream << " of data provider '" << provider
+    VORN_LOG(4) << "The " << stream << " of data provider '" << vorn::str::printable(provider)
                 << "' is marked base64 but is not; storing it as received";
     return std::string(text);
   }

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "daemon/src/provider/result.h"
+#include "daemon/src/serverd/pub_ack_answerer.h"
 #include "daemon/src/serverd/receiver.h"
 #include "daemon/src/serverd/result_writer.h"
 #include "util/czmq.h"
@@ -47,23 +48,40 @@ std::string bind_subscriber(zsock_t* socket, const daemon_config& config) {
 // Acknowledgement requests waiting for the commit of what came before them.
 class waiting_requests {
  public:
+  // Beyond this, new requests are dropped (their senders repeat them).
+  static constexpr size_t kMaxWaiting = 1024;
+
   // Queues the request unless it is already waiting (its sender repeats it
-  // until answered).
-  void add(const pub_ack_request& request, uint64_t sequence) {
+  // until answered); false when the list is full.
+  bool add(const pub_ack_request& request, uint64_t sequence) {
     for (const auto& waiting : waiting_) {
       if (waiting.first.key == request.key) {
-        return;
+        return true;
       }
     }
+    if (waiting_.size() >= kMaxWaiting) {
+      return false;
+    }
     waiting_.emplace_back(request, sequence);
+    return true;
   }
 
-  // Answers, in order, every request whose results are committed.
-  void answer_committed(result_receiver& receiver, uint64_t committed) {
+  // Hands every request whose results are committed to the answerer, in
+  // order, while it takes them; the others wait, or are dropped when the
+  // answerer is saturated (their senders repeat them). Returns how many
+  // were dropped.
+  size_t answer_committed(result_receiver& receiver, pub_ack_answerer& answerer,
+                          uint64_t committed) {
+    size_t dropped = 0;
     while (!waiting_.empty() && waiting_.front().second <= committed) {
-      receiver.answer(waiting_.front().first);
+      if (answerer.answer(waiting_.front().first)) {
+        receiver.mark_answered(waiting_.front().first);
+      } else {
+        ++dropped;
+      }
       waiting_.pop_front();
     }
+    return dropped;
   }
 
   bool empty() const { return waiting_.empty(); }
@@ -71,6 +89,14 @@ class waiting_requests {
  private:
   std::deque<std::pair<pub_ack_request, uint64_t>> waiting_;
 };
+
+void warn_dropped(vorn::log::RateLimit& limit, size_t dropped) {
+  uint64_t suppressed = 0;
+  if (limit.allow(zclock_mono(), &suppressed)) {
+    VORN_LOG(4) << "Too many PUB_ACK requests at once: " << dropped + suppressed
+                << " dropped; their senders will ask again";
+  }
+}
 
 }  // namespace
 
@@ -80,6 +106,9 @@ bool run_accumulate_server(daemon_options& options, const daemon_config& config,
     // What a flooding sender may have waiting in the server's memory, beyond
     // the writer's queue: kReceiveQueue messages per connected sender.
     zsock_set_rcvhwm(subscriber.get(), kReceiveQueue);
+    // A larger message is refused by ZeroMQ (the sender is disconnected)
+    // before it takes memory here.
+    zsock_set_maxmsgsize(subscriber.get(), config.max_message_size);
   }
   std::string endpoint = subscriber ? bind_subscriber(subscriber.get(), config) : "";
   options.endpoint.set_value(endpoint);
@@ -95,13 +124,19 @@ bool run_accumulate_server(daemon_options& options, const daemon_config& config,
   result_writer writer(db, config);
   result_receiver receiver;
   waiting_requests waiting;
+  pub_ack_answerer answerer;
+  vorn::log::RateLimit drop_warnings(10000);
+  // When the first stop signal was seen; a drain lasts drain_timeout at most.
+  int64_t stop_seen_ms = -1;
   void* socket = zsock_resolve(subscriber.get());
   received_message* slot = writer.free_slot();
   int64_t last_message_ms = zclock_mono();
   // Messages that wait are taken without a poll each: a poll is a system call.
   bool more_waiting = false;
   for (;;) {
-    waiting.answer_committed(receiver, writer.committed());
+    if (size_t dropped = waiting.answer_committed(receiver, answerer, writer.committed())) {
+      warn_dropped(drop_warnings, dropped);
+    }
     if (slot == nullptr) {
       slot = writer.free_slot();
     }
@@ -109,6 +144,17 @@ bool run_accumulate_server(daemon_options& options, const daemon_config& config,
     if (zsys_interrupted) {
       VORN_LOG(5) << "Received SIGINT / SIGTERM. Cleaning up and stopping...";
       return true;
+    }
+    if (!options.running) {
+      // Senders that never pause must not keep a stopping server alive.
+      int64_t now = zclock_mono();
+      if (stop_seen_ms < 0) {
+        stop_seen_ms = now;
+      } else if (now - stop_seen_ms >= int64_t{config.drain_timeout} * 1000) {
+        VORN_LOG(5) << "Stopping after draining for " << config.drain_timeout
+                    << " s; results still arriving stay with their senders";
+        return true;
+      }
     }
     if (slot != nullptr && more_waiting) {
       message_kind kind = receiver.receive(subscriber.get(), *slot, false);
@@ -124,8 +170,11 @@ bool run_accumulate_server(daemon_options& options, const daemon_config& config,
       } else if (kind == message_kind::pub_ack) {
         // The answer tells the sender that what it sent before the request
         // is stored: it waits for the commit of everything queued so far.
-        waiting.add(receiver.request(), writer.last_queued());
-        writer.request_commit(writer.last_queued());
+        if (waiting.add(receiver.request(), writer.last_queued())) {
+          writer.request_commit(writer.last_queued());
+        } else {
+          warn_dropped(drop_warnings, 1);
+        }
       }
       continue;
     }

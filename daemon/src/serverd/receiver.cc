@@ -1,15 +1,19 @@
 #include "daemon/src/serverd/receiver.h"
 
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <sys/stat.h>
 
 #include <cerrno>
 #include <cstring>
+#include <functional>
 #include <string_view>
 
 #include "util/czmq.h"
 #include "util/fs.h"
 #include "util/log.h"
+#include "util/str.h"
 
 namespace {
 
@@ -31,32 +35,52 @@ std::string dump_file_name(const char* name) {
 
 }  // namespace
 
-bool answered_requests::contains(const std::string& key, int64_t now_ms) {
+bool answered_requests::contains(uint64_t key, int64_t now_ms) {
   forget_expired(now_ms);
   return keys_.count(key) != 0;
 }
 
-void answered_requests::add(const std::string& key, int64_t now_ms) {
+void answered_requests::add(uint64_t key, int64_t now_ms) {
   forget_expired(now_ms);
-  auto [it, added] = keys_.insert(key);
-  if (!added) {
+  if (!keys_.insert(key).second) {
     return;
   }
-  added_.emplace_back(now_ms, &*it);
+  added_.emplace_back(now_ms, key);
   while (keys_.size() > kMaxKeys) {
-    forget_oldest();
+    keys_.erase(added_.front().second);
+    added_.pop_front();
   }
 }
 
 void answered_requests::forget_expired(int64_t now_ms) {
   while (!added_.empty() && now_ms - added_.front().first >= kKeepMs) {
-    forget_oldest();
+    keys_.erase(added_.front().second);
+    added_.pop_front();
   }
 }
 
-void answered_requests::forget_oldest() {
-  keys_.erase(keys_.find(*added_.front().second));
-  added_.pop_front();
+bool valid_reply_endpoint(std::string_view endpoint) {
+  constexpr std::string_view kScheme = "tcp://";
+  if (endpoint.size() > kMaxEndpointSize || endpoint.substr(0, kScheme.size()) != kScheme) {
+    return false;
+  }
+  std::string_view rest = endpoint.substr(kScheme.size());
+  size_t colon = rest.rfind(':');
+  if (colon == std::string_view::npos) {
+    return false;
+  }
+  std::string address(rest.substr(0, colon));
+  std::string_view port = rest.substr(colon + 1);
+  if (port.empty() || port.size() > 5 ||
+      port.find_first_not_of("0123456789") != std::string_view::npos ||
+      std::stoi(std::string(port)) == 0 || std::stoi(std::string(port)) > 65535) {
+    return false;
+  }
+  unsigned char binary[sizeof(in6_addr)];
+  if (address.size() > 2 && address.front() == '[' && address.back() == ']') {
+    return inet_pton(AF_INET6, address.substr(1, address.size() - 2).c_str(), binary) == 1;
+  }
+  return inet_pton(AF_INET, address.c_str(), binary) == 1;
 }
 
 received_message::received_message() {
@@ -128,47 +152,42 @@ message_kind result_receiver::receive(zsock_t* socket, received_message& message
     if (message.frame(1) != "PUB_ACK") {
       return message_kind::ignored;
     }
-    std::string endpoint(message.frame(2));
-    // Only a TCP requester can be answered; anything else would make the
-    // server open other kinds of connections on a stranger's word.
-    if (endpoint.rfind("tcp://", 0) != 0) {
+    std::string_view endpoint = message.frame(2);
+    if (!valid_reply_endpoint(endpoint)) {
+      uint64_t suppressed = 0;
+      if (endpoint_warnings_.allow(zclock_mono(), &suppressed)) {
+        VORN_LOG(4) << "Ignoring PUB_ACK request for endpoint '"
+                    << vorn::str::printable(endpoint.substr(0, 80))
+                    << "': only tcp:// with a numeric address and a port is answered"
+                    << (suppressed > 0 ? " (" + std::to_string(suppressed) + " more ignored)" : "");
+      }
       return message_kind::ignored;
     }
     std::string_view number_frame = message.frame(3);
     int32_t number = 0;
-    std::string key = endpoint + " ";
+    std::string key_text = std::string(endpoint) + " ";
     if (number_frame.size() == sizeof number) {
       std::memcpy(&number, number_frame.data(), sizeof number);
-      key += std::to_string(number);
+      key_text += std::to_string(number);
     }
+    uint64_t key = std::hash<std::string>{}(key_text);
     if (answered_.contains(key, zclock_mono())) {
       return message_kind::ignored;
     }
-    request_ = pub_ack_request{std::move(endpoint), number, std::move(key)};
+    request_ = pub_ack_request{std::string(endpoint), number, key};
     return message_kind::pub_ack;
   }
   if (!message.parse_result()) {
     VORN_LOG(3) << "Unrecognized message format";
     return message_kind::ignored;
   }
-  VORN_LOG(6) << "Received data provider '" << message.result().header.name << "' from "
-              << message.result().header.hostname << " (" << message.total_size() << " bytes)";
+  VORN_LOG(6) << "Received data provider '" << vorn::str::printable(message.result().header.name)
+              << "' from " << vorn::str::printable(message.result().header.hostname) << " ("
+              << message.total_size() << " bytes)";
   return message_kind::result;
 }
 
-void result_receiver::answer(const pub_ack_request& request) {
-  vorn::czmq::Socket reply(zsock_new(ZMQ_REQ));
-  // zsock_connect never binds, whatever the endpoint text says.
-  if (!reply || zsock_connect(reply.get(), "%s", request.endpoint.c_str()) != 0) {
-    VORN_LOG(3) << "Unable to create pub-ack socket " << vorn::log::sys_error(errno);
-    return;
-  }
-  zsock_set_linger(reply.get(), 1000);
-  // A requester that is gone must not stall the server.
-  zsock_set_sndtimeo(reply.get(), 1000);
-  if (zsock_send(reply.get(), "i", request.number) != 0) {
-    VORN_LOG(3) << "Error replying to pub-ack request " << vorn::log::sys_error(errno);
-  }
+void result_receiver::mark_answered(const pub_ack_request& request) {
   answered_.add(request.key, zclock_mono());
 }
 

@@ -20,31 +20,37 @@
 
 #include "daemon/src/config/config.h"
 #include "daemon/src/provider/result.h"
+#include "util/log.h"
 
-// Requests answered lately, as "<endpoint> <number>", so that each is
-// answered once although its sender repeats it until the answer arrives.
-// Every handshake of every sender brings a new key, so keys are forgotten
-// kKeepMs after their answer, and the oldest first beyond kMaxKeys: a request
-// repeated that late is answered again, which does no harm.
+// Requests answered lately, so that each is answered once although its
+// sender repeats it until the answer arrives. A request is known by a 64-bit
+// hash of "<endpoint> <number>": whatever the endpoints, a key costs the same
+// few bytes. Every handshake of every sender brings a new key, so keys are
+// forgotten kKeepMs after their answer, and the oldest first beyond kMaxKeys:
+// a request repeated that late is answered again, which does no harm.
 class answered_requests {
  public:
   static constexpr int64_t kKeepMs = 10 * 60 * 1000;
   static constexpr size_t kMaxKeys = 100000;
 
   // `now_ms` is a monotonic clock in milliseconds, never going back between calls.
-  bool contains(const std::string& key, int64_t now_ms);
-  void add(const std::string& key, int64_t now_ms);
+  bool contains(uint64_t key, int64_t now_ms);
+  void add(uint64_t key, int64_t now_ms);
   size_t size() const { return keys_.size(); }
 
  private:
   void forget_expired(int64_t now_ms);
-  void forget_oldest();
 
-  std::unordered_set<std::string> keys_;
-  // When each key was added, oldest first; the pointers stay valid while their
-  // key is in the set.
-  std::deque<std::pair<int64_t, const std::string*>> added_;
+  std::unordered_set<uint64_t> keys_;
+  std::deque<std::pair<int64_t, uint64_t>> added_;  // oldest first
 };
+
+// Whether a requester's endpoint may be connected to: "tcp://", a numeric
+// IPv4 address or a bracketed IPv6 one, ":" and a port, at most
+// kMaxEndpointSize bytes. A host name would be looked up on ZeroMQ's I/O
+// thread, where a slow name server would stall everything else.
+constexpr size_t kMaxEndpointSize = 256;
+bool valid_reply_endpoint(std::string_view endpoint);
 
 enum class message_kind {
   nothing,  // no message was waiting
@@ -95,7 +101,7 @@ class received_message {
 struct pub_ack_request {
   std::string endpoint;
   int32_t number = 0;
-  std::string key;  // "<endpoint> <number>"
+  uint64_t key = 0;  // see answered_requests
 };
 
 class result_receiver {
@@ -107,13 +113,13 @@ class result_receiver {
   // The request that receive() last returned as pub_ack.
   const pub_ack_request& request() const { return request_; }
 
-  // Connects back to the requester and sends it the request's number. Once
-  // answered, the request is not returned again while it is remembered.
-  void answer(const pub_ack_request& request);
+  // Once answered, a request is not returned again while it is remembered.
+  void mark_answered(const pub_ack_request& request);
 
  private:
   pub_ack_request request_;
   answered_requests answered_;
+  vorn::log::RateLimit endpoint_warnings_{10000};
 };
 
 // Appends the text form of the result to accumulate_output_dir + "/" + name.

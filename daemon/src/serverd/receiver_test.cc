@@ -2,6 +2,7 @@
 // 127.0.0.1, and the memory of answered acknowledgement requests.
 
 #include "daemon/src/serverd/receiver.h"
+#include "daemon/src/serverd/pub_ack_answerer.h"
 
 #include <sys/stat.h>
 
@@ -18,8 +19,7 @@ namespace {
 TEST(AnsweredRequestsTest, KeysAreForgottenAfterTenMinutesAndBeyondTheLimit) {
   const int64_t start = 5000;
   const int64_t later = start + answered_requests::kKeepMs;
-  // Short keys keep the million insertions quick; the class does not parse them.
-  auto key = [](int i) { return std::to_string(i); };
+  auto key = [](int i) { return static_cast<uint64_t>(i); };
   answered_requests answered;
   answered.add(key(-1), start);
   EXPECT_TRUE(answered.contains(key(-1), later - 1));
@@ -44,6 +44,7 @@ TEST(ReceiverTest, PubAckIsAnsweredOncePerEndpointAndNumber) {
   zsock_set_rcvtimeo(reply.get(), 10000);
   const std::string endpoint = vorn::czmq::last_endpoint(reply.get());
   result_receiver receiver;
+  pub_ack_answerer answerer;
   auto receive = [&](const std::vector<std::string>& frames) {
     zmsg_t* message = zmsg_new();
     zmsg_addstr(message, "ACCUMULATE");
@@ -69,17 +70,41 @@ TEST(ReceiverTest, PubAckIsAnsweredOncePerEndpointAndNumber) {
       {"a 3-byte number is an empty number", {"PUB_ACK", endpoint, "abc"}, "0"},
       {"another tag", {"PUB_ACK?", endpoint, number(7)}, nullptr},
       {"not a TCP endpoint", {"PUB_ACK", "ipc:///tmp/vorn-ack", number(7)}, nullptr},
+      {"a host name is never looked up", {"PUB_ACK", "tcp://localhost:1", number(7)}, nullptr},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.comment);
     ASSERT_EQ(receive(row.frames), row.answer ? message_kind::pub_ack : message_kind::ignored);
     if (row.answer != nullptr) {
-      receiver.answer(receiver.request());
+      ASSERT_TRUE(answerer.answer(receiver.request()));
+      receiver.mark_answered(receiver.request());
       vorn::czmq::String answer(zstr_recv(reply.get()));
       ASSERT_TRUE(answer);
       EXPECT_STREQ(answer.get(), row.answer);
       zstr_send(reply.get(), "");
     }
+  }
+}
+
+TEST(ReceiverTest, OnlyNumericTcpEndpointsAreAnswered) {
+  struct Row {
+    std::string endpoint;
+    bool valid;
+  } rows[] = {
+      {"tcp://127.0.0.1:5000", true},                           // IPv4
+      {"tcp://[::1]:5000", true},                               // bracketed IPv6
+      {"tcp://10.1.2.3:65535", true},                           // highest port
+      {"tcp://somehost:5000", false},                           // a name would be looked up
+      {"tcp://::1:5000", false},                                // IPv6 without brackets
+      {"tcp://127.0.0.1:0", false},                             // no port 0
+      {"tcp://127.0.0.1:65536", false},                         // port out of range
+      {"tcp://127.0.0.1:*", false},                             // a wildcard is for binding
+      {"tcp://127.0.0.1", false},                               // no port
+      {"udp://127.0.0.1:5000", false},                          // another transport
+      {"tcp://127.0.0.1:5000" + std::string(300, ' '), false},  // longer than 256 bytes
+  };
+  for (const Row& row : rows) {
+    EXPECT_EQ(valid_reply_endpoint(row.endpoint), row.valid) << row.endpoint;
   }
 }
 

@@ -6,6 +6,7 @@
 
 #include "util/czmq.h"
 #include "util/log.h"
+#include "util/str.h"
 
 namespace {
 
@@ -66,7 +67,9 @@ void result_writer::write_batch(std::unique_lock<std::mutex>& lock, uint64_t end
     if (store_ == nullptr) {
       dump_result(result, config_);
     } else if (!store_->write(result)) {
-      VORN_LOG(1) << "Error writing to database. Data lost!";
+      VORN_LOG(1) << "Error writing to database. Data lost! (data provider '"
+                  << vorn::str::printable(result.header.name) << "' from "
+                  << vorn::str::printable(result.header.hostname) << ")";
     }
     bytes += message.total_size();
     // A large output's buffer goes now, not when its slot comes round again.

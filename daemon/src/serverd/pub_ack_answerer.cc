@@ -1,0 +1,172 @@
+#include "daemon/src/serverd/pub_ack_answerer.h"
+
+#include <pthread.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+#include <zmq.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <string>
+#include <vector>
+
+#include "util/czmq.h"
+#include "util/log.h"
+
+namespace {
+
+constexpr const char* kLogSource = "daemon/src/serverd";
+// Lingering sockets count against the context's limit; the in-flight cap
+// keeps far below it.
+constexpr int kMaxSockets = 4096;
+
+struct connecting {
+  void* socket;
+  std::string number;  // as decimal text, as CZMQ's "i" picture sends it
+  int64_t deadline_ms;
+};
+
+void close_socket(void* socket, int linger_ms) {
+  zmq_setsockopt(socket, ZMQ_LINGER, &linger_ms, sizeof linger_ms);
+  zmq_close(socket);
+}
+
+}  // namespace
+
+pub_ack_answerer::pub_ack_answerer()
+    : context_(zmq_ctx_new()), wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+  if (context_ != nullptr) {
+    zmq_ctx_set(context_, ZMQ_MAX_SOCKETS, kMaxSockets);
+  }
+  if (context_ == nullptr || wake_.get() < 0) {
+    VORN_LOG(3) << "Cannot answer PUB_ACK requests " << vorn::log::sys_error(errno);
+    return;
+  }
+  thread_ = std::thread([this] { run(); });
+}
+
+pub_ack_answerer::~pub_ack_answerer() {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    stopping_ = true;
+  }
+  uint64_t one = 1;
+  if (wake_.get() >= 0 && ::write(wake_.get(), &one, sizeof one) < 0) {
+    // The counter cannot overflow with one write per stop; nothing to do.
+  }
+  if (thread_.joinable()) {
+    thread_.join();
+  }
+  if (context_ != nullptr) {
+    zmq_ctx_term(context_);
+  }
+}
+
+bool pub_ack_answerer::answer(const pub_ack_request& request) {
+  if (!thread_.joinable()) {
+    return false;
+  }
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (in_flight_ >= kMaxInFlight) {
+      return false;
+    }
+    ++in_flight_;
+    queued_.push_back(request);
+  }
+  uint64_t one = 1;
+  if (::write(wake_.get(), &one, sizeof one) < 0) {
+    // A full counter still wakes the thread.
+  }
+  return true;
+}
+
+void pub_ack_answerer::finished(size_t count) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  in_flight_ -= count;
+}
+
+void pub_ack_answerer::run() {
+  pthread_setname_np(pthread_self(), "vorn-pub-ack");
+  vorn::log::RateLimit socket_warnings(10000);
+  std::vector<connecting> open;
+  std::vector<zmq_pollitem_t> items;
+  for (;;) {
+    std::deque<pub_ack_request> fresh;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (stopping_) {
+        break;
+      }
+      fresh.swap(queued_);
+    }
+    size_t failed = 0;
+    for (const pub_ack_request& request : fresh) {
+      void* socket = zmq_socket(context_, ZMQ_REQ);
+      int immediate = 1;
+      if (socket == nullptr ||
+          zmq_setsockopt(socket, ZMQ_IMMEDIATE, &immediate, sizeof immediate) != 0 ||
+          zmq_connect(socket, request.endpoint.c_str()) != 0) {
+        int error = errno;
+        uint64_t suppressed = 0;
+        if (socket_warnings.allow(zclock_mono(), &suppressed)) {
+          VORN_LOG(4) << "Unable to create pub-ack socket " << vorn::log::sys_error(error)
+                      << (suppressed > 0 ? " (and " + std::to_string(suppressed) + " more)" : "");
+        }
+        if (socket != nullptr) {
+          close_socket(socket, 0);
+        }
+        ++failed;
+        continue;
+      }
+      open.push_back({socket, std::to_string(request.number), zclock_mono() + kAnswerTimeoutMs});
+    }
+    if (failed > 0) {
+      finished(failed);
+    }
+
+    items.clear();
+    items.push_back({nullptr, wake_.get(), ZMQ_POLLIN, 0});
+    int64_t now = zclock_mono();
+    int64_t wait_ms = -1;
+    for (const connecting& c : open) {
+      items.push_back({c.socket, 0, ZMQ_POLLOUT, 0});
+      int64_t left = c.deadline_ms > now ? c.deadline_ms - now : 0;
+      wait_ms = wait_ms < 0 ? left : std::min(wait_ms, left);
+    }
+    if (zmq_poll(items.data(), static_cast<int>(items.size()), static_cast<long>(wait_ms)) < 0 &&
+        errno != EINTR) {
+      break;
+    }
+    if (items[0].revents & ZMQ_POLLIN) {
+      uint64_t count;
+      if (::read(wake_.get(), &count, sizeof count) < 0) {
+        // Already cleared; the queue is looked at anyway.
+      }
+    }
+    now = zclock_mono();
+    size_t done = 0;
+    std::vector<connecting> still_open;
+    for (size_t i = 0; i < open.size(); ++i) {
+      connecting& c = open[i];
+      if (items[i + 1].revents & ZMQ_POLLOUT) {
+        zmq_send(c.socket, c.number.data(), c.number.size(), ZMQ_DONTWAIT);
+        close_socket(c.socket, kLingerMs);
+        ++done;
+      } else if (now >= c.deadline_ms) {
+        // Unreachable: its sender asks again.
+        close_socket(c.socket, 0);
+        ++done;
+      } else {
+        still_open.push_back(c);
+      }
+    }
+    open.swap(still_open);
+    if (done > 0) {
+      finished(done);
+    }
+  }
+  for (connecting& c : open) {
+    close_socket(c.socket, 0);
+  }
+}
