@@ -338,4 +338,77 @@ TEST_F(ServerdTest, RefusedRowsAreReportedOnceAndReceivingGoesOn) {
   EXPECT_EQ(rows, (std::vector<std::vector<std::string>>{{"before"}, {"after"}}));
 }
 
+// What a hostile or broken sender can send: a flood of requests naming an
+// endpoint that never answers, a message above max_message_size, and names
+// with control characters. None of it stops the server or costs the results
+// another sender sends meanwhile.
+TEST_F(ServerdTest, HostileSendersNeitherCrashNorCostGoodResults) {
+  auto server = start({"-d", "-c", write_config("<max_message_size>1048576</max_message_size>")});
+  ASSERT_TRUE(server->wait_for_err(kReady));
+  auto hostile = connect_sender();
+  auto good = connect_sender();
+  const std::string dead_endpoint =
+      "tcp://127.0.0.1:" + std::to_string(vorn::test::free_tcp_port());
+  constexpr int kRequests = 1500;
+  constexpr int kGood = 300;
+  int good_sent = 0;
+  for (int i = 0; i < kRequests; ++i) {
+    ASSERT_TRUE(send_pub_ack_request(hostile.get(), sender_config_, dead_endpoint, i));
+    if (i % (kRequests / kGood) == 0) {
+      ASSERT_EQ(send_result(vorn::test::sample_result("good", "x"), sender_config_, good.get()), 1);
+      ++good_sent;
+    }
+  }
+  ASSERT_EQ(
+      send_result(vorn::test::sample_result("evil\nforged line", "x"), sender_config_, good.get()),
+      1);
+  ++good_sent;
+  ASSERT_EQ(send_result(vorn::test::sample_result("huge", std::string(2 << 20, 'h')),
+                        sender_config_, hostile.get()),
+            1);
+  ASSERT_TRUE(vorn::test::wait_until([&] { return vorn::test::count_rows(db_path()) == good_sent; },
+                                     vorn::test::milliseconds(20000)))
+      << vorn::test::count_rows(db_path()) << " of " << good_sent;
+  // The flood is still being refused: the good sender is answered regardless.
+  EXPECT_TRUE(request_pub_ack(good.get(), sender_config_, "127.0.0.1", 20000));
+  server->send_signal(SIGTERM);
+  EXPECT_EQ(server->wait_exit(), 0);
+  zsock_set_linger(hostile.get(), 0);
+  const std::string err = server->err();
+  EXPECT_NE(err.find("Too many PUB_ACK requests at once"), std::string::npos);
+  EXPECT_NE(err.find("Received data provider 'evil\\x0aforged line'"), std::string::npos);
+  EXPECT_EQ(err.find("\nforged line"), std::string::npos) << "a log line was forged";
+  EXPECT_EQ(
+      vorn::test::query(db_path(), "SELECT count(*) FROM vorn_1 WHERE Provider = 'huge'")[0][0],
+      "0");
+}
+
+// Senders that never pause cannot keep a stopping server alive past
+// drain_timeout; what it received is stored.
+TEST_F(ServerdTest, DrainEndsAtItsDeadline) {
+  auto server = start({"-c", write_config("<drain_timeout>1</drain_timeout>")});
+  auto publisher = connect_sender();
+  std::atomic<bool> sending{true};
+  std::atomic<int> sent{0};
+  std::thread stream([&] {
+    while (sending) {
+      send_result(vorn::test::sample_result("stream", "x"), sender_config_, publisher.get());
+      ++sent;
+      std::this_thread::sleep_for(vorn::test::milliseconds(5));
+    }
+  });
+  ASSERT_TRUE(vorn::test::wait_until([&] { return vorn::test::count_rows(db_path()) > 0; },
+                                     vorn::test::milliseconds(10000)));
+  server->send_signal(SIGTERM);
+  int status = server->wait_exit(vorn::test::milliseconds(20000));
+  sending = false;
+  stream.join();
+  zsock_set_linger(publisher.get(), 0);
+  EXPECT_EQ(status, 0) << "still draining";
+  long rows = vorn::test::count_rows(db_path());
+  EXPECT_GT(rows, 0);
+  EXPECT_LE(rows, sent.load());
+  EXPECT_EQ(vorn::test::query(db_path(), "PRAGMA integrity_check")[0][0], "ok");
+}
+
 }  // namespace
