@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <pthread.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cctype>
@@ -125,7 +126,18 @@ class wal_checkpointer {
 
 namespace {
 
-std::unique_ptr<database> try_open_database(const daemon_config& config) {
+// Why a file could not be used as the store.
+enum class open_failure {
+  none,
+  unusable,  // not a database, corrupt, or a directory: to be moved aside
+  other,     // permissions, descriptors, locks: left as it is
+};
+
+bool unusable_error(int rc) {
+  return (rc & 0xff) == SQLITE_NOTADB || (rc & 0xff) == SQLITE_CORRUPT;
+}
+
+std::unique_ptr<database> try_open_database(const daemon_config& config, open_failure* failure) {
   const std::string& path = config.database_file;
   int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
   if (fd <= 0) {
@@ -134,17 +146,27 @@ std::unique_ptr<database> try_open_database(const daemon_config& config) {
       ::close(fd);
     }
     VORN_LOG(3) << "Error opening database file '" << path << "' " << vorn::log::sys_error(error);
+    *failure = fd < 0 && error == EISDIR ? open_failure::unusable : open_failure::other;
     return nullptr;
   }
   ::close(fd);
   auto store = std::make_unique<sqlite>(config);
   if (!store->usable()) {
     VORN_LOG(3) << "Could not initialize the database.";
+    *failure = unusable_error(store->open_error()) ? open_failure::unusable : open_failure::other;
     return nullptr;
   }
+  *failure = open_failure::none;
   return store;
 }
 
+bool exists(const std::string& path) {
+  struct stat st;
+  return ::lstat(path.c_str(), &st) == 0;
+}
+
+// "<file>.<YYYYMMDD>.bad", or with ".1", ".2", ... when that is taken: an
+// earlier bad file of the same day is never overwritten.
 std::string bad_file_name(const std::string& path) {
   std::string name = path;
   std::time_t now = std::time(nullptr);
@@ -155,7 +177,12 @@ std::string bad_file_name(const std::string& path) {
                   local.tm_mday);
     name += date;
   }
-  return name + ".bad";
+  name += ".bad";
+  std::string free_name = name;
+  for (int n = 1; exists(free_name); ++n) {
+    free_name = name + "." + std::to_string(n);
+  }
+  return free_name;
 }
 
 }  // namespace
@@ -172,7 +199,7 @@ sqlite::sqlite(const daemon_config& config) {
   // Large pages suit rows that carry kilobytes of output: fewer pages and
   // log frames per row. It takes effect only when the file is new.
   connection_->issueCommand("PRAGMA page_size=16384");
-  if (connection_->issueCommand(kCreateTable) != 0) {
+  if ((open_error_ = connection_->issueCommand(kCreateTable)) != 0) {
     VORN_LOG(3) << "Could not create table in the database: " << connection_->getLastErrorInfo();
     connection_.reset();
     return;
@@ -304,10 +331,14 @@ std::unique_ptr<database> open_database(const daemon_config* config) {
   if (config == nullptr || config->database_backend != database_backend_kind::sqlite3) {
     return nullptr;
   }
-  if (auto store = try_open_database(*config)) {
+  open_failure failure = open_failure::none;
+  if (auto store = try_open_database(*config, &failure)) {
     return store;
   }
-  if (config->run_mode != 0) {
+  // Only a file that cannot hold results is moved aside; a healthy one that
+  // cannot be opened just now (permissions, descriptors, a lock) is left
+  // alone, and the server does not start.
+  if (config->run_mode != 0 || failure != open_failure::unusable) {
     return nullptr;
   }
   const std::string& path = config->database_file;
@@ -317,5 +348,5 @@ std::unique_ptr<database> open_database(const daemon_config* config) {
     return nullptr;
   }
   VORN_LOG(4) << "Moved unusable database file '" << path << "' to '" << aside << "'";
-  return try_open_database(*config);
+  return try_open_database(*config, &failure);
 }

@@ -3,8 +3,10 @@
 //
 // open_database opens the configured SQLite file (in WAL mode with
 // synchronous=NORMAL: a committed row survives a crash of the process). A file
-// that cannot be used is moved aside to "<file>.<YYYYMMDD>.bad" and a fresh one
-// is started in its place.
+// that SQLite finds is not a database or is corrupt, or a directory in its
+// place, is moved aside to "<file>.<YYYYMMDD>.bad" (".bad.1", ".bad.2", ...
+// when that exists) and a fresh one is started in its place. Any other
+// failure leaves the file alone and yields no store.
 //
 // Rows written in quick succession share a transaction, which costs one
 // commit instead of hundreds. The store commits by itself every kMaxBatch
@@ -60,11 +62,14 @@ class sqlite : public database {
   bool write(const result_view& record) override;
   commit_result flush() override;
   bool usable() const { return connection_ != nullptr; }
+  // The SQLite code that made the store unusable; 0 when none is known.
+  int open_error() const { return open_error_; }
 
  private:
   storix1::Owned<storix1::Connection> connection_;
   std::unique_ptr<wal_checkpointer> checkpointer_;
   int uncommitted_ = 0;  // rows in the open transaction
+  int open_error_ = 0;
   bool in_transaction_ = false;
 };
 
