@@ -1,6 +1,8 @@
 #include "util/fs.h"
 
+#include <fcntl.h>
 #include <limits.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -89,8 +91,45 @@ bool make_path(const std::string& path) {
     VORN_LOG(3) << "path exists but is not accessible for writing: " << path;
     return false;
   }
-  std::string command = "mkdir -p " + path;
-  return std::system(command.c_str()) == 0;
+  if (path.empty()) {
+    VORN_LOG(3) << "cannot create a directory with an empty name";
+    return false;
+  }
+  // Every prefix that ends before a slash is a level; the whole path is the
+  // last one. Another process may make a level at the same moment, so EEXIST
+  // is success when a directory stands there.
+  for (size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
+    std::string level = path.substr(0, end);
+    if (level.back() != '/' && ::mkdir(level.c_str(), 0777) != 0) {
+      int error = errno;
+      struct stat st;
+      if (error != EEXIST || ::stat(level.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+        VORN_LOG(3) << "cannot create directory '" << level << "' " << vorn::log::sys_error(error);
+        return false;
+      }
+    }
+    if (end == std::string::npos) {
+      return true;
+    }
+  }
+}
+
+bool open_standard_descriptors() {
+  for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+    if (::fcntl(fd, F_GETFD) != -1 || errno != EBADF) {
+      continue;
+    }
+    // The lower descriptors are open by now, so open() returns `fd` itself.
+    int null_fd = ::open("/dev/null", O_RDWR);
+    if (null_fd < 0) {
+      return false;
+    }
+    if (null_fd != fd) {
+      ::dup2(null_fd, fd);
+      ::close(null_fd);
+    }
+  }
+  return true;
 }
 
 }  // namespace vorn::fs

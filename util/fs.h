@@ -2,8 +2,9 @@
 // Path helpers.
 //
 // selfpath and abspath only read process state; make_path creates directories
-// through the shell and is meant for the main thread during start-up and for
-// the provider runner's own thread.
+// with mkdir(2) and is meant for the main thread during start-up and for the
+// provider runner's own thread; open_standard_descriptors is for the first
+// line of main, before any thread or file exists.
 
 #include <unistd.h>
 
@@ -48,10 +49,16 @@ std::string selfpath();
 std::string abspath(const std::string& path);
 
 // Makes sure `path` exists as a writable directory. An existing path must be
-// writable by this process (logged otherwise); a missing one is created with
-// "mkdir -p" run by the shell, with the path unquoted: a path with blanks or
-// shell syntax makes the shell see several words, so such paths are not
-// supported.
+// writable by this process (logged otherwise); a missing one is created one
+// level at a time, as "mkdir -p" would, with mode 0777 less the umask. The
+// path is taken literally: blanks and shell syntax are ordinary characters.
+// A level that cannot be made is logged with the reason.
 bool make_path(const std::string& path);
+
+// Opens /dev/null onto each of descriptors 0, 1 and 2 that is closed, so that
+// no file the program opens later lands on one of them (where a stray printf
+// would write into it, or a check of "descriptor > 0" would take it for a
+// failure). False when /dev/null cannot be opened.
+bool open_standard_descriptors();
 
 }  // namespace vorn::fs

@@ -100,7 +100,8 @@ int next_process_number() {
 }
 }  // namespace
 
-Process::Process(const std::vector<std::string>& argv, const std::string& log_dir)
+Process::Process(const std::vector<std::string>& argv, const std::string& log_dir,
+                 const std::vector<int>& closed)
     : out_path_(log_dir + "/process" + std::to_string(next_process_number()) + ".out"),
       err_path_(out_path_.substr(0, out_path_.size() - 4) + ".err") {
   // Everything the child needs is made before fork: the test may have threads.
@@ -118,6 +119,14 @@ Process::Process(const std::vector<std::string>& argv, const std::string& log_di
     int err = ::open(err_path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     if (out < 0 || err < 0 || ::dup2(out, STDOUT_FILENO) < 0 || ::dup2(err, STDERR_FILENO) < 0) {
       ::_exit(126);
+    }
+    for (int fd : {out, err}) {
+      if (fd > STDERR_FILENO) {
+        ::close(fd);
+      }
+    }
+    for (int fd : closed) {
+      ::close(fd);
     }
     ::execvp(args[0], args.data());
     ::_exit(127);

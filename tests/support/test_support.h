@@ -58,10 +58,12 @@ std::string config_xml(const std::string& keys);
 
 // A program run with fork and exec; standard output and error go to files in
 // `log_dir`. A test that fails prints both. The process is killed, if still
-// running, when the object goes.
+// running, when the object goes. Descriptors in `closed` (0 to 2) are closed
+// in the child instead, as a careless supervisor or a shell's "<&-" leaves them.
 class Process {
  public:
-  Process(const std::vector<std::string>& argv, const std::string& log_dir);
+  Process(const std::vector<std::string>& argv, const std::string& log_dir,
+          const std::vector<int>& closed = {});
   Process(const Process&) = delete;
   Process& operator=(const Process&) = delete;
   ~Process();

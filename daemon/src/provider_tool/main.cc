@@ -15,6 +15,7 @@
 #include "daemon/src/provider/result.h"
 #include "daemon/src/provider/run.h"
 #include "daemon/src/startup/startup.h"
+#include "util/fs.h"
 #include "util/log.h"
 #include "util/node.h"
 #include "util/str.h"
@@ -206,6 +207,9 @@ int show(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (!vorn::fs::open_standard_descriptors()) {
+    return 1;
+  }
   vorn::log::LOG_OUTPUT = 0;
   if (argc < 2) {
     return usage(argv[0], 2);

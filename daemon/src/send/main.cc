@@ -15,6 +15,7 @@
 #include "daemon/src/provider/result.h"
 #include "daemon/src/provider/sender.h"
 #include "daemon/src/startup/startup.h"
+#include "util/fs.h"
 #include "util/host.h"
 #include "util/str.h"
 
@@ -41,6 +42,9 @@ bool is_local(const std::string& host) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (!vorn::fs::open_standard_descriptors()) {
+    return 1;
+  }
   std::string config_file = installation().config_file;
   std::string endpoint;
   std::string reply_host;
