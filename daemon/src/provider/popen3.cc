@@ -1,16 +1,26 @@
 #include "daemon/src/provider/popen3.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <fstream>
+#include <map>
+#include <mutex>
+#include <set>
+#include <thread>
+#include <vector>
 
 #include "daemon/src/provider/stop.h"
 #include "util/fs.h"
@@ -19,7 +29,7 @@
 namespace {
 
 constexpr const char* kLogSource = "daemon/src/provider";
-constexpr size_t kChunk = 4096;
+constexpr size_t kChunk = 65536;  // a whole pipe's worth per read
 constexpr short kEvents = POLLIN | POLLERR | POLLHUP | POLLNVAL;
 
 using vorn::fs::Fd;
@@ -53,21 +63,184 @@ using vorn::fs::Fd;
   ::_exit(127);
 }
 
-// Appends one chunk; returns the read's result.
-ssize_t read_chunk(int fd, std::string& into) {
-  char buffer[kChunk];
+// One output stream of the run: what is kept, and how much was not.
+struct Capture {
+  std::string& data;
+  int64_t& discarded;
+  int64_t limit;
+};
+
+// Appends one chunk, up to the limit; returns the read's result.
+ssize_t read_chunk(int fd, Capture into) {
+  static thread_local char buffer[kChunk];
   ssize_t n;
   do {
     n = ::read(fd, buffer, sizeof buffer);
   } while (n < 0 && errno == EINTR);
   if (n > 0) {
-    into.append(buffer, static_cast<size_t>(n));
+    int64_t room = std::max<int64_t>(0, into.limit - static_cast<int64_t>(into.data.size()));
+    int64_t kept = std::min<int64_t>(room, n);
+    into.data.append(buffer, static_cast<size_t>(kept));
+    into.discarded += n - kept;
   }
   return n;
 }
 
-void drain(int fd, std::string& into) {
+void drain(int fd, Capture into) {
   while (read_chunk(fd, into) > 0) {
+  }
+}
+
+void note_cut(popen3_job& job) {
+  const struct {
+    const char* stream;
+    int64_t discarded;
+  } streams[] = {{"output", job.stdout_discarded}, {"error", job.stderr_discarded}};
+  for (const auto& s : streams) {
+    if (s.discarded > 0) {
+      job.stderr_data += "vorn: standard " + std::string(s.stream) + " cut at " +
+                         std::to_string(job.max_output_size) + " bytes, " +
+                         std::to_string(s.discarded) + " bytes discarded\n";
+    }
+  }
+}
+
+// Process table: pid -> (parent pid, state letter), from /proc.
+std::map<pid_t, std::pair<pid_t, char>> processes() {
+  std::map<pid_t, std::pair<pid_t, char>> table;
+  DIR* dir = ::opendir("/proc");
+  if (dir == nullptr) {
+    return table;
+  }
+  while (const dirent* entry = ::readdir(dir)) {
+    char* end = nullptr;
+    long pid = std::strtol(entry->d_name, &end, 10);
+    if (pid <= 0 || *end != '\0') {
+      continue;
+    }
+    std::ifstream in(std::string("/proc/") + entry->d_name + "/stat");
+    std::string stat((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    // The command name in parentheses may hold anything, ")" included.
+    size_t close = stat.rfind(')');
+    if (close == std::string::npos || close + 4 >= stat.size()) {
+      continue;
+    }
+    char state = stat[close + 2];
+    long parent = std::strtol(stat.c_str() + close + 4, nullptr, 10);
+    table[static_cast<pid_t>(pid)] = {static_cast<pid_t>(parent), state};
+  }
+  ::closedir(dir);
+  return table;
+}
+
+std::set<pid_t> children_of_self(const std::map<pid_t, std::pair<pid_t, char>>& table) {
+  std::set<pid_t> children;
+  pid_t self = ::getpid();
+  for (const auto& [pid, info] : table) {
+    if (info.first == self) {
+      children.insert(pid);
+    }
+  }
+  return children;
+}
+
+// Runs in progress on any thread, and orphans of runs that ended, which are
+// ours to reap once they end.
+std::mutex runs_mutex;
+std::set<pid_t> running;
+std::set<pid_t> orphans;
+
+// Orphans land on the runner rather than on init, where they could no longer
+// be told apart from unrelated processes.
+void become_subreaper() {
+  static std::once_flag once;
+  std::call_once(once, [] {
+    if (::prctl(PR_SET_CHILD_SUBREAPER, 1) != 0) {
+      VORN_LOG(4) << "cannot become a child subreaper " << vorn::log::sys_error(errno)
+                  << "; processes a provider moves out of its group may outlive its time-out";
+    }
+  });
+}
+
+void reap_orphans() {
+  std::lock_guard<std::mutex> lock(runs_mutex);
+  for (auto it = orphans.begin(); it != orphans.end();) {
+    pid_t rc = ::waitpid(*it, nullptr, WNOHANG);
+    it = (rc == 0) ? std::next(it) : orphans.erase(it);
+  }
+}
+
+// The run's processes: `pid`, our children that were not there before it
+// started, and all their descendants; other runs in progress are left out.
+std::set<pid_t> members(pid_t pid, const std::set<pid_t>& before,
+                        const std::map<pid_t, std::pair<pid_t, char>>& table) {
+  std::set<pid_t> found = {pid};
+  std::lock_guard<std::mutex> lock(runs_mutex);
+  for (pid_t child : children_of_self(table)) {
+    if (before.count(child) == 0 && running.count(child) == 0) {
+      found.insert(child);
+    }
+  }
+  for (bool grew = true; grew;) {
+    grew = false;
+    for (const auto& [p, info] : table) {
+      if (found.count(info.first) != 0 && running.count(p) == 0 && found.insert(p).second) {
+        grew = true;
+      }
+    }
+  }
+  return found;
+}
+
+// SIGKILL for every process left of the run, until none lives and every one
+// that became our child is reaped. `pid` itself was dealt with by kill_child.
+void kill_descendants(pid_t pid, const std::set<pid_t>& before) {
+  pid_t self = ::getpid();
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+  for (;;) {
+    auto table = processes();
+    bool left = false;
+    for (pid_t p : members(pid, before, table)) {
+      auto it = table.find(p);
+      if (p == pid || it == table.end()) {
+        continue;
+      }
+      left = true;
+      if (it->second.second != 'Z') {
+        ::kill(p, SIGKILL);
+      }
+      if (it->second.first == self) {
+        ::waitpid(p, nullptr, WNOHANG);
+      }
+    }
+    if (!left) {
+      return;
+    }
+    if (std::chrono::steady_clock::now() > deadline) {
+      // Reaped by a later run once they end.
+      std::lock_guard<std::mutex> lock(runs_mutex);
+      for (pid_t child : children_of_self(table)) {
+        if (before.count(child) == 0 && child != pid) {
+          orphans.insert(child);
+        }
+      }
+      VORN_LOG(3) << "processes started by " << pid << " are still running after SIGKILL";
+      return;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+}
+
+// Children the run left behind when it ended in time: not killed (a provider
+// may start a service on purpose), only reaped later.
+void adopt_orphans(pid_t pid, const std::set<pid_t>& before) {
+  auto table = processes();
+  std::set<pid_t> now = children_of_self(table);
+  std::lock_guard<std::mutex> lock(runs_mutex);
+  for (pid_t child : now) {
+    if (before.count(child) == 0 && child != pid && running.count(child) == 0) {
+      orphans.insert(child);
+    }
   }
 }
 
@@ -115,6 +288,9 @@ pid_t kill_child(pid_t pid, int* status, double term_grace, double give_up) {
 }
 
 int popen3(popen3_job& job) {
+  become_subreaper();
+  reap_orphans();
+  const std::set<pid_t> before = children_of_self(processes());
   int out_pipe[2];
   int err_pipe[2];
   if (::pipe2(out_pipe, O_CLOEXEC) != 0) {
@@ -140,6 +316,10 @@ int popen3(popen3_job& job) {
   }
   // Set here too, so the group exists before the parent may signal it.
   ::setpgid(pid, pid);
+  {
+    std::lock_guard<std::mutex> lock(runs_mutex);
+    running.insert(pid);
+  }
   out_write.reset();
   err_write.reset();
   Fd child(open_pidfd(pid));
@@ -151,6 +331,8 @@ int popen3(popen3_job& job) {
                    {vorn::stop::stop_fd(), POLLIN, 0}};
   std::time_t start = std::time(nullptr);
   int rc = 0;
+  Capture out{job.stdout_data, job.stdout_discarded, job.max_output_size};
+  Capture err{job.stderr_data, job.stderr_discarded, job.max_output_size};
   for (;;) {
     double elapsed = std::difftime(std::time(nullptr), start);
     double wait_ms = (static_cast<double>(job.timeout) - elapsed) * 1000.0;
@@ -164,12 +346,12 @@ int popen3(popen3_job& job) {
       rc = -1;
       break;
     }
-    if ((fds[0].revents & POLLIN) && read_chunk(fds[0].fd, job.stdout_data) < 0) {
+    if ((fds[0].revents & POLLIN) && read_chunk(fds[0].fd, out) < 0) {
       VORN_LOG(3) << "error reading stdout pipe " << vorn::log::sys_error(errno);
       rc = -1;
       break;
     }
-    if ((fds[1].revents & POLLIN) && read_chunk(fds[1].fd, job.stderr_data) < 0) {
+    if ((fds[1].revents & POLLIN) && read_chunk(fds[1].fd, err) < 0) {
       VORN_LOG(3) << "error reading stderr pipe " << vorn::log::sys_error(errno);
       rc = -1;
       break;
@@ -186,8 +368,8 @@ int popen3(popen3_job& job) {
     // Without a pidfd the child is waited for without a time-out, as before.
     bool child_done = fds[2].fd < 0;
     if (out_done && err_done) {
-      drain(out_read.get(), job.stdout_data);
-      drain(err_read.get(), job.stderr_data);
+      drain(out_read.get(), out);
+      drain(err_read.get(), err);
       fds[0].fd = -1;
       fds[1].fd = -1;
       if (child_done) {
@@ -230,6 +412,21 @@ int popen3(popen3_job& job) {
                 << vorn::log::sys_error(errno);
     rc = -1;
   }
+  int wait_error = errno;  // the caller reports it when rc is -1
+  if (job.timed_out) {
+    kill_descendants(pid, before);
+  } else {
+    adopt_orphans(pid, before);
+  }
+  {
+    std::lock_guard<std::mutex> lock(runs_mutex);
+    running.erase(pid);
+    if (waited == 0) {
+      orphans.insert(pid);  // given up on for now; a later run reaps it
+    }
+  }
+  note_cut(job);
+  errno = wait_error;
   job.exit_status = (status & 0xff00) >> 8;
   job.pid = waited;
   job.duration = elapsed;

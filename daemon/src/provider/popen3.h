@@ -4,14 +4,24 @@
 //
 // The child leads a process group of its own, with standard input on
 // /dev/null; when the time is up, or the daemon is asked to stop, the whole
-// group gets SIGTERM, then SIGKILL three seconds later, so nothing the command
-// started outlives it. The time-out holds also for a command that closes its
-// output and keeps running. Output is read as it comes, without limit and
-// without busy waiting.
+// group gets SIGTERM, then SIGKILL three seconds later. A process that left
+// the group (setsid, setpgid) is still found: the calling process becomes a
+// child subreaper on the first run, so whatever the command orphans is
+// re-parented to it, and every remaining descendant of the run gets SIGKILL
+// once the group is dealt with. The time-out holds also for a command that
+// closes its output and keeps running. Output is read as it comes, without
+// busy waiting; past max_output_size per stream it is read and thrown away,
+// so that the command never blocks on a full pipe and memory stays bounded.
 //
-// Thread safety: a call touches only its job; it blocks the calling thread
-// for the run: at most the time-out plus about 11 seconds of the kill
-// sequence.
+// Orphans of runs that ended in time are left running and reaped, once they
+// end, by a later run. Every child of the calling process that appears while
+// a run is in progress counts as the run's, so a program that calls popen3
+// must not start other processes of its own meanwhile (the daemons start no
+// others).
+//
+// Thread safety: a call touches only its job and the shared list of orphans,
+// which a lock guards; it blocks the calling thread for the run: at most the
+// time-out plus about 16 seconds of the kill sequence.
 
 #include <sys/types.h>
 
@@ -23,6 +33,11 @@ struct popen3_job {
   std::string stderr_data;  // bytes as read, in arrival order
   std::string stdout_data;
   int64_t timeout = 0;  // seconds
+  // Bytes kept of each stream. The rest is counted here, and a line saying so
+  // ends stderr_data.
+  int64_t max_output_size = int64_t{16} << 20;
+  int64_t stdout_discarded = 0;
+  int64_t stderr_discarded = 0;
   double duration = 0;  // whole seconds, measured with time()
   int32_t pid = -2;     // the final wait's result: child pid, 0 given up, -1 failed
   int32_t exit_status = -2;

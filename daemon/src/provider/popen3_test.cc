@@ -3,12 +3,13 @@
 #include "daemon/src/provider/popen3.h"
 
 #include <signal.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
-#include <fstream>
 #include <sstream>
 
 #include "tests/support/test_support.h"
@@ -22,10 +23,11 @@ struct Ran {
   double seconds;
 };
 
-Ran run(const std::string& command, int64_t timeout) {
+Ran run(const std::string& command, int64_t timeout, int64_t max_output_size = int64_t{16} << 20) {
   Ran out;
   out.job.command = command;
   out.job.timeout = timeout;
+  out.job.max_output_size = max_output_size;
   auto start = std::chrono::steady_clock::now();
   testing::internal::CaptureStderr();
   out.rc = popen3(out.job);
@@ -34,30 +36,60 @@ Ran run(const std::string& command, int64_t timeout) {
   return out;
 }
 
-// No live process of the command's group is left (zombies that nobody reaps
-// in a container do not count).
-bool group_gone(pid_t group) {
+struct Stat {
+  int pid;
+  char state;
+  int parent;
+  int process_group;
+  std::string command_line;  // arguments joined by blanks
+};
+
+std::vector<Stat> processes() {
+  std::vector<Stat> table;
   for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
     std::string name = entry.path().filename();
     if (name.find_first_not_of("0123456789") != std::string::npos) {
       continue;
     }
-    std::ifstream in(entry.path() / "stat");
-    std::string stat((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    std::string stat = vorn::test::read_file(entry.path() / "stat");
     size_t close = stat.rfind(')');
     if (close == std::string::npos) {
       continue;
     }
-    std::istringstream fields(stat.substr(close + 2));
-    char state;
-    int parent;
-    int process_group;
-    fields >> state >> parent >> process_group;
-    if (process_group == group && state != 'Z') {
+    Stat s{std::stoi(name), 0, 0, 0, vorn::test::read_file(entry.path() / "cmdline")};
+    std::replace(s.command_line.begin(), s.command_line.end(), '\0', ' ');
+    std::istringstream(stat.substr(close + 2)) >> s.state >> s.parent >> s.process_group;
+    table.push_back(s);
+  }
+  return table;
+}
+
+// No live process of the command's group is left (zombies that nobody reaps
+// in a container do not count).
+bool group_gone(pid_t group) {
+  for (const Stat& s : processes()) {
+    if (s.process_group == group && s.state != 'Z') {
       return false;
     }
   }
   return true;
+}
+
+bool running(const std::string& command_line) {
+  for (const Stat& s : processes()) {
+    if (s.command_line.find(command_line) != std::string::npos && s.state != 'Z') {
+      return true;
+    }
+  }
+  return false;
+}
+
+int zombie_children() {
+  int n = 0;
+  for (const Stat& s : processes()) {
+    n += s.parent == getpid() && s.state == 'Z';
+  }
+  return n;
 }
 
 TEST(Popen3Test, CapturesOutputAndExitStatus) {
@@ -102,28 +134,100 @@ TEST(Popen3Test, TimeOutKillsTheWholeGroup) {
     const char* command;
     double min_seconds;
     double max_seconds;
+    int64_t timeout = 1;
   } rows[] = {
       {"a command that sleeps", "echo started; sleep 30", 1, 3},
       {"children in the background", "sleep 30 & sleep 30 & wait", 1, 3},
       {"the command ends but leaves a child holding the pipes", "(sleep 30 &); echo done", 1, 3},
       {"a command that closes its output and runs on", "exec >/dev/null 2>&-; sleep 30", 1, 3},
+      {"both pipes closed at once: the time-out still ends it", "exec >/dev/null 2>&1; sleep 12", 2,
+       4, 2},
       {"a command that ignores SIGTERM gets SIGKILL after 3 s", "trap '' TERM; sleep 30", 4.5, 7},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.comment);
-    Ran r = run(row.command, 1);
+    Ran r = run(row.command, row.timeout);
     EXPECT_EQ(r.rc, 0);
     EXPECT_TRUE(r.job.timed_out);
     EXPECT_EQ(r.log, std::string("The following command has timed out and will be killed: ") +
                          row.command + "\n");
-    EXPECT_GE(r.job.duration, 1);
-    EXPECT_LE(r.job.duration, 2);
+    EXPECT_GE(r.job.duration, row.timeout);
+    EXPECT_LE(r.job.duration, row.timeout + 1);
     EXPECT_GE(r.seconds, row.min_seconds);
     EXPECT_LE(r.seconds, row.max_seconds);
     ASSERT_GT(r.job.pid, 0);
     EXPECT_TRUE(vorn::test::wait_until([&] { return group_gone(r.job.pid); },
                                        vorn::test::milliseconds(2000)));
     EXPECT_EQ(r.job.exit_status, 0);
+  }
+}
+
+// Processes that leave the group, alone or with a parent of their own, are
+// found through the subreaper and killed with the rest.
+TEST(Popen3Test, NothingStartedSurvivesTheTimeOut) {
+  const std::string tag = std::to_string(getpid());
+  struct Row {
+    const char* comment;
+    std::string command;
+    std::string survivor;
+  } rows[] = {
+      {"a session of its own, holding the pipes", "setsid sleep 200.1" + tag + " & echo started",
+       "sleep 200.1" + tag},
+      {"a session whose leader waits for its child",
+       "setsid sh -c 'sleep 200.2" + tag + " & wait' & echo started", "sleep 200.2" + tag},
+      {"a double fork in a new session, with the pipes closed",
+       "setsid sh -c 'sleep 200.3" + tag + " >/dev/null 2>&1 &'; sleep 30", "sleep 200.3" + tag},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.comment);
+    Ran r = run(row.command, 1);
+    EXPECT_TRUE(r.job.timed_out);
+    EXPECT_LE(r.seconds, 3);
+    EXPECT_FALSE(running(row.survivor));
+    EXPECT_EQ(zombie_children(), 0);
+  }
+}
+
+// A process a run leaves behind when it ends in time is not killed, but once
+// it ends it is reaped, not kept as a zombie of the runner.
+TEST(Popen3Test, OrphansOfARunAreReaped) {
+  Ran first = run("(sleep 0.3 >/dev/null 2>&1 &); true", 30);
+  EXPECT_FALSE(first.job.timed_out);
+  ASSERT_TRUE(
+      vorn::test::wait_until([] { return zombie_children() == 1; }, vorn::test::milliseconds(5000)))
+      << "the orphan was re-parented to the runner";
+  run("true", 30);
+  EXPECT_EQ(zombie_children(), 0);
+}
+
+// Past the limit, output is read and thrown away; a line at the end of
+// standard error says how much.
+TEST(Popen3Test, OutputIsCappedPerStream) {
+  const std::string note = "vorn: standard output cut at 1000000 bytes, ";
+  struct Row {
+    const char* command;
+    int64_t timeout;
+    size_t out_size;
+    std::string err_prefix;  // followed by the count of bytes and " bytes discarded\n"
+  } rows[] = {
+      {"head -c 1000000 /dev/zero", 30, 1000000, ""},  // exactly the limit: nothing cut
+      {"head -c 3000000 /dev/zero", 30, 1000000, note + "2000000"},  // standard output
+      {"head -c 3000000 /dev/zero >&2", 30, 0,
+       std::string(1000000, '\0') + "vorn: standard error cut at 1000000 bytes, 2000000"},
+      {"yes", 1, 1000000, note},  // without end: bounded until the time-out
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.command);
+    Ran r = run(row.command, row.timeout, 1000000);
+    EXPECT_EQ(r.job.timed_out, row.timeout == 1);
+    EXPECT_EQ(r.job.stdout_data.size(), row.out_size);
+    if (row.err_prefix.empty()) {
+      EXPECT_EQ(r.job.stderr_data, "");
+      continue;
+    }
+    EXPECT_EQ(r.job.stderr_data.substr(0, row.err_prefix.size()), row.err_prefix);
+    std::string rest = r.job.stderr_data.substr(row.err_prefix.size());
+    EXPECT_EQ(rest.substr(rest.find_first_not_of("0123456789")), " bytes discarded\n") << rest;
   }
 }
 

@@ -60,6 +60,7 @@ int run_provider(provider& record, const daemon_config& config, provider_result&
   }
   popen3_job job;
   job.timeout = scale_timeout(record.timeout, num_nodes, record.timeout_scale);
+  job.max_output_size = config.max_output_size;
   job.command = provider_command_line(record, config, environment, job.timeout);
   int rc = popen3(job);
   if (job.stopped) {

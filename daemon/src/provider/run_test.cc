@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/results.h"
 #include "tests/support/test_support.h"
 #include "util/str.h"
 
@@ -84,6 +85,42 @@ TEST(RunProviderTest, ClusterRunFillsTheResultAndItsOutputFile) {
   EXPECT_EQ(vorn::test::read_file(path), std::string(reinterpret_cast<const char*>(&h), 456) +
                                              "90 v w\nalpha\n" + std::string("e\0", 2) +
                                              "alpha, beta, gamma");
+}
+
+// The node's max_output_size reaches the runner, and the cut is noted in the
+// stored standard error.
+TEST(RunProviderTest, OutputCapFromTheConfiguration) {
+  daemon_config config;
+  config.max_output_size = 1000000;
+  provider p = make_provider("zeros", "head -c 3000000 /dev/zero");
+  provider_result result;
+  ASSERT_EQ(run_provider(p, config, result, ""), 1);
+  EXPECT_EQ(result.stdout_data, std::string(1000000, '\0'));
+  EXPECT_EQ(result.stderr_data,
+            "vorn: standard output cut at 1000000 bytes, 2000000 bytes discarded\n");
+  EXPECT_EQ(result.header.stdout_size, 1000000u);
+  EXPECT_EQ(result.header.stderr_size, result.stderr_data.size());
+}
+
+// The output directory is made without a shell: blanks and shell syntax are
+// parts of its name, never run.
+TEST(RunProviderTest, OutputDirectoryNameIsTakenLiterally) {
+  TempDir dir;
+  const std::string directory = dir / "a b/x$(touch " + (dir / "PWNED") + ")/`id`;c";
+  provider_result result = vorn::test::sample_result("probe", "out");
+  std::string path;
+  ASSERT_EQ(write_output_file(result, directory, &path), 1);
+  EXPECT_EQ(path.rfind(directory + "/probe.", 0), 0u) << path;
+  EXPECT_EQ(access((dir / "PWNED").c_str(), F_OK), -1);
+
+  // A plain file where a level should be stops it, and is named.
+  vorn::test::write_file(dir / "file", "x");
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(write_output_file(result, dir / "file/sub"), 0);
+  std::string log = testing::internal::GetCapturedStderr();
+  EXPECT_NE(log.find("cannot create directory '" + (dir / "file") + "' (17): File exists"),
+            std::string::npos)
+      << log;
 }
 
 }  // namespace
