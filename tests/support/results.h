@@ -76,11 +76,12 @@ inline std::vector<std::vector<std::string>> query(const std::string& db_path,
   return rows;
 }
 
-// Runs one statement that changes the database, as another process would;
-// false on failure.
+// Runs statements that change the database (creating it if need be), as
+// another process would; false on failure.
 inline bool execute(const std::string& db_path, const std::string& sql) {
   sqlite3* db = nullptr;
-  bool done = sqlite3_open_v2(db_path.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr) == SQLITE_OK;
+  bool done = sqlite3_open_v2(db_path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE,
+                              nullptr) == SQLITE_OK;
   sqlite3_busy_timeout(db, 10000);
   done = done && sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr) == SQLITE_OK;
   sqlite3_close(db);

@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <fstream>
 #include <thread>
 
@@ -409,6 +410,34 @@ TEST_F(ServerdTest, DrainEndsAtItsDeadline) {
   EXPECT_GT(rows, 0);
   EXPECT_LE(rows, sent.load());
   EXPECT_EQ(vorn::test::query(db_path(), "PRAGMA integrity_check")[0][0], "ok");
+}
+
+// Started with standard descriptors closed, the server must not open its
+// database on descriptor 0 (which counts as a failure and would move a
+// healthy file aside), however often it is started so.
+TEST_F(ServerdTest, ClosedStandardDescriptorsLeaveTheDatabaseAlone) {
+  ASSERT_EQ(mkdir((dir_ / "db").c_str(), 0755), 0);
+  ASSERT_TRUE(vorn::test::execute(db_path(), "CREATE TABLE kept (x); INSERT INTO kept VALUES (1)"));
+  struct Row {
+    const char* comment;
+    std::vector<int> closed;
+  } rows[] = {
+      {"standard input closed", {0}},
+      {"again: a backup made by the first start would be overwritten now", {0}},
+      {"standard input and output closed", {0, 1}},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.comment);
+    Process server({kServerd, "-d", "-c", write_config()}, dir_.path(), row.closed);
+    ASSERT_TRUE(server.wait_for_err(kReady));
+    server.send_signal(SIGTERM);
+    EXPECT_EQ(server.wait_exit(), 0);
+    EXPECT_EQ(vorn::test::query(db_path(), "SELECT x FROM kept"),
+              (std::vector<std::vector<std::string>>{{"1"}}));
+    for (const auto& entry : std::filesystem::directory_iterator(dir_ / "db")) {
+      EXPECT_EQ(entry.path().filename().string().find(".bad"), std::string::npos) << "moved aside";
+    }
+  }
 }
 
 }  // namespace
