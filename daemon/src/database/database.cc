@@ -10,12 +10,14 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <mutex>
 #include <string>
 #include <string_view>
 #include <thread>
 
+#include "daemon/src/database/latest.h"
 #include "util/czmq.h"
 #include "util/log.h"
 #include "util/str.h"
@@ -137,6 +139,24 @@ bool unusable_error(int rc) {
   return (rc & 0xff) == SQLITE_NOTADB || (rc & 0xff) == SQLITE_CORRUPT;
 }
 
+// Failures that may pass: another process's lock, a full disk, a disk or
+// file system failing for a while. Rows that meet one are kept and retried.
+bool may_pass(int rc) {
+  switch (rc & 0xff) {
+    case SQLITE_BUSY:
+    case SQLITE_LOCKED:
+    case SQLITE_FULL:
+    case SQLITE_IOERR:
+    case SQLITE_NOMEM:
+    case SQLITE_CANTOPEN:
+    case SQLITE_READONLY:
+    case SQLITE_PROTOCOL:
+      return true;
+    default:
+      return false;
+  }
+}
+
 std::unique_ptr<database> try_open_database(const daemon_config& config, open_failure* failure) {
   const std::string& path = config.database_file;
   int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
@@ -192,7 +212,7 @@ sqlite::sqlite(const daemon_config& config) {
   if (!connection_) {
     return;
   }
-  if (connection_->setBusyTimeout(config.database_busy_timeout_ms) != 0) {
+  if (connection_->setBusyTimeout(config.database_busy_timeout_ms, &give_up_at_) != 0) {
     VORN_LOG(4) << "Could not set busy timeout value for database. "
                 << "Concurrent writes may fail.";
   }
@@ -203,6 +223,13 @@ sqlite::sqlite(const daemon_config& config) {
     VORN_LOG(3) << "Could not create table in the database: " << connection_->getLastErrorInfo();
     connection_.reset();
     return;
+  }
+  // Rows that reached the file without this server (an older one, a hand-made
+  // insert) are summarised once here.
+  if (connection_->issueCommand(vorn::latest::kCreateTable) != 0 ||
+      connection_->issueCommand(vorn::latest::kCatchUp) != 0) {
+    VORN_LOG(4) << "Could not bring table vorn_latest up to date: "
+                << connection_->getLastErrorInfo();
   }
   // Committed rows survive a crash of the process, at a fraction of the cost
   // of syncing every row; see README.md, Performance.
@@ -223,16 +250,74 @@ sqlite::sqlite(const daemon_config& config) {
 }
 
 sqlite::~sqlite() {
-  if (connection_) {
-    flush();
-    if (in_transaction_) {
-      VORN_LOG(1) << "Database still busy at shutdown. " << uncommitted_ << " stored results lost!";
-    }
+  if (connection_ && flush() != commit_result::committed) {
+    VORN_LOG(1) << "Database unavailable at shutdown (" << last_error_ << "). Stored results lost!";
   }
   checkpointer_.reset();
 }
 
+void sqlite::give_up_waiting_at(int64_t mono_ms) {
+  give_up_at_.store(mono_ms, std::memory_order_relaxed);
+}
+
+void sqlite::roll_back(std::string error) {
+  last_error_ = std::move(error);
+  if (connection_->inTransaction()) {
+    connection_->issueCommand("ROLLBACK");
+  }
+  in_transaction_ = false;
+  uncommitted_ = 0;
+  latest_.clear();
+}
+
+bool sqlite::write_latest() {
+  if (latest_.empty()) {
+    return true;
+  }
+  storix1::DataWriter* raw = nullptr;
+  int rc = connection_->getDataWriter(vorn::latest::kUpsert, &raw);
+  storix1::Owned<storix1::DataWriter> upsert(raw);
+  for (auto it = latest_.begin(); rc == 0 && it != latest_.end(); ++it) {
+    // The key is "provider\0host\0option set", and a string ends in a NUL.
+    const char* provider = it->first.c_str();
+    const char* host = provider + std::strlen(provider) + 1;
+    const char* option_id = host + std::strlen(host) + 1;
+    int64_t rowid = it->second;
+    upsert->bindParam(0, storix1::kText, 8, &provider);
+    upsert->bindParam(1, storix1::kText, 8, &host);
+    upsert->bindParam(2, storix1::kText, 8, &option_id);
+    upsert->bindParam(3, storix1::kInt64, 8, &rowid);
+    rc = upsert->writeData();
+  }
+  latest_.clear();
+  if (rc == 0) {
+    return true;
+  }
+  const char* error = upsert ? upsert->getLastErrorInfo() : connection_->getLastErrorInfo();
+  if (may_pass(rc)) {
+    std::string text = std::string("updating vorn_latest: ") + error;
+    upsert.reset();
+    roll_back(std::move(text));
+    return false;
+  }
+  // The rows matter more than their summary: they are committed all the same.
+  static vorn::log::RateLimit warnings(600000);
+  uint64_t suppressed = 0;
+  if (warnings.allow(zclock_mono(), &suppressed)) {
+    VORN_LOG(4) << "Could not update table vorn_latest: " << error;
+  }
+  return true;
+}
+
 commit_result sqlite::flush() {
+  if (transaction_lost_) {
+    transaction_lost_ = false;
+    last_error_ = "the transaction was rolled back by a refused row";
+    return commit_result::retry;
+  }
+  if (!write_latest()) {
+    return commit_result::retry;
+  }
   if (!in_transaction_) {
     return commit_result::committed;
   }
@@ -242,29 +327,41 @@ commit_result sqlite::flush() {
     uncommitted_ = 0;
     return commit_result::committed;
   }
-  // A database that another process keeps busy leaves the transaction open
-  // for the next attempt.
-  if ((rc & 0xff) == SQLITE_BUSY || (rc & 0xff) == SQLITE_LOCKED) {
-    VORN_LOG(4) << "Database commit postponed: " << connection_->getLastErrorInfo();
-    return commit_result::postponed;
+  std::string error = std::string("commit: ") + connection_->getLastErrorInfo();
+  if (may_pass(rc)) {
+    roll_back(std::move(error));
+    return commit_result::retry;
   }
-  VORN_LOG(1) << "Database commit error: " << connection_->getLastErrorInfo() << ". "
-              << uncommitted_ << " stored results lost!";
-  connection_->issueCommand("ROLLBACK");
-  in_transaction_ = false;
-  uncommitted_ = 0;
+  VORN_LOG(1) << "Database commit error: " << error << ". " << uncommitted_
+              << " stored results lost!";
+  roll_back(std::move(error));
   return commit_result::lost;
 }
 
-bool sqlite::write(const result_view& record) {
+write_status sqlite::write(const result_view& record) {
+  if (transaction_lost_) {
+    transaction_lost_ = false;
+    last_error_ = "the transaction was rolled back by a refused row";
+    return write_status::retry;
+  }
   if (!in_transaction_) {
+    int rc = connection_->issueCommand("BEGIN");
+    if (rc != 0 && may_pass(rc)) {
+      roll_back(std::string("begin: ") + connection_->getLastErrorInfo());
+      return write_status::retry;
+    }
     // Without a transaction each row commits on its own: slower, not wrong.
-    in_transaction_ = connection_->issueCommand("BEGIN") == 0;
+    in_transaction_ = rc == 0;
   }
   storix1::DataWriter* raw = nullptr;
-  if (connection_->getDataWriter(kInsert, &raw) != 0) {
-    VORN_LOG(3) << "Database writer creation error: " << connection_->getLastErrorInfo();
-    return false;
+  if (int rc = connection_->getDataWriter(kInsert, &raw); rc != 0) {
+    if (may_pass(rc)) {
+      roll_back(std::string("prepare: ") + connection_->getLastErrorInfo());
+      return write_status::retry;
+    }
+    last_error_ = connection_->getLastErrorInfo();
+    VORN_LOG(3) << "Database writer creation error: " << last_error_;
+    return write_status::refused;
   }
   storix1::Owned<storix1::DataWriter> writer(raw);
   const result_header& h = record.header;
@@ -300,31 +397,60 @@ bool sqlite::write(const result_view& record) {
   using storix1::kInt64;
   using storix1::kReal;
   using storix1::kText;
-  writer->bindParam(0, kText, 8, &provider);
-  writer->bindParam(1, kText, 8, &hostname);
-  writer->bindParam(2, kInt32, 4, &num_nodes);
-  writer->bindParam(3, kText, 8, &node_names);
-  writer->bindParam(4, kInt32, 4, &exit_status);
-  writer->bindParam(5, kInt32, 4, &timestamp);
-  writer->bindParam(6, kReal, 8, &duration);
-  writer->bindParam(7, kInt32, 4, &encoding);
-  writer->bindParam(8, kInt64, 8, &out_size);
-  writer->bindParam(9, kBlob, static_cast<size_t>(out_size), out);
-  writer->bindParam(10, kInt64, 8, &err_size);
-  writer->bindParam(11, kBlob, static_cast<size_t>(err_size), err);
-  writer->bindParam(12, kText, 8, &option_id);
-  writer->bindParam(13, kInt32, 4, &version);
-
-  if (writer->writeData() != 0) {
-    VORN_LOG(3) << "Database insertion error: " << writer->getLastErrorInfo();
-    // Some errors roll the whole transaction back; commit what survived.
-    flush();
-    return false;
+  // A value that cannot be bound (an output past SQLite's limit) would be
+  // stored as NULL: the row is refused instead.
+  int rc = 0;
+  auto bind = [&](int index, storix1::ColumnType type, size_t size, const void* value) {
+    if (rc == 0) {
+      rc = writer->bindParam(index, type, size, value);
+    }
+  };
+  bind(0, kText, 8, &provider);
+  bind(1, kText, 8, &hostname);
+  bind(2, kInt32, 4, &num_nodes);
+  bind(3, kText, 8, &node_names);
+  bind(4, kInt32, 4, &exit_status);
+  bind(5, kInt32, 4, &timestamp);
+  bind(6, kReal, 8, &duration);
+  bind(7, kInt32, 4, &encoding);
+  bind(8, kInt64, 8, &out_size);
+  bind(9, kBlob, static_cast<size_t>(out_size), out);
+  bind(10, kInt64, 8, &err_size);
+  bind(11, kBlob, static_cast<size_t>(err_size), err);
+  bind(12, kText, 8, &option_id);
+  bind(13, kInt32, 4, &version);
+  if (rc == 0) {
+    rc = writer->writeData();
   }
-  if (in_transaction_ && ++uncommitted_ >= kMaxBatch) {
-    return flush() != commit_result::lost;
+  if (rc != 0 && may_pass(rc)) {
+    std::string error = std::string("insert: ") + writer->getLastErrorInfo();
+    writer.reset();
+    roll_back(std::move(error));
+    return write_status::retry;
   }
-  return true;
+  if (rc != 0) {
+    last_error_ = writer->getLastErrorInfo();
+    VORN_LOG(3) << "Database insertion error: " << last_error_;
+    // A trigger may roll the whole transaction back; the rows written before
+    // this one must then be written again.
+    if (in_transaction_ && !connection_->inTransaction()) {
+      in_transaction_ = false;
+      uncommitted_ = 0;
+      latest_.clear();
+      transaction_lost_ = true;
+    }
+    return write_status::refused;
+  }
+  key_.assign(provider);
+  key_.push_back('\0');
+  key_.append(hostname);
+  key_.push_back('\0');
+  key_.append(option_id);
+  latest_[key_] = connection_->lastInsertRowid();
+  if (in_transaction_) {
+    ++uncommitted_;
+  }
+  return write_status::written;
 }
 
 std::unique_ptr<database> open_database(const daemon_config* config) {

@@ -8,32 +8,48 @@
 // when that exists) and a fresh one is started in its place. Any other
 // failure leaves the file alone and yields no store.
 //
-// Rows written in quick succession share a transaction, which costs one
-// commit instead of hundreds. The store commits by itself every kMaxBatch
-// (1000) rows; its writer (daemon/src/serverd/result_writer.h) calls flush
-// when the stream pauses, at the latest 100 ms after the first row of the
-// transaction, and before a PUB_ACK is answered. A commit that another
-// process's lock postpones leaves the rows in the open transaction for the
-// next attempt.
+// Rows are written into an open transaction and committed together when the
+// caller flushes: one commit for hundreds of rows. Its writer
+// (daemon/src/serverd/result_writer.h) flushes when the stream pauses, at the
+// latest 100 ms after the first row of the transaction, and before a PUB_ACK
+// is answered. The same transaction keeps table vorn_latest (latest.h) up to
+// date, so readers find each key's newest row without a scan.
+//
+// A failure that may pass (SQLITE_BUSY after the busy time-out, a full disk,
+// an I/O error) rolls the open transaction back and is reported as
+// write_status::retry or commit_result::retry: every row since the last
+// commit must be written again, later. A row that the database refuses for
+// good (a constraint, a row too big) is write_status::refused and does not
+// disturb the others.
 //
 // Copying the write-ahead log back into the database file (a checkpoint, with
 // its fsyncs) happens on a thread of the store's own with its own connection,
 // so the receiving thread never waits for it.
 //
 // Thread safety: the object is owned by the entry routine; write and flush
-// are called from one thread at a time. Never carry an open store across
-// fork().
+// are called from one thread at a time; give_up_waiting_at from any. Never
+// carry an open store across fork().
 
+#include <atomic>
+#include <cstdint>
 #include <memory>
+#include <string>
+#include <unordered_map>
 
 #include "daemon/src/config/config.h"
 #include "daemon/src/database/storix1.h"
 #include "daemon/src/provider/result.h"
 
+enum class write_status {
+  written,  // in the open transaction
+  refused,  // never to be written: the reason is last_error()
+  retry,    // not now; the open transaction was rolled back (last_error())
+};
+
 enum class commit_result {
   committed,  // every row written so far is durable
-  postponed,  // the database is busy; the rows wait in the open transaction
-  lost,       // the transaction was rolled back (logged)
+  retry,      // not now; the open transaction was rolled back (last_error())
+  lost,       // the file cannot hold them any more: rolled back (logged)
 };
 
 class database {
@@ -43,34 +59,53 @@ class database {
   database& operator=(const database&) = delete;
   virtual ~database() = default;
 
-  // Stores one result; false on any failure (already logged). The outputs
-  // are bound where they lie, not copied.
-  virtual bool write(const result_view& record) = 0;
+  // Writes one result into the open transaction. The outputs are bound
+  // where they lie, not copied.
+  virtual write_status write(const result_view& record) = 0;
 
   // Commits every result written so far.
   virtual commit_result flush() { return commit_result::committed; }
+
+  // Why the last write or flush did not succeed.
+  virtual std::string last_error() const { return {}; }
+
+  // A wait for another process's lock ends by `mono_ms` (zclock_mono) at the
+  // latest, whatever the busy time-out: a stopping server does not wait out
+  // a minute.
+  virtual void give_up_waiting_at(int64_t /*mono_ms*/) {}
 };
 
 class wal_checkpointer;
 
 class sqlite : public database {
  public:
-  static constexpr int kMaxBatch = 1000;
-
   explicit sqlite(const daemon_config& config);
   ~sqlite() override;
-  bool write(const result_view& record) override;
+  write_status write(const result_view& record) override;
   commit_result flush() override;
+  std::string last_error() const override { return last_error_; }
+  void give_up_waiting_at(int64_t mono_ms) override;
   bool usable() const { return connection_ != nullptr; }
   // The SQLite code that made the store unusable; 0 when none is known.
   int open_error() const { return open_error_; }
 
  private:
+  // Ends the open transaction after a failure that may pass.
+  void roll_back(std::string error);
+  // Brings vorn_latest up to the rows of the open transaction.
+  bool write_latest();
+
   storix1::Owned<storix1::Connection> connection_;
   std::unique_ptr<wal_checkpointer> checkpointer_;
   int uncommitted_ = 0;  // rows in the open transaction
   int open_error_ = 0;
   bool in_transaction_ = false;
+  std::string last_error_;
+  bool transaction_lost_ = false;  // a refused row took the transaction with it
+  std::string key_;
+  // Newest rowid of each "provider\0host\0option set" in the open transaction.
+  std::unordered_map<std::string, int64_t> latest_;
+  std::atomic<int64_t> give_up_at_{0};
 };
 
 // None when the backend is not sqlite3 or the file cannot be used even after

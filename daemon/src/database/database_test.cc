@@ -11,6 +11,7 @@
 
 #include "tests/support/results.h"
 #include "tests/support/test_support.h"
+#include "util/czmq.h"
 
 namespace {
 
@@ -30,8 +31,8 @@ TEST_F(DatabaseTest, WritesOneRowPerResultWithEveryColumn) {
   auto store = open_database(&config_);
   ASSERT_TRUE(store);
   provider_result binary = sample_result("probe", vorn::test::all_bytes(), "", "n1, n2");
-  ASSERT_TRUE(store->write(binary));
-  ASSERT_TRUE(store->write(sample_result("quiet", "")));
+  ASSERT_EQ(store->write(binary), write_status::written);
+  ASSERT_EQ(store->write(sample_result("quiet", "")), write_status::written);
   store.reset();
 
   auto rows = query(config_.database_file,
@@ -65,7 +66,7 @@ TEST_F(DatabaseTest, Base64OutputIsStoredDecoded) {
   for (const Row& row : rows) {
     provider_result r = sample_result(row.comment, row.out, "ZXJy");
     r.header.encoding = 1;
-    ASSERT_TRUE(store->write(r));
+    ASSERT_EQ(store->write(r), write_status::written);
   }
   store.reset();
   auto got = query(config_.database_file,
@@ -79,15 +80,17 @@ TEST_F(DatabaseTest, Base64OutputIsStoredDecoded) {
   }
 }
 
-// A reader elsewhere keeps a database in rollback-journal mode from
-// committing: the rows wait in the transaction instead of being lost.
-TEST_F(DatabaseTest, CommitBlockedByAnotherConnectionIsPostponed) {
+// Another connection's lock, on the commit (a reader in rollback-journal
+// mode) and on the write itself (a writer in WAL mode): the open
+// transaction is rolled back and reported as one to retry, never lost, and
+// rows written again once the lock is gone are committed.
+TEST_F(DatabaseTest, LockedDatabaseAsksForARetry) {
   ASSERT_TRUE(open_database(&config_));
   sqlite3* raw = nullptr;
   ASSERT_EQ(sqlite3_open(config_.database_file.c_str(), &raw), SQLITE_OK);
-  std::unique_ptr<sqlite3, int (*)(sqlite3*)> reader(raw, sqlite3_close);
+  std::unique_ptr<sqlite3, int (*)(sqlite3*)> other(raw, sqlite3_close);
   auto run = [&](const char* sql) {
-    return sqlite3_exec(reader.get(), sql, nullptr, nullptr, nullptr);
+    return sqlite3_exec(other.get(), sql, nullptr, nullptr, nullptr);
   };
   ASSERT_EQ(run("PRAGMA journal_mode=DELETE"), SQLITE_OK);
   // Held while the store opens, so that it cannot switch to write-ahead logging.
@@ -96,12 +99,50 @@ TEST_F(DatabaseTest, CommitBlockedByAnotherConnectionIsPostponed) {
   auto store = open_database(&config_);
   ASSERT_TRUE(store);
   ASSERT_EQ(run("COMMIT"), SQLITE_OK);
-  ASSERT_TRUE(store->write(sample_result("waiting", "x")));
+  ASSERT_EQ(store->write(sample_result("waiting", "x")), write_status::written);
   ASSERT_EQ(run("BEGIN; SELECT count(*) FROM vorn_1"), SQLITE_OK);
-  EXPECT_EQ(store->flush(), commit_result::postponed);
+  EXPECT_EQ(store->flush(), commit_result::retry);
+  EXPECT_NE(store->last_error().find("locked"), std::string::npos) << store->last_error();
   ASSERT_EQ(run("COMMIT"), SQLITE_OK);
   EXPECT_EQ(store->flush(), commit_result::committed);
+  EXPECT_EQ(vorn::test::count_rows(config_.database_file), 0) << "the rolled-back row came back";
+  ASSERT_EQ(store->write(sample_result("waiting", "x")), write_status::written);
+  EXPECT_EQ(store->flush(), commit_result::committed);
   EXPECT_EQ(vorn::test::count_rows(config_.database_file), 1);
+  store.reset();
+
+  // A busy time-out of a minute, cut short by a deadline.
+  config_.database_busy_timeout_ms = 60000;
+  store = open_database(&config_);
+  ASSERT_TRUE(store);
+  ASSERT_EQ(run("PRAGMA journal_mode=WAL"), SQLITE_OK);
+  ASSERT_EQ(run("BEGIN IMMEDIATE"), SQLITE_OK);
+  store->give_up_waiting_at(zclock_mono() + 200);
+  EXPECT_EQ(store->write(sample_result("blocked", "x")), write_status::retry);
+  ASSERT_EQ(run("COMMIT"), SQLITE_OK);
+}
+
+// vorn_latest names each key's newest row, also for rows that reached the
+// file without the store, once the store opens it again.
+TEST_F(DatabaseTest, LatestRowOfEachKeyIsKept) {
+  auto store = open_database(&config_);
+  ASSERT_TRUE(store);
+  for (const char* name : {"cpu", "mem", "cpu", "disk", "cpu"}) {
+    ASSERT_EQ(store->write(sample_result(name, "x")), write_status::written);
+  }
+  ASSERT_EQ(store->flush(), commit_result::committed);
+  const char* latest = "SELECT Provider, last_rowid FROM vorn_latest ORDER BY Provider";
+  using Rows = std::vector<std::vector<std::string>>;
+  EXPECT_EQ(query(config_.database_file, latest),
+            (Rows{{"cpu", "5"}, {"disk", "4"}, {"mem", "2"}}));
+  store.reset();
+  ASSERT_TRUE(vorn::test::execute(config_.database_file,
+                                  "INSERT INTO vorn_1 (Provider, Hostname) VALUES ('mem', NULL)"));
+  ASSERT_TRUE(open_database(&config_));
+  EXPECT_EQ(query(config_.database_file,
+                  "SELECT Provider, Hostname, last_rowid FROM vorn_latest"
+                  " WHERE last_rowid = 6"),
+            (Rows{{"mem", "", "6"}}));
 }
 
 TEST_F(DatabaseTest, UnusableFileIsMovedAsideAndReplaced) {
@@ -131,7 +172,7 @@ TEST_F(DatabaseTest, UnusableFileIsMovedAsideAndReplaced) {
     auto store = open_database(&config_);
     std::string log = testing::internal::GetCapturedStderr();
     ASSERT_TRUE(store) << log;
-    EXPECT_TRUE(store->write(sample_result("after", "x")));
+    EXPECT_EQ(store->write(sample_result("after", "x")), write_status::written);
     store.reset();
     EXPECT_EQ(vorn::test::count_rows(config_.database_file), 1);
     struct stat st;

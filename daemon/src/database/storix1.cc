@@ -1,5 +1,7 @@
 #include "daemon/src/database/storix1.h"
 
+#include <time.h>
+
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -45,8 +47,43 @@ int newConnection(const char* path, int flags, const char* vfs, Connection** con
   return 0;
 }
 
-int Connection::setBusyTimeout(int milliseconds) {
-  int rc = sqlite3_busy_timeout(db_.get(), milliseconds);
+namespace {
+
+int64_t monotonic_ms() {
+  timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+}
+
+}  // namespace
+
+int Connection::on_busy(void* wait, int attempt) {
+  constexpr int64_t kStepMs = 20;
+  auto* busy = static_cast<BusyWait*>(wait);
+  int64_t now = monotonic_ms();
+  if (attempt == 0) {
+    busy->started_ms = now;
+  }
+  int64_t until = busy->started_ms + busy->timeout_ms;
+  if (busy->give_up_at != nullptr) {
+    int64_t limit = busy->give_up_at->load(std::memory_order_relaxed);
+    if (limit != 0 && limit < until) {
+      until = limit;
+    }
+  }
+  if (now >= until) {
+    return 0;
+  }
+  // Short steps, so that a deadline moved meanwhile is seen soon.
+  int64_t step = until - now < kStepMs ? until - now : kStepMs;
+  sqlite3_sleep(static_cast<int>(step));
+  return 1;
+}
+
+int Connection::setBusyTimeout(int milliseconds, const std::atomic<int64_t>* give_up_at) {
+  busy_.timeout_ms = milliseconds > 0 ? milliseconds : 0;
+  busy_.give_up_at = give_up_at;
+  int rc = sqlite3_busy_handler(db_.get(), &Connection::on_busy, &busy_);
   if (rc != SQLITE_OK) {
     setLastError(sqlite3_errmsg(db_.get()));
   }

@@ -19,7 +19,9 @@
 
 #include <sqlite3.h>
 
+#include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -79,7 +81,13 @@ class Connection : public Handle {
   // Writers kept for reuse; one per SQL text is what a steady writer needs.
   static constexpr size_t kMaxIdleWriters = 8;
 
-  int setBusyTimeout(int milliseconds);
+  // Waits for another connection's lock for `milliseconds` at most, and
+  // never past *give_up_at when that is set (CLOCK_MONOTONIC milliseconds,
+  // as zclock_mono; 0 for no limit), which any thread may move.
+  int setBusyTimeout(int milliseconds, const std::atomic<int64_t>* give_up_at = nullptr);
+  int64_t lastInsertRowid() const { return sqlite3_last_insert_rowid(db_.get()); }
+  // False also after an error that rolled the transaction back by itself.
+  bool inTransaction() const { return sqlite3_get_autocommit(db_.get()) == 0; }
   // Runs one statement; rows it may yield are discarded.
   int issueCommand(const char* sql);
   int getDataWriter(const char* sql, DataWriter** writer);
@@ -97,7 +105,15 @@ class Connection : public Handle {
   ~Connection() override = default;
   void take_back(DataWriter* writer);
 
+  struct BusyWait {
+    int timeout_ms = 0;
+    const std::atomic<int64_t>* give_up_at = nullptr;
+    int64_t started_ms = 0;
+  };
+  static int on_busy(void* wait, int attempt);
+
   std::unique_ptr<sqlite3, Close> db_;
+  BusyWait busy_;
   // Declared after db_, so that the statements are finalized first.
   std::vector<std::unique_ptr<DataWriter, Destroy>> idle_writers_;
 };

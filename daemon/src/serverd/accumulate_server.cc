@@ -20,6 +20,9 @@ namespace {
 
 constexpr const char* kLogSource = "daemon/src/serverd";
 constexpr int kPollMs = 100;
+// How long a stopping server keeps trying a database in trouble, at least.
+constexpr int64_t kLastAttemptMs = 1000;
+
 // Messages ZeroMQ keeps for each sender while the writer's queue is full.
 constexpr int kReceiveQueue = 100;
 
@@ -143,7 +146,7 @@ bool run_accumulate_server(daemon_options& options, const daemon_config& config,
     // Only CZMQ's interrupt flag (the second stop signal) stops at once.
     if (zsys_interrupted) {
       VORN_LOG(5) << "Received SIGINT / SIGTERM. Cleaning up and stopping...";
-      return true;
+      break;
     }
     if (!options.running) {
       // Senders that never pause must not keep a stopping server alive.
@@ -153,7 +156,7 @@ bool run_accumulate_server(daemon_options& options, const daemon_config& config,
       } else if (now - stop_seen_ms >= int64_t{config.drain_timeout} * 1000) {
         VORN_LOG(5) << "Stopping after draining for " << config.drain_timeout
                     << " s; results still arriving stay with their senders";
-        return true;
+        break;
       }
     }
     if (slot != nullptr && more_waiting) {
@@ -185,7 +188,7 @@ bool run_accumulate_server(daemon_options& options, const daemon_config& config,
     int ready = zmq_poll(&item, 1, wait_ms);
     if (ready < 0 && zmq_errno() == ETERM) {
       VORN_LOG(5) << "Received SIGINT / SIGTERM. Cleaning up and stopping...";
-      return true;
+      break;
     }
     if (ready > 0) {
       more_waiting = true;
@@ -193,7 +196,13 @@ bool run_accumulate_server(daemon_options& options, const daemon_config& config,
     } else if (!options.running && slot != nullptr && zclock_mono() - last_message_ms >= kPollMs) {
       // A stopping server returns once its socket has been quiet for kPollMs;
       // the writer stores what is queued before it goes.
-      return true;
+      break;
     }
   }
+  // What was received is stored before the server goes; a database in
+  // trouble gets until the drain's deadline, and one more attempt at least.
+  int64_t now = zclock_mono();
+  int64_t deadline = stop_seen_ms >= 0 ? stop_seen_ms + int64_t{config.drain_timeout} * 1000 : now;
+  writer.finish(std::max(deadline, now + kLastAttemptMs));
+  return true;
 }

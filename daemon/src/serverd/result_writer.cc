@@ -2,7 +2,9 @@
 
 #include <pthread.h>
 
+#include <algorithm>
 #include <chrono>
+#include <limits>
 
 #include "util/czmq.h"
 #include "util/log.h"
@@ -11,23 +13,52 @@
 namespace {
 
 constexpr const char* kLogSource = "daemon/src/serverd";
+constexpr int64_t kNoDeadline = std::numeric_limits<int64_t>::max();
+// How often a stopping server looks for the second stop signal.
+constexpr int kInterruptCheckMs = 50;
 
 }  // namespace
 
 result_writer::result_writer(database* store, const daemon_config& config)
-    : store_(store), config_(config), slots_(kSlots), thread_([this] { run(); }) {}
+    : store_(store), config_(config), slots_(kSlots), refused_(kSlots, false), thread_([this] {
+        run();
+      }) {}
 
 result_writer::~result_writer() {
+  finish(kNoDeadline);
+}
+
+void result_writer::finish(int64_t deadline_ms) {
   {
-    std::lock_guard<std::mutex> lock(mutex_);
-    stopping_ = true;
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (!stopping_) {
+      stopping_ = true;
+      deadline_ms_ = deadline_ms;
+      if (store_ != nullptr && deadline_ms != kNoDeadline) {
+        store_->give_up_waiting_at(deadline_ms);
+      }
+    }
+    work_.notify_one();
+    while (!finished_) {
+      done_.wait_for(lock, std::chrono::milliseconds(kInterruptCheckMs));
+      if (zsys_interrupted && !finished_ && deadline_ms_ > zclock_mono()) {
+        // A second stop signal: what the database takes now is stored, the
+        // rest stays with its senders.
+        deadline_ms_ = zclock_mono();
+        if (store_ != nullptr) {
+          store_->give_up_waiting_at(deadline_ms_);
+        }
+        work_.notify_one();
+      }
+    }
   }
-  work_.notify_one();
-  thread_.join();
+  if (thread_.joinable()) {
+    thread_.join();
+  }
 }
 
 received_message* result_writer::free_slot_locked() {
-  bool room = head_ - tail_ < kSlots && (queued_bytes_ < kMaxQueuedBytes || head_ == tail_);
+  bool room = head_ - released_ < kSlots && (queued_bytes_ < kMaxQueuedBytes || head_ == released_);
   return room ? &slots_[head_ % kSlots] : nullptr;
 }
 
@@ -57,56 +88,125 @@ void result_writer::request_commit(uint64_t sequence) {
   }
 }
 
-void result_writer::write_batch(std::unique_lock<std::mutex>& lock, uint64_t end) {
-  uint64_t begin = tail_;
+bool result_writer::write_batch(std::unique_lock<std::mutex>& lock, uint64_t end) {
+  uint64_t begin = written_;
   lock.unlock();
   size_t bytes = 0;
-  for (uint64_t i = begin; i < end; ++i) {
-    received_message& message = slots_[i % kSlots];
+  std::string error;
+  uint64_t i = begin;
+  for (; i < end; ++i) {
+    size_t slot = i % kSlots;
+    received_message& message = slots_[slot];
+    if (refused_[slot]) {
+      bytes += message.total_size();
+      continue;
+    }
     result_view result = message.result();
     if (store_ == nullptr) {
       dump_result(result, config_);
-    } else if (!store_->write(result)) {
-      VORN_LOG(1) << "Error writing to database. Data lost! (data provider '"
-                  << vorn::str::printable(result.header.name) << "' from "
-                  << vorn::str::printable(result.header.hostname) << ")";
+    } else {
+      write_status status = store_->write(result);
+      if (status == write_status::retry) {
+        error = store_->last_error();
+        break;
+      }
+      if (status == write_status::refused) {
+        // Logged once: a rewind skips it.
+        refused_[slot] = true;
+        VORN_LOG(1) << "Error writing to database. Data lost! (data provider '"
+                    << vorn::str::printable(result.header.name) << "' from "
+                    << vorn::str::printable(result.header.hostname) << ")";
+      }
     }
     bytes += message.total_size();
-    // A large output's buffer goes now, not when its slot comes round again.
-    message.clear();
   }
   lock.lock();
-  tail_ = end;
-  queued_bytes_ -= bytes;
-  written_ += end - begin;
+  if (i < end) {
+    trouble(lock, error);
+    return false;
+  }
+  if (written_ == released_ && begin < end) {
+    first_uncommitted_ms_ = zclock_mono();
+  }
+  written_ = end;
+  uncommitted_bytes_ += bytes;
   if (store_ == nullptr) {
     // A text dump is as durable as it gets once written.
-    committed_.store(written_, std::memory_order_release);
-  } else if (!uncommitted_) {
-    uncommitted_ = true;
-    first_uncommitted_ms_ = zclock_mono();
+    commit(lock);
+  }
+  return true;
+}
+
+void result_writer::commit(std::unique_lock<std::mutex>& lock) {
+  uint64_t begin = released_;
+  uint64_t end = written_;
+  lock.unlock();
+  // A commit that fails for good has said so itself, with the count lost.
+  commit_result result = store_ != nullptr ? store_->flush() : commit_result::committed;
+  std::string error;
+  if (result == commit_result::retry) {
+    error = store_->last_error();
+  } else {
+    for (uint64_t i = begin; i < end; ++i) {
+      slots_[i % kSlots].clear();
+      refused_[i % kSlots] = false;
+    }
+  }
+  lock.lock();
+  if (result == commit_result::retry) {
+    trouble(lock, error);
+    return;
+  }
+  if (in_trouble_) {
+    in_trouble_ = false;
+    VORN_LOG(5) << "Database writable again after "
+                << (zclock_mono() - trouble_since_ms_ + 500) / 1000
+                << " s; the results kept meanwhile are stored";
+  }
+  released_ = end;
+  queued_bytes_ -= uncommitted_bytes_;
+  uncommitted_bytes_ = 0;
+  committed_.store(end, std::memory_order_release);
+}
+
+void result_writer::trouble(std::unique_lock<std::mutex>&, const std::string& error) {
+  int64_t now = zclock_mono();
+  if (!in_trouble_) {
+    in_trouble_ = true;
+    trouble_since_ms_ = now;
+    retry_delay_ms_ = kFirstRetryMs;
+    VORN_LOG(3) << "Database unavailable (" << error << "): keeping " << head_ - released_
+                << " received results and retrying; receiving pauses while the queue is full";
+  } else {
+    retry_delay_ms_ = std::min(retry_delay_ms_ * 2, kMaxRetryMs);
+  }
+  retry_at_ms_ = now + retry_delay_ms_;
+  // The database rolled the transaction back: everything since the last
+  // commit is written again.
+  written_ = released_;
+  uncommitted_bytes_ = 0;
+}
+
+bool result_writer::wait_for_retry(std::unique_lock<std::mutex>& lock) {
+  for (;;) {
+    int64_t now = zclock_mono();
+    if (stopping_ && now >= deadline_ms_) {
+      return false;
+    }
+    if (now >= retry_at_ms_) {
+      return true;
+    }
+    int64_t until = stopping_ ? std::min(retry_at_ms_, deadline_ms_) : retry_at_ms_;
+    work_.wait_for(lock, std::chrono::milliseconds(until - now));
   }
 }
 
-bool result_writer::commit(std::unique_lock<std::mutex>& lock) {
-  lock.unlock();
-  commit_result result = store_->flush();
-  lock.lock();
-  switch (result) {
-    case commit_result::postponed:
-      postponed_ = true;
-      postponed_ms_ = zclock_mono();
-      return false;
-    case commit_result::lost:
-      VORN_LOG(1) << "Error writing to database. Data lost!";
-      break;
-    case commit_result::committed:
-      break;
-  }
-  uncommitted_ = false;
-  postponed_ = false;
-  committed_.store(written_, std::memory_order_release);
-  return true;
+bool result_writer::should_commit(int64_t now) const {
+  bool requested = commit_requested_ > committed() && written_ >= commit_requested_;
+  // Slots come back only with their commit: the receiving thread must not
+  // find the ring full of rows that merely wait for it.
+  bool half_full = written_ - released_ >= kSlots / 2 || uncommitted_bytes_ >= kMaxQueuedBytes / 2;
+  return requested || half_full || now - first_uncommitted_ms_ >= kMaxBatchMs;
 }
 
 void result_writer::run() {
@@ -114,41 +214,28 @@ void result_writer::run() {
   pthread_setname_np(pthread_self(), "vorn-writer");
   std::unique_lock<std::mutex> lock(mutex_);
   for (;;) {
-    if (head_ != tail_) {
-      write_batch(lock, head_);
+    if (in_trouble_ && !wait_for_retry(lock)) {
+      VORN_LOG(1) << "Stopping with " << head_ - released_
+                  << " received results not stored (database unavailable); their senders "
+                     "were not acknowledged and keep them";
+      break;
     }
-    bool empty = head_ == tail_;
-    if (!uncommitted_) {
+    if (head_ != written_ && !write_batch(lock, head_)) {
+      continue;
+    }
+    bool empty = head_ == written_;
+    if (written_ == released_) {
       if (empty && stopping_) {
-        return;
+        break;
       }
       if (empty) {
         writer_waiting_ = true;
-        work_.wait(lock, [this] { return head_ != tail_ || stopping_; });
+        work_.wait(lock, [this] { return head_ != written_ || stopping_; });
         writer_waiting_ = false;
       }
       continue;
     }
-    int64_t now = zclock_mono();
-    if (postponed_) {
-      // Each attempt waits out the busy time-out; a stop does not wait for
-      // a lock that another process holds, the store tries once more as it
-      // closes.
-      if (empty && stopping_) {
-        return;
-      }
-      if (now - postponed_ms_ >= kMaxBatchMs) {
-        commit(lock);
-      } else if (empty) {
-        writer_waiting_ = true;
-        work_.wait_for(lock, std::chrono::milliseconds(kMaxBatchMs - (now - postponed_ms_)),
-                       [this] { return head_ != tail_ || stopping_; });
-        writer_waiting_ = false;
-      }
-      continue;
-    }
-    bool requested = commit_requested_ > committed() && written_ >= commit_requested_;
-    if (requested || now - first_uncommitted_ms_ >= kMaxBatchMs || (empty && stopping_)) {
+    if (should_commit(zclock_mono()) || (empty && stopping_)) {
       commit(lock);
       continue;
     }
@@ -156,7 +243,7 @@ void result_writer::run() {
       // A pause in the stream ends the group.
       writer_waiting_ = true;
       bool more = work_.wait_for(lock, std::chrono::milliseconds(kPauseMs), [this] {
-        return head_ != tail_ || stopping_ || commit_requested_ > committed();
+        return head_ != written_ || stopping_ || commit_requested_ > committed();
       });
       writer_waiting_ = false;
       if (!more) {
@@ -164,4 +251,6 @@ void result_writer::run() {
       }
     }
   }
+  finished_ = true;
+  done_.notify_all();
 }

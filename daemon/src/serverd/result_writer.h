@@ -3,9 +3,17 @@
 // bounded ring with received messages and queues them; this thread writes
 // them, in the order queued, to the database (or as text dumps when there is
 // none), and commits them in groups: when the stream pauses for kPauseMs,
-// kMaxBatchMs after the first uncommitted row at the latest, and at once when
-// asked to. Receiving and storing thus overlap, and no output is copied
-// between its frame and its row.
+// kMaxBatchMs after the first uncommitted row at the latest, when half the
+// ring waits for its commit, and at once when asked to. Receiving and
+// storing thus overlap, and no output is copied between its frame and its
+// row.
+//
+// A slot is given back only once its row is committed. When the database
+// fails in a way that may pass (busy, disk full, I/O error), the rows since
+// the last commit stay in their slots and are written again with back-off
+// (kFirstRetryMs, doubling up to kMaxRetryMs), logged once when the trouble
+// starts and once when it ends. Meanwhile the ring fills and receiving
+// stops. Only a row that the database refuses for good is reported lost.
 //
 // Every queued result gets the next sequence number, from 1. committed()
 // is the number up to which every result is committed or reported lost:
@@ -16,8 +24,8 @@
 // slot: the receiving thread stops reading and ZeroMQ's own queues, then the
 // senders, wait. Memory stays bounded however fast the senders are.
 //
-// Thread safety: free_slot, push, request_commit and the destructor are for
-// the receiving thread alone; committed for any.
+// Thread safety: free_slot, push, request_commit, finish and the destructor
+// are for the receiving thread alone; committed for any.
 
 #include <atomic>
 #include <condition_variable>
@@ -25,6 +33,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -38,12 +47,18 @@ class result_writer {
   static constexpr size_t kMaxQueuedBytes = size_t{16} << 20;
   static constexpr int kPauseMs = 2;
   static constexpr int64_t kMaxBatchMs = 100;
+  static constexpr int64_t kFirstRetryMs = 100;
+  static constexpr int64_t kMaxRetryMs = 5000;
 
   // `store` may be null: results then go to text dumps.
   result_writer(database* store, const daemon_config& config);
   result_writer(const result_writer&) = delete;
   result_writer& operator=(const result_writer&) = delete;
-  // Writes and commits what is queued, then ends the thread.
+  // Writes and commits what is queued, then ends the thread; a database in
+  // trouble is retried until `deadline_ms` (zclock_mono) at most, or until
+  // CZMQ's interrupt flag (a second stop signal) is set.
+  void finish(int64_t deadline_ms);
+  // finish() without a deadline, unless it ran.
   ~result_writer();
 
   // The slot to receive the next message into, or null while the queue is
@@ -61,32 +76,45 @@ class result_writer {
 
  private:
   void run();
-  // Writes slots [tail_, end) with the lock released.
-  void write_batch(std::unique_lock<std::mutex>& lock, uint64_t end);
-  // Commits the rows written; false when the database postponed it.
-  bool commit(std::unique_lock<std::mutex>& lock);
+  // Writes slots [written_, end) with the lock released; false when the
+  // database is in trouble.
+  bool write_batch(std::unique_lock<std::mutex>& lock, uint64_t end);
+  // Commits the rows written and gives their slots back.
+  void commit(std::unique_lock<std::mutex>& lock);
+  // Rewinds to the last commit and schedules the next attempt.
+  void trouble(std::unique_lock<std::mutex>& lock, const std::string& error);
+  // Waits (with the lock) until the next attempt is due; false when the
+  // stop deadline passed first.
+  bool wait_for_retry(std::unique_lock<std::mutex>& lock);
+  bool should_commit(int64_t now) const;
   received_message* free_slot_locked();
 
   database* const store_;
   const daemon_config& config_;
   std::vector<received_message> slots_;
-  uint64_t queued_ = 0;  // receiving thread only
+  std::vector<bool> refused_;  // per slot: refused for good, skipped by a rewind
+  uint64_t queued_ = 0;        // receiving thread only
 
   std::mutex mutex_;
   std::condition_variable work_;
-  uint64_t head_ = 0;  // slots queued, ever
-  uint64_t tail_ = 0;  // slots written, ever
+  std::condition_variable done_;
+  uint64_t head_ = 0;      // slots queued, ever
+  uint64_t released_ = 0;  // slots committed and given back, ever
   size_t queued_bytes_ = 0;
   bool writer_waiting_ = false;
   uint64_t commit_requested_ = 0;
   bool stopping_ = false;
+  int64_t deadline_ms_ = 0;  // with stopping_: when to give up retrying
+  bool finished_ = false;
 
   // The writing thread's own record of what awaits its commit.
-  uint64_t written_ = 0;
-  bool uncommitted_ = false;
+  uint64_t written_ = 0;  // slots written into the open transaction, ever
+  size_t uncommitted_bytes_ = 0;
   int64_t first_uncommitted_ms_ = 0;
-  bool postponed_ = false;
-  int64_t postponed_ms_ = 0;
+  bool in_trouble_ = false;
+  int64_t trouble_since_ms_ = 0;
+  int64_t retry_delay_ms_ = 0;
+  int64_t retry_at_ms_ = 0;
   std::atomic<uint64_t> committed_{0};
 
   std::thread thread_;

@@ -1,12 +1,17 @@
 // Black-box tests of the vorn-serverd binary: each test writes a configuration
 // into a fresh directory, starts the real program and watches its output.
 
+#include <fcntl.h>
+#include <sched.h>
 #include <signal.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <thread>
@@ -14,6 +19,7 @@
 #include "daemon/src/provider/sender.h"
 #include "tests/support/results.h"
 #include "tests/support/test_support.h"
+#include "util/fs.h"
 #include "util/str.h"
 
 namespace {
@@ -410,6 +416,99 @@ TEST_F(ServerdTest, DrainEndsAtItsDeadline) {
   EXPECT_GT(rows, 0);
   EXPECT_LE(rows, sent.load());
   EXPECT_EQ(vorn::test::query(db_path(), "PRAGMA integrity_check")[0][0], "ok");
+}
+
+// Mounts a tmpfs of `size` on `dir` in a mount namespace of the calling
+// process (and so of the processes it starts), unmounted when it goes.
+class PrivateTmpfs {
+ public:
+  PrivateTmpfs(const std::string& dir, const char* size) : dir_(dir) {
+    std::string options = std::string("size=") + size;
+    mounted_ = ::unshare(CLONE_NEWNS) == 0 &&
+               ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+               ::mount("vorn", dir.c_str(), "tmpfs", 0, options.c_str()) == 0;
+  }
+  PrivateTmpfs(const PrivateTmpfs&) = delete;
+  PrivateTmpfs& operator=(const PrivateTmpfs&) = delete;
+  ~PrivateTmpfs() {
+    if (mounted_) {
+      ::umount2(dir_.c_str(), MNT_DETACH);
+    }
+  }
+  bool mounted() const { return mounted_; }
+
+ private:
+  std::string dir_;
+  bool mounted_ = false;
+};
+
+// A full disk: results wait in the server, unacknowledged, and are all
+// stored once space is freed.
+TEST_F(ServerdTest, ResultsWaitOutAFullDisk) {
+  if (geteuid() != 0) {
+    GTEST_SKIP() << "needs root, for a tmpfs in a mount namespace of its own";
+  }
+  const std::string db_dir = dir_ / "db";
+  ASSERT_EQ(mkdir(db_dir.c_str(), 0755), 0);
+  PrivateTmpfs tmpfs(db_dir, "4m");
+  ASSERT_TRUE(tmpfs.mounted()) << std::strerror(errno);
+  auto server = start({"-d", "-c", write_config()});
+  ASSERT_TRUE(server->wait_for_err(kReady));
+  auto publisher = connect_sender();
+  {
+    vorn::fs::Fd filler(::open((db_dir + "/filler").c_str(), O_WRONLY | O_CREAT, 0644));
+    ASSERT_GE(filler.get(), 0);
+    std::string block(1 << 16, 'f');
+    while (::write(filler.get(), block.data(), block.size()) > 0) {
+    }
+  }
+  constexpr int kResults = 40;
+  for (int i = 0; i < kResults; ++i) {
+    ASSERT_EQ(send_result(vorn::test::sample_result("waiting", std::string(1 << 16, 'w')),
+                          sender_config_, publisher.get()),
+              1);
+  }
+  ASSERT_TRUE(server->wait_for_err("Database unavailable", vorn::test::milliseconds(20000)));
+  EXPECT_FALSE(request_pub_ack(publisher.get(), sender_config_, "127.0.0.1", 1500))
+      << "answered before the commit";
+  ASSERT_EQ(::unlink((db_dir + "/filler").c_str()), 0);
+  EXPECT_TRUE(request_pub_ack(publisher.get(), sender_config_, "127.0.0.1", 30000));
+  EXPECT_EQ(vorn::test::count_rows(db_path()), kResults);
+  server->send_signal(SIGTERM);
+  EXPECT_EQ(server->wait_exit(), 0);
+  EXPECT_EQ(vorn::test::query(db_path(), "PRAGMA integrity_check")[0][0], "ok");
+  EXPECT_NE(server->err().find("Database writable again"), std::string::npos);
+  EXPECT_EQ(server->err().find("Data lost"), std::string::npos);
+}
+
+// Killed without warning under load, the server leaves a sound database that
+// holds every result it acknowledged.
+TEST_F(ServerdTest, KilledUnderLoadKeepsWhatItAcknowledged) {
+  auto server = start({"-c", write_config()});
+  auto publisher = connect_sender();
+  provider_result r = vorn::test::sample_result("load", std::string(1024, 'l'));
+  constexpr int kAcknowledged = 3000;
+  for (int i = 0; i < kAcknowledged; ++i) {
+    ASSERT_EQ(send_result(r, sender_config_, publisher.get()), 1);
+  }
+  ASSERT_TRUE(request_pub_ack(publisher.get(), sender_config_, "127.0.0.1", 60000));
+  std::atomic<bool> sending{true};
+  std::thread stream([&] {
+    while (sending) {
+      send_result(r, sender_config_, publisher.get());
+    }
+  });
+  bool loaded = vorn::test::wait_until(
+      [&] { return vorn::test::count_rows(db_path()) > kAcknowledged + 2000; },
+      vorn::test::milliseconds(20000));
+  server->send_signal(SIGKILL);
+  EXPECT_EQ(server->wait_exit(), 128 + SIGKILL);
+  sending = false;
+  stream.join();
+  zsock_set_linger(publisher.get(), 0);
+  EXPECT_TRUE(loaded);
+  EXPECT_EQ(vorn::test::query(db_path(), "PRAGMA integrity_check")[0][0], "ok");
+  EXPECT_GE(vorn::test::count_rows(db_path()), kAcknowledged);
 }
 
 // Started with standard descriptors closed, the server must not open its
