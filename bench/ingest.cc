@@ -61,6 +61,7 @@ struct Load {
   size_t output_bytes;    // standard output of each result
   long total;             // results, over all senders
   double paced_rate = 0;  // results/s over all senders; 0: as fast as they can
+  int hosts = 0;          // distinct host names cycled through; 0: one per sender
 };
 
 provider_result make_result(int sender, size_t output_bytes) {
@@ -114,6 +115,12 @@ void run_senders(const Load& load, const std::string& endpoint, Clock::time_poin
           r.stdout_data[0] = static_cast<char>(i);
         }
         r.header.timestamp.tv_sec = i;
+        if (load.hosts > 0) {
+          // As from a whole cluster: nearly every row of a commit is the
+          // newest of its provider and host.
+          std::snprintf(r.header.hostname, sizeof r.header.hostname, "node%ld",
+                        (i * load.senders + s) % load.hosts);
+        }
         r.header.duration = wall_clock();
         send_result(r, config, publishers[s].get());
       }
@@ -443,7 +450,7 @@ int main(int argc, char** argv) {
   vorn::log::LOG_LEVEL = 5;
   int opt;
   Row main_row{Load{4, 1024, 200000}, {}, {}, {}};
-  while ((opt = getopt(argc, argv, "qr:s:o:b:")) != -1) {
+  while ((opt = getopt(argc, argv, "qr:s:o:b:k:")) != -1) {
     switch (opt) {
       case 'q':
         quick = true;
@@ -460,9 +467,12 @@ int main(int argc, char** argv) {
       case 'b':
         serverd = optarg;
         break;
+      case 'k':
+        main_row.load.hosts = std::max(0, std::atoi(optarg));
+        break;
       default:
         std::fprintf(stderr,
-                     "usage: %s [-q] [-r runs] [-s senders] [-o output bytes] [-b vorn-serverd]\n",
+                     "usage: %s [-q] [-r runs] [-s senders] [-o output bytes] [-k hosts] [-b vorn-serverd]\n",
                      argv[0]);
         return 2;
     }
