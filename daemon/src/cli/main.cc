@@ -193,6 +193,10 @@ int main(int argc, char** argv) {
       ->check(duration)
       ->capture_default_str();
 
+  for (CLI::App* command : app.get_subcommands({})) {
+    command->footer("Every command also takes -c FILE (the daemon configuration) or --db FILE.");
+  }
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp&) {
