@@ -12,7 +12,6 @@
 #include <map>
 #include <memory>
 #include <regex>
-#include <set>
 #include <thread>
 
 #include <nlohmann/json.hpp>
@@ -64,18 +63,13 @@ std::vector<json> json_lines(const std::string& text) {
 }
 
 // The first lines of the listed results, which name them in these tests.
-std::set<std::string> first_lines(const std::vector<json>& objects) {
-  std::set<std::string> lines;
-  for (const json& o : objects) {
-    lines.insert(o.at("stdout_first_line").get<std::string>());
-  }
-  return lines;
-}
-
-std::vector<std::string> ordered_first_lines(const std::vector<json>& objects) {
+std::vector<std::string> first_lines(const std::vector<json>& objects, bool sorted = true) {
   std::vector<std::string> lines;
   for (const json& o : objects) {
     lines.push_back(o.at("stdout_first_line").get<std::string>());
+  }
+  if (sorted) {
+    std::sort(lines.begin(), lines.end());
   }
   return lines;
 }
@@ -185,7 +179,11 @@ TEST_F(CliTest, LatestFailingAndStaleSetsOfAHandMadeHistory) {
   struct Row {
     const char* comment;
     std::vector<std::string> args;
-    std::set<std::string> want;
+    std::vector<std::string> want;
+  };
+  auto sorted = [](std::vector<std::string> lines) {
+    std::sort(lines.begin(), lines.end());
+    return lines;
   };
   const Row before[] = {
       {"newest row of each key, not the newest time",
@@ -196,7 +194,7 @@ TEST_F(CliTest, LatestFailingAndStaleSetsOfAHandMadeHistory) {
   };
   for (const Row& row : before) {
     SCOPED_TRACE(row.comment);
-    EXPECT_EQ(first_lines(vorn_json(row.args)), row.want);
+    EXPECT_EQ(first_lines(vorn_json(row.args)), sorted(row.want));
   }
 
   ASSERT_TRUE(vorn::test::execute(
@@ -228,7 +226,7 @@ TEST_F(CliTest, LatestFailingAndStaleSetsOfAHandMadeHistory) {
   for (const std::string& db : {db_path(), copy}) {
     for (const Row& row : after) {
       SCOPED_TRACE(std::string(row.comment) + " in " + db);
-      EXPECT_EQ(first_lines(vorn_json(row.args, db)), row.want);
+      EXPECT_EQ(first_lines(vorn_json(row.args, db)), sorted(row.want));
     }
   }
 
@@ -300,7 +298,7 @@ TEST_F(CliTest, ShowAndHistory) {
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.comment);
-    EXPECT_EQ(ordered_first_lines(vorn_json(row.args)), row.want);
+    EXPECT_EQ(first_lines(vorn_json(row.args), false), row.want);
   }
 }
 
@@ -501,38 +499,30 @@ TEST_F(CliTest, ReadersWhileTheServerWrites) {
     }
     writing = false;
   });
-  std::vector<std::string> failures;
-  std::mutex failures_mutex;
-  auto fail = [&](const std::string& what) {
-    std::lock_guard<std::mutex> lock(failures_mutex);
-    failures.push_back(what);
-  };
+  // Each reader keeps its own list of what went wrong.
+  std::vector<std::string> scrape_failures;
+  std::vector<std::string> run_failures;
   std::thread scraper([&] {
     long last_total = 0;
     for (int i = 0; i < 2000 && (writing || i < 3); ++i) {
       auto metrics = get("/metrics");
-      if (!metrics || metrics->status != 200) {
-        fail("/metrics: " + (metrics ? metrics->body : std::string("no answer")));
+      std::smatch m;
+      if (!metrics || metrics->status != 200 ||
+          !std::regex_search(metrics->body, m, std::regex("vorn_results_total ([0-9]+)\n")) ||
+          std::stol(m[1]) < last_total) {
+        // The end of the answer, where the count stands.
+        std::string body = metrics ? metrics->body : "no answer";
+        scrape_failures.push_back(body.substr(body.size() > 100 ? body.size() - 100 : 0));
         continue;
       }
-      std::smatch m;
-      std::regex_search(metrics->body, m, std::regex("vorn_results_total ([0-9]+)\n"));
-      long total = m.empty() ? -1 : std::stol(m[1]);
-      if (total < last_total) {
-        fail("vorn_results_total went from " + std::to_string(last_total) + " to " + m.str());
-      }
-      last_total = total;
-      auto latest = get("/api/latest");
-      if (!latest || latest->status != 200) {
-        fail("/api/latest: " + (latest ? latest->body : std::string("no answer")));
-      }
+      last_total = std::stol(m[1]);
     }
   });
   int runs = 0;
   for (; runs < 200 && (writing || runs < 3); ++runs) {
     Outcome run = vorn({"latest", "--db", db_path()});
     if (run.status != 0 || !run.err.empty()) {
-      fail("vorn latest: " + run.err);
+      run_failures.push_back(run.err);
     }
   }
   writer.join();
@@ -540,7 +530,8 @@ TEST_F(CliTest, ReadersWhileTheServerWrites) {
   sent_ += kBatches * kBatch;
   ASSERT_TRUE(vorn::test::wait_until([&] { return vorn::test::count_rows(db_path()) == sent_; },
                                      milliseconds(20000)));
-  EXPECT_EQ(failures, std::vector<std::string>{});
+  EXPECT_EQ(scrape_failures, std::vector<std::string>{});
+  EXPECT_EQ(run_failures, std::vector<std::string>{});
   EXPECT_GE(runs, 3);
   auto metrics = get("/metrics");
   ASSERT_TRUE(metrics);

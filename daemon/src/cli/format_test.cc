@@ -96,24 +96,4 @@ TEST(Format, Listings) {
       "!    12  load\\x0A  node2  None        3  2m   1m15s     \\x1B[2Jgone a\xE2\x80\xA6\n");
 }
 
-TEST(Format, Exposition) {
-  Summary a{1, "p", "h\"", "", 2, 1700000000, 0.5, ""};
-  EXPECT_EQ(vorn::cli::exposition({a}, 9),
-            "# HELP vorn_result_exit_status Exit status of the latest result of each provider, "
-            "host and option set.\n"
-            "# TYPE vorn_result_exit_status gauge\n"
-            "vorn_result_exit_status{provider=\"p\",host=\"h\\\"\",option_set=\"\"} 2\n"
-            "# HELP vorn_result_timestamp_seconds End of the run of the latest result, in Unix "
-            "seconds.\n"
-            "# TYPE vorn_result_timestamp_seconds gauge\n"
-            "vorn_result_timestamp_seconds{provider=\"p\",host=\"h\\\"\",option_set=\"\"} "
-            "1700000000\n"
-            "# HELP vorn_result_duration_seconds Run time of the latest result.\n"
-            "# TYPE vorn_result_duration_seconds gauge\n"
-            "vorn_result_duration_seconds{provider=\"p\",host=\"h\\\"\",option_set=\"\"} 0.5\n"
-            "# HELP vorn_results_total Results the server has stored.\n"
-            "# TYPE vorn_results_total counter\n"
-            "vorn_results_total 9\n");
-}
-
 }  // namespace
