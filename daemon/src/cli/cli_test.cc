@@ -473,6 +473,12 @@ TEST_F(CliTest, MetricsReadBackByThePrometheusParser) {
     ASSERT_TRUE(response);
     EXPECT_EQ(response->status, s.status);
   }
+  // Never brotli: the library's runs at its slowest quality.
+  httplib::Client client("127.0.0.1", serve_port_);
+  client.set_decompress(false);
+  auto compressed = client.Get("/metrics", {{"Accept-Encoding", "gzip, deflate, br"}});
+  ASSERT_TRUE(compressed);
+  EXPECT_EQ(compressed->get_header_value("Content-Encoding"), "gzip");
   server->send_signal(SIGTERM);
   EXPECT_EQ(server->wait_exit(), 0);
 }

@@ -65,11 +65,17 @@ void route(httplib::Server* server, StorePool* pool, const ServeOptions& options
   // the slowest quality: seconds for the megabytes of a large cluster's
   // answer. gzip costs a few per cent of that; brotli is never offered.
   server->set_pre_routing_handler([](const httplib::Request& request, httplib::Response&) {
+    // The request is the library's own object, handed to handlers as const.
     auto& headers = const_cast<httplib::Headers&>(request.headers);
-    auto accepted = headers.find("Accept-Encoding");
-    if (accepted != headers.end() && accepted->second.find("br") != std::string::npos) {
-      bool gzip = accepted->second.find("gzip") != std::string::npos;
-      headers.erase(accepted);
+    auto accepted = headers.equal_range("Accept-Encoding");
+    bool brotli = false;
+    bool gzip = false;
+    for (auto it = accepted.first; it != accepted.second; ++it) {
+      brotli = brotli || it->second.find("br") != std::string::npos;
+      gzip = gzip || it->second.find("gzip") != std::string::npos;
+    }
+    if (brotli) {
+      headers.erase(accepted.first, accepted.second);
       if (gzip) {
         headers.emplace("Accept-Encoding", "gzip");
       }

@@ -17,11 +17,9 @@ namespace {
 // server that is merely writing never makes it wait.
 constexpr int kBusyTimeoutMs = 10000;
 
-// Bytes of standard output read for its first line; a longer first line is cut.
-constexpr int kFirstLineBytes = 1024;
-
 // The columns of a Summary, in the order read_summary takes them; ?9 says
-// whether to read the start of the output.
+// whether to read the start of the output, whose first 1024 bytes hold the
+// first line (a longer one is cut).
 constexpr const char* kSummaryColumns =
     "r.rowid, coalesce(r.Provider, ''), coalesce(r.Hostname, ''), coalesce(r.OptionID, ''), "
     "coalesce(r.Exit_status, 0), coalesce(r.Timestamp, 0), coalesce(r.Duration, 0), "
