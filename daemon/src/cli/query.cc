@@ -1,6 +1,7 @@
 #include "daemon/src/cli/query.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -105,6 +106,14 @@ class Statement {
     if ((code & 0xff) == SQLITE_NOTADB) {
       throw StoreError(path_ + " is not a vorn database (not an SQLite file)");
     }
+    // A reader of a database in WAL mode needs its shared-memory file; while
+    // the server runs it is there, once it has stopped the reader must make
+    // it, beside the database.
+    if ((code & 0xff) == SQLITE_READONLY || (code & 0xff) == SQLITE_CANTOPEN) {
+      throw StoreError("cannot read " + path_ + ": SQLite must create " + path_ +
+                       "-shm, which this user may not; run vorn as the server's user, or while "
+                       "the server runs");
+    }
     throw StoreError("cannot read " + path_ + ": " + sqlite3_errmsg(db_));
   }
 
@@ -145,6 +154,9 @@ Store::Store(const std::string& path) : path_(path) {
   }
   if (S_ISDIR(st.st_mode)) {
     throw StoreError("cannot open database " + path + ": it is a directory");
+  }
+  if (::access(path.c_str(), R_OK) != 0) {
+    throw StoreError("cannot open database " + path + ": " + std::strerror(errno));
   }
   sqlite3* raw = nullptr;
   int rc = sqlite3_open_v2(path.c_str(), &raw, SQLITE_OPEN_READONLY, nullptr);
