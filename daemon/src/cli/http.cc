@@ -43,6 +43,28 @@ std::optional<int64_t> whole_number(const std::string& text) {
   return std::stoll(text);
 }
 
+// JSON lines are the largest answers (megabytes for a large cluster, every
+// ten seconds for each open page), and their type is not among those the
+// library compresses by itself; so they are compressed here, with its gzip.
+void set_json_lines(const httplib::Request& request, httplib::Response& response,
+                    const std::string& body) {
+  response.set_header("Vary", "Accept-Encoding");
+  if (request.get_header_value("Accept-Encoding").find("gzip") != std::string::npos) {
+    std::string compressed;
+    httplib::detail::gzip_compressor gzip;
+    bool done = gzip.compress(body.data(), body.size(), true, [&](const char* data, size_t size) {
+      compressed.append(data, size);
+      return true;
+    });
+    if (done) {
+      response.set_header("Content-Encoding", "gzip");
+      response.set_content(compressed, kJsonLines);
+      return;
+    }
+  }
+  response.set_content(body, kJsonLines);
+}
+
 void fail(httplib::Response& response, int status, const std::string& message) {
   response.status = status;
   response.set_content(message + "\n", "text/plain; charset=utf-8");
@@ -112,7 +134,7 @@ void route(httplib::Server* server, StorePool* pool, const ServeOptions& options
       for (const Summary& row : store->latest(filter)) {
         body += json_line(summary_json(row, t));
       }
-      response.set_content(body, kJsonLines);
+      set_json_lines(request, response, body);
     });
   });
 
@@ -148,7 +170,7 @@ void route(httplib::Server* server, StorePool* pool, const ServeOptions& options
       for (const Summary& row : store->history(*provider, host, since, limit)) {
         body += json_line(summary_json(row, t));
       }
-      response.set_content(body, kJsonLines);
+      set_json_lines(request, response, body);
     });
   });
 
@@ -167,7 +189,7 @@ void route(httplib::Server* server, StorePool* pool, const ServeOptions& options
         fail(response, 404, "no result with rowid " + std::to_string(*rowid));
         return;
       }
-      response.set_content(json_line(result_json(*result)), "application/json; charset=utf-8");
+      response.set_content(json_line(result_json(*result)), "application/json");
     });
   });
 }
