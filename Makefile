@@ -2,28 +2,42 @@
 # Each target installs missing Debian packages (as root) and configures CMake itself.
 
 PACKAGES := cmake g++ make pkg-config libczmq-dev libzmq3-dev libxml2-dev \
-            libsqlite3-dev libgtest-dev sqlite3 iproute2
+            libsqlite3-dev libgtest-dev sqlite3 iproute2 \
+            nlohmann-json3-dev libcpp-httplib-dev libcli11-dev
+# Only the tests use these: Prometheus' own parser reads vorn's /metrics, and
+# a browser loads its status page (that test is skipped, saying why, without it).
+TEST_PACKAGES := python3-prometheus-client
+BROWSER_PACKAGES := chromium
 BUILD_DIR := build
 TEST_DIR := build-test
 JOBS ?= $(shell nproc)
 
-.PHONY: all deps build run test bench format clean
+.PHONY: all deps test-deps build run test bench format clean
 
 all: build
 
+# $(call install_missing,PACKAGES,IF_NOT_ROOT,IF_FAILED): installs what is missing.
+define install_missing
+missing=""; \
+for p in $(1); do \
+  dpkg-query -W -f='$${Status}' $$p 2>/dev/null | grep -q 'install ok installed' || missing="$$missing $$p"; \
+done; \
+if [ -n "$$missing" ]; then \
+  if [ "$$(id -u)" = 0 ]; then \
+    echo "Installing:$$missing"; \
+    { apt-get update -qq && DEBIAN_FRONTEND=noninteractive apt-get install -y -qq $$missing; } $(3); \
+  else \
+    echo "Missing packages. Run: sudo apt-get install -y$$missing"; $(2); \
+  fi; \
+fi
+endef
+
 deps:
-	@missing=""; \
-	for p in $(PACKAGES); do \
-	  dpkg-query -W -f='$${Status}' $$p 2>/dev/null | grep -q 'install ok installed' || missing="$$missing $$p"; \
-	done; \
-	if [ -n "$$missing" ]; then \
-	  if [ "$$(id -u)" = 0 ]; then \
-	    echo "Installing:$$missing"; \
-	    apt-get update -qq && DEBIAN_FRONTEND=noninteractive apt-get install -y -qq $$missing; \
-	  else \
-	    echo "Missing packages. Run: sudo apt-get install -y$$missing"; exit 1; \
-	  fi; \
-	fi
+	@$(call install_missing,$(PACKAGES),exit 1)
+
+test-deps: deps
+	@$(call install_missing,$(TEST_PACKAGES),exit 1)
+	@$(call install_missing,$(BROWSER_PACKAGES),true,|| echo "Could not install$$missing: its test will be skipped")
 
 build: deps
 	cmake -S . -B $(BUILD_DIR) -DCMAKE_BUILD_TYPE=Release -DVORN_TESTS=OFF
@@ -32,7 +46,7 @@ build: deps
 run: build
 	tools/demo.sh $(BUILD_DIR)
 
-test: deps
+test: test-deps
 	cmake -S . -B $(TEST_DIR) -DCMAKE_BUILD_TYPE=Debug -DVORN_SANITIZE=ON -DVORN_TESTS=ON
 	cmake --build $(TEST_DIR) -j $(JOBS)
 	cd $(TEST_DIR) && ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 \
@@ -42,6 +56,7 @@ test: deps
 bench: build
 	$(BUILD_DIR)/bench/ingest
 	$(BUILD_DIR)/bench/node
+	$(BUILD_DIR)/bench/cli
 
 format:
 	git ls-files '*.cc' '*.h' | xargs clang-format -i

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # `make run`: a collecting server and one node daemon on this machine, the
-# shipped example providers every few seconds, and each result printed as it
-# is stored. Ctrl-C stops both daemons.
+# shipped example providers every few seconds, the status page of `vorn
+# serve`, and each result printed as it is stored. Ctrl-C stops them all.
 set -euo pipefail
 
 build=${1:-build}
@@ -42,10 +42,15 @@ XML
 server=$!
 "$bin/vorn-noded" -d -c "$demo/vornd.xml" 2>"$demo/noded.log" &
 node=$!
+web=
 stop() {
   trap - INT TERM EXIT
   echo
-  echo "Stopping vorn-noded and vorn-serverd..."
+  echo "Stopping vorn serve, vorn-noded and vorn-serverd..."
+  if [ -n "$web" ]; then
+    kill -TERM "$web" 2>/dev/null || true
+    wait "$web" 2>/dev/null || true
+  fi
   kill -TERM "$node" 2>/dev/null || true
   wait "$node" 2>/dev/null || true
   kill -TERM "$server" 2>/dev/null || true
@@ -54,8 +59,30 @@ stop() {
 }
 trap stop INT TERM EXIT
 
+# The status page reads the database the server makes at start-up; the
+# kernel picks its port, which vorn serve prints first thing.
+for _ in $(seq 100); do
+  [ -s "$demo/vorn.db" ] && break
+  sleep 0.1
+done
+"$bin/vorn" serve -c "$demo/vornd.xml" --listen 127.0.0.1:0 >"$demo/vorn-serve.log" 2>&1 &
+web=$!
+page=
+for _ in $(seq 100); do
+  page=$(grep -o 'http://[^ ]*' "$demo/vorn-serve.log" 2>/dev/null || true)
+  [ -n "$page" ] && break
+  kill -0 "$web" 2>/dev/null || break
+  sleep 0.1
+done
+
 echo "vorn-serverd on port $port and vorn-noded are running; results as they are stored"
-echo "(configuration $demo/vornd.xml). Ctrl-C stops both."
+echo "(configuration $demo/vornd.xml). Ctrl-C stops them."
+if [ -n "$page" ]; then
+  echo "Status page: $page  (Prometheus: ${page}metrics)"
+else
+  echo "vorn serve did not start; see $demo/vorn-serve.log"
+fi
+echo "Also try: $bin/vorn latest -c $demo/vornd.xml"
 printf '%-6s %-8s %-14s %-12s %-5s %s\n' ROW TIME PROVIDER HOST EXIT OUTPUT
 last=0
 while kill -0 "$server" 2>/dev/null && kill -0 "$node" 2>/dev/null; do

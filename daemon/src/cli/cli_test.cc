@@ -1,0 +1,608 @@
+// Black-box tests of the vorn program against a database written by the real
+// vorn-serverd, with results sent the way nodes and vorn-send send them.
+
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+#include <httplib.h>
+
+#include <algorithm>
+#include <atomic>
+#include <ctime>
+#include <map>
+#include <memory>
+#include <regex>
+#include <thread>
+
+#include <nlohmann/json.hpp>
+
+#include "daemon/src/database/latest.h"
+#include "daemon/src/provider/sender.h"
+#include "tests/support/netns.h"
+#include "tests/support/results.h"
+#include "tests/support/test_support.h"
+
+namespace {
+
+using nlohmann::json;
+using vorn::test::milliseconds;
+using vorn::test::Process;
+using vorn::test::TempDir;
+
+const std::string kVorn = VORN_PATH;
+const std::string kServerd = VORN_SERVERD_PATH;
+const std::string kSend = VORN_SEND_PATH;
+const std::string kReady = "Accumulate server started and subscribing to 'ACCUMULATE vorn3'";
+
+// One result to send: who ran what where, its exit status, how many seconds
+// ago it ended, and its standard output.
+struct Sent {
+  std::string provider;
+  std::string host;
+  std::string option_set;
+  int exit_status;
+  int age;
+  std::string out;
+  std::string err = "";
+};
+
+struct Outcome {
+  int status;
+  std::string out;
+  std::string err;
+};
+
+std::vector<json> json_lines(const std::string& text) {
+  std::vector<json> objects;
+  size_t start = 0;
+  for (size_t end; (end = text.find('\n', start)) != std::string::npos; start = end + 1) {
+    objects.push_back(json::parse(text.substr(start, end - start)));
+  }
+  EXPECT_EQ(start, text.size()) << "every JSON line ends with a newline";
+  return objects;
+}
+
+// The first lines of the listed results, which name them in these tests.
+std::vector<std::string> first_lines(const std::vector<json>& objects, bool sorted = true) {
+  std::vector<std::string> lines;
+  for (const json& o : objects) {
+    lines.push_back(o.at("stdout_first_line").get<std::string>());
+  }
+  if (sorted) {
+    std::sort(lines.begin(), lines.end());
+  }
+  return lines;
+}
+
+class CliTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    config_ = dir_ / "vornd.xml";
+    vorn::test::write_file(
+        config_, vorn::test::config_xml("<accumulate_port>" + std::to_string(port_) +
+                                        "</accumulate_port>\n<accumulate_output_dir>" +
+                                        (dir_ / "acc") + "</accumulate_output_dir>\n" +
+                                        "<database_file>" + db_path() + "</database_file>\n"));
+  }
+
+  std::string db_path() const { return dir_ / "db/vorn.db"; }
+
+  void start_server() {
+    server_ = std::make_unique<Process>(std::vector<std::string>{kServerd, "-d", "-c", config_},
+                                        dir_.path());
+    ASSERT_TRUE(server_->wait_for_err(kReady));
+    publisher_ = connect_result_publisher("tcp://127.0.0.1:" + std::to_string(port_));
+    ASSERT_TRUE(publisher_);
+    ASSERT_TRUE(request_pub_ack(publisher_.get(), sender_config_, "127.0.0.1", 10000));
+  }
+
+  // Sends the results in order and waits until the server has stored them.
+  void send(const std::vector<Sent>& results) {
+    for (const Sent& r : results) {
+      provider_result result = vorn::test::sample_result(r.provider, r.out, r.err);
+      vorn::str::copy(result.header.hostname, r.host);
+      vorn::str::copy(result.header.option_id, r.option_set);
+      result.header.exit_status = r.exit_status;
+      result.header.timestamp.tv_sec = now_ - r.age;
+      ASSERT_EQ(send_result(result, sender_config_, publisher_.get()), 1);
+    }
+    sent_ += static_cast<long>(results.size());
+    ASSERT_TRUE(vorn::test::wait_until([&] { return vorn::test::count_rows(db_path()) == sent_; },
+                                       milliseconds(20000)));
+  }
+
+  Outcome vorn(std::vector<std::string> args) {
+    args.insert(args.begin(), kVorn);
+    Process p(args, dir_.path());
+    int status = p.wait_exit(milliseconds(60000));
+    return {status, p.out(), p.err()};
+  }
+
+  // `vorn ARGS --json --db DATABASE`, which must succeed quietly.
+  std::vector<json> vorn_json(std::vector<std::string> args, const std::string& db = "") {
+    args.insert(args.end(), {"--json", "--db", db.empty() ? db_path() : db});
+    Outcome run = vorn(args);
+    EXPECT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(run.err, "");
+    return json_lines(run.out);
+  }
+
+  // `vorn serve` on a port of the kernel's choice; its first line names it.
+  std::unique_ptr<Process> serve(std::vector<std::string> prefix = {}) {
+    std::vector<std::string> args = {kVorn, "serve", "--db", db_path(), "--listen", "127.0.0.1:0"};
+    args.insert(args.begin(), prefix.begin(), prefix.end());
+    auto p = std::make_unique<Process>(args, dir_.path());
+    serve_port_ = 0;
+    EXPECT_TRUE(vorn::test::wait_until(
+        [&] {
+          std::string out = p->out();
+          std::smatch m;
+          if (std::regex_search(out, m, std::regex("http://127\\.0\\.0\\.1:([0-9]+)/"))) {
+            serve_port_ = std::stoi(m[1]);
+          }
+          return serve_port_ != 0;
+        },
+        milliseconds(20000)))
+        << p->err();
+    return p;
+  }
+
+  httplib::Result get(const std::string& path) {
+    httplib::Client client("127.0.0.1", serve_port_);
+    client.set_read_timeout(60, 0);
+    return client.Get(path.c_str());
+  }
+
+  TempDir dir_;
+  int port_ = vorn::test::free_tcp_port();
+  int serve_port_ = 0;
+  std::string config_;
+  daemon_config sender_config_;
+  std::unique_ptr<Process> server_;
+  vorn::czmq::Socket publisher_;
+  long sent_ = 0;
+  const int64_t now_ = static_cast<int64_t>(std::time(nullptr));
+};
+
+// The sets answer the same before the summary table exists (an older
+// server's file, or a server that keeps it), with it, and with rows stored
+// after its catch-up; and again in a copy without the table.
+TEST_F(CliTest, LatestFailingAndStaleSetsOfAHandMadeHistory) {
+  start_server();
+  send({
+      {"disk", "node1", "None", 0, 3600, "disk ok 1\n"},
+      {"disk", "node1", "None", 1, 30, "disk full\n"},
+      {"disk", "node2", "None", 1, 40, "disk full 2\n"},
+      {"disk", "node2", "None", 0, 20, "disk ok again\n"},
+      {"load", "node3", "None", 0, 7200, "load silent\n"},
+  });
+  struct Row {
+    const char* comment;
+    std::vector<std::string> args;
+    std::vector<std::string> want;
+  };
+  auto sorted = [](std::vector<std::string> lines) {
+    std::sort(lines.begin(), lines.end());
+    return lines;
+  };
+  const Row before[] = {
+      {"newest row of each key, not the newest time",
+       {"latest"},
+       {"disk full", "disk ok again", "load silent"}},
+      {"a key that recovered is not failing", {"failing"}, {"disk full"}},
+      {"node3 silent for two hours", {"stale", "--older-than", "10m"}, {"load silent"}},
+  };
+  for (const Row& row : before) {
+    SCOPED_TRACE(row.comment);
+    EXPECT_EQ(first_lines(vorn_json(row.args)), sorted(row.want));
+  }
+
+  ASSERT_TRUE(vorn::test::execute(
+      db_path(), std::string(vorn::latest::kCreateTable) + ";" + vorn::latest::kCatchUp));
+  send({
+      {"load", "node1", "None", 0, 10, "load 0.1\tx\\y\nsecond line\n"},
+      {"load", "node1", "big", 2, 4000, "load big fails\n"},
+      {"disk", "node1", "None", 0, 5, "disk ok now\n"},
+      {"load", "node3", "None", 3, 900, "load still silent\n"},
+  });
+  const Row after[] = {
+      {"summary rows and the rows after them",
+       {"latest"},
+       {"disk ok now", "disk ok again", "load 0.1\tx\\y", "load big fails", "load still silent"}},
+      {"an option set is a key of its own", {"failing"}, {"load big fails", "load still silent"}},
+      {"a pair is as fresh as its newest option set",
+       {"stale", "--older-than", "10m"},
+       {"load still silent"}},
+      {"nothing older than an hour", {"stale", "--older-than", "1h"}, {}},
+      {"--provider",
+       {"latest", "--provider", "load"},
+       {"load 0.1\tx\\y", "load big fails", "load still silent"}},
+      {"--host", {"latest", "-H", "node1"}, {"disk ok now", "load 0.1\tx\\y", "load big fails"}},
+      {"failing on one host", {"failing", "--host", "node3"}, {"load still silent"}},
+  };
+  std::string copy = dir_ / "copy.db";
+  ASSERT_TRUE(vorn::test::execute(db_path(), "VACUUM INTO '" + copy + "'"));
+  ASSERT_TRUE(vorn::test::execute(copy, "DROP TABLE IF EXISTS vorn_latest"));
+  for (const std::string& db : {db_path(), copy}) {
+    for (const Row& row : after) {
+      SCOPED_TRACE(std::string(row.comment) + " in " + db);
+      EXPECT_EQ(first_lines(vorn_json(row.args, db)), sorted(row.want));
+    }
+  }
+
+  // One object in full, and the same result as a tab-separated line.
+  std::vector<json> load = vorn_json({"latest", "-p", "load", "-H", "node1"});
+  ASSERT_EQ(load.size(), 2u);
+  EXPECT_EQ(load[0].at("option_set"), "None");
+  EXPECT_EQ(load[0].at("rowid"), 6);
+  EXPECT_EQ(load[0].at("exit_status"), 0);
+  EXPECT_EQ(load[0].at("timestamp"), now_ - 10);
+  EXPECT_NEAR(load[0].at("age_seconds").get<double>(), 10, 5);
+  EXPECT_EQ(load[0].at("duration_seconds"), 2.5);
+  Outcome tsv = vorn({"latest", "-p", "load", "-H", "node1", "-c", config_});
+  EXPECT_EQ(tsv.status, 0) << tsv.err;
+  EXPECT_TRUE(std::regex_match(tsv.out, std::regex("6\tload\tnode1\tNone\t0\t[0-9]+s\t2\\.50s\t"
+                                                   "load 0\\.1\\\\tx\\\\\\\\y\n"
+                                                   "7\tload\tnode1\tbig\t2\t1h\t2\\.50s\t"
+                                                   "load big fails\n")))
+      << tsv.out;
+}
+
+TEST_F(CliTest, ShowAndHistory) {
+  start_server();
+  // The real sender, with every byte value in the output.
+  std::string bytes_file = dir_ / "bytes";
+  vorn::test::write_file(bytes_file, vorn::test::all_bytes());
+  Process sender({kSend, "-c", config_, "bytes", bytes_file}, dir_.path());
+  ASSERT_EQ(sender.wait_exit(), 0) << sender.err();
+  sent_ = 1;
+  send({
+      {"hist", "node1", "None", 0, 5000, "h1\n", "warning \x01\n"},
+      {"hist", "node1", "None", 1, 4000, "h2\n"},
+      {"hist", "node1", "None", 0, 300, "h3\n"},
+      {"hist", "node1", "None", 0, 200, "h4\n"},
+      {"hist", "node2", "None", 0, 50, "h5\n"},
+      {"hist", "node1", "None", 0, 100, "h6\n"},
+  });
+
+  std::vector<json> bytes = vorn_json({"latest", "--provider", "bytes"});
+  ASSERT_EQ(bytes.size(), 1u);
+  Outcome show = vorn({"show", std::to_string(bytes[0].at("rowid").get<int>()), "--db", db_path()});
+  EXPECT_EQ(show.status, 0);
+  EXPECT_TRUE(show.out == vorn::test::all_bytes()) << "byte for byte";
+  Outcome err = vorn({"show", "2", "--stderr", "--db", db_path()});
+  EXPECT_EQ(err.out, "warning \x01\n");
+  Outcome missing = vorn({"show", "999", "--db", db_path()});
+  EXPECT_EQ(missing.status, 1);
+  EXPECT_EQ(missing.err, "vorn: no result with rowid 999\n");
+
+  struct Row {
+    const char* comment;
+    std::vector<std::string> args;
+    std::vector<std::string> want;
+  } rows[] = {
+      {"newest first", {"history", "-p", "hist"}, {"h6", "h5", "h4", "h3", "h2", "h1"}},
+      {"one host, at most two",
+       {"history", "-p", "hist", "-H", "node1", "--limit", "2"},
+       {"h6", "h4"}},
+      {"since a length of time",
+       {"history", "-p", "hist", "--since", "1h"},
+       {"h6", "h5", "h4", "h3"}},
+      {"since Unix seconds, inclusive",
+       {"history", "-p", "hist", "--since", "@" + std::to_string(now_ - 300)},
+       {"h6", "h5", "h4", "h3"}},
+      {"since a date",
+       {"history", "-p", "hist", "--since", "2000-01-01", "--limit", "0"},
+       {"h6", "h5", "h4", "h3", "h2", "h1"}},
+      {"no such provider", {"history", "-p", "none"}, {}},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.comment);
+    EXPECT_EQ(first_lines(vorn_json(row.args), false), row.want);
+  }
+}
+
+TEST_F(CliTest, CommandLineAndDatabaseErrors) {
+  start_server();
+  send({{"p", "h", "None", 0, 1, "x\n"}});
+  std::string text_file = dir_ / "text.db";
+  vorn::test::write_file(text_file, std::string(4096, 'x'));
+  std::string other_db = dir_ / "other.db";
+  ASSERT_TRUE(vorn::test::execute(other_db, "CREATE TABLE t (x)"));
+  std::string missing = dir_ / "missing.db";
+  std::string config_missing_db = dir_ / "missing.xml";
+  vorn::test::write_file(config_missing_db,
+                         vorn::test::config_xml("<database_file>" + missing + "</database_file>"));
+  struct Row {
+    const char* comment;
+    std::vector<std::string> args;
+    int status;
+    std::string err;  // a regular expression the whole of standard error matches
+  } rows[] = {
+      {"-h", {"-h"}, 0, ""},
+      {"-h of a command", {"history", "-h"}, 0, ""},
+      {"unknown flag",
+       {"latest", "--bogus"},
+       2,
+       "vorn: .*--bogus[\\s\\S]*Usage: vorn latest[\\s\\S]*"},
+      {"no command", {}, 2, "vorn: [\\s\\S]*Usage: vorn[\\s\\S]*"},
+      {"history without -p",
+       {"history"},
+       2,
+       "vorn: .*--provider[\\s\\S]*Usage: vorn history[\\s\\S]*"},
+      {"not a length of time",
+       {"stale", "--older-than", "soon"},
+       2,
+       "vorn: [\\s\\S]*Usage:[\\s\\S]*"},
+      {"not a time",
+       {"history", "-p", "x", "--since", "yesterday"},
+       2,
+       "vorn: [\\s\\S]*Usage:[\\s\\S]*"},
+      {"not a number", {"show", "abc"}, 2, "vorn: [\\s\\S]*Usage:[\\s\\S]*"},
+      {"both -c and --db", {"latest", "-c", config_, "--db", db_path()}, 2, "vorn: [\\s\\S]*"},
+      {"missing database",
+       {"latest", "--db", missing},
+       1,
+       "vorn: cannot open database " + missing + ": No such file or directory\n"},
+      {"missing database named by the configuration",
+       {"failing", "-c", config_missing_db},
+       1,
+       "vorn: cannot open database " + missing + ": No such file or directory\n"},
+      {"missing configuration",
+       {"latest", "-c", missing},
+       1,
+       "vorn: cannot read configuration file " + missing + ": No such file or directory\n"},
+      {"a directory",
+       {"latest", "--db", dir_.path()},
+       1,
+       "vorn: cannot open database " + dir_.path() + ": it is a directory\n"},
+      {"not SQLite",
+       {"stale", "--db", text_file},
+       1,
+       "vorn: " + text_file + " is not a vorn database \\(not an SQLite file\\)\n"},
+      {"SQLite, not vorn",
+       {"show", "1", "--db", other_db},
+       1,
+       "vorn: " + other_db + " is not a vorn database \\(it has no table vorn_1\\)\n"},
+      {"serve checks first",
+       {"serve", "--db", text_file, "--listen", "127.0.0.1:0"},
+       1,
+       "vorn: " + text_file + " is not a vorn database \\(not an SQLite file\\)\n"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.comment);
+    Outcome run = vorn(row.args);
+    EXPECT_EQ(run.status, row.status);
+    EXPECT_TRUE(std::regex_match(run.err, std::regex(row.err))) << run.err;
+    if (row.status == 0) {
+      EXPECT_NE(run.out.find("Usage: vorn"), std::string::npos);
+    }
+  }
+}
+
+// Every label value from the wire, read back by Prometheus' own parser.
+TEST_F(CliTest, MetricsReadBackByThePrometheusParser) {
+  // Debian's interpreter, which the package's module is for.
+  if (std::system("/usr/bin/python3 -c 'import prometheus_client' 2>/dev/null") != 0) {
+    GTEST_SKIP() << "python3-prometheus-client is not installed";
+  }
+  start_server();
+  const std::vector<Sent> sent = {
+      {"quote\"d", "back\\slash", "new\nline", 0, 10, "a\n"},
+      {"all\\\"\n", "node\"1\"", "None", 4, 20, "b\n"},
+      {"bad\xff utf-8", "node2", "None", 0, 30, "c\n"},
+      {"plain", "node2", "", 1, 40, "d\n"},
+  };
+  send(sent);
+  auto server = serve();
+  auto metrics = get("/metrics");
+  ASSERT_TRUE(metrics);
+  EXPECT_EQ(metrics->status, 200);
+  EXPECT_EQ(metrics->get_header_value("Content-Type"), "text/plain; version=0.0.4; charset=utf-8");
+  std::string metrics_file = dir_ / "metrics.txt";
+  vorn::test::write_file(metrics_file, metrics->body);
+  std::string script = dir_ / "parse.py";
+  vorn::test::write_file(script,
+                         "import json, sys\n"
+                         "from prometheus_client.parser import text_string_to_metric_families\n"
+                         "text = open(sys.argv[1], encoding='utf-8').read()\n"
+                         "print(json.dumps([[f.type, s.name, s.labels, s.value]\n"
+                         "                  for f in text_string_to_metric_families(text)\n"
+                         "                  for s in f.samples]))\n");
+  Process parser({"/usr/bin/python3", script, metrics_file}, dir_.path());
+  ASSERT_EQ(parser.wait_exit(), 0) << parser.err();
+  std::map<std::string, std::string> types;
+  std::map<std::tuple<std::string, std::string, std::string, std::string>, double> values;
+  for (const json& s : json::parse(parser.out())) {
+    types[s[1]] = s[0];
+    const json& labels = s[2];
+    values[{s[1], labels.value("provider", ""), labels.value("host", ""),
+            labels.value("option_set", "")}] = s[3];
+  }
+  EXPECT_EQ(types["vorn_result_exit_status"], "gauge");
+  EXPECT_EQ(types["vorn_results_total"], "counter");
+  EXPECT_EQ((values[{"vorn_results_total", "", "", ""}]), 4);
+  EXPECT_EQ(values.size(), 3 * sent.size() + 1) << parser.out();
+  for (const Sent& r : sent) {
+    std::string provider = r.provider == "bad\xff utf-8" ? "bad\xEF\xBF\xBD utf-8" : r.provider;
+    SCOPED_TRACE(provider);
+    EXPECT_EQ((values[{"vorn_result_exit_status", provider, r.host, r.option_set}]), r.exit_status);
+    EXPECT_EQ((values[{"vorn_result_timestamp_seconds", provider, r.host, r.option_set}]),
+              now_ - r.age);
+    EXPECT_EQ((values[{"vorn_result_duration_seconds", provider, r.host, r.option_set}]), 2.5);
+  }
+
+  // The JSON of the API is the command line's; ages may have moved on.
+  auto without_age = [](std::vector<json> objects) {
+    for (json& o : objects) {
+      o.erase("age_seconds");
+    }
+    return objects;
+  };
+  struct Row {
+    std::string path;
+    std::vector<std::string> args;
+  } rows[] = {
+      {"/api/latest", {"latest"}},
+      {"/api/latest?host=node2", {"latest", "--host", "node2"}},
+      {"/api/history?provider=plain&since=1h", {"history", "-p", "plain", "--since", "1h"}},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.path);
+    auto response = get(row.path);
+    ASSERT_TRUE(response);
+    EXPECT_EQ(response->status, 200);
+    EXPECT_EQ(without_age(json_lines(response->body)), without_age(vorn_json(row.args)));
+  }
+  auto result = get("/api/result?rowid=4");
+  ASSERT_TRUE(result);
+  EXPECT_EQ(json::parse(result->body).at("stdout"), "d\n");
+  struct Status {
+    std::string path;
+    int status;
+  } statuses[] = {
+      {"/api/result?rowid=99", 404},
+      {"/api/result", 400},
+      {"/api/history", 400},
+      {"/api/history?provider=p&since=later", 400},
+      {"/nothing", 404},
+  };
+  for (const Status& s : statuses) {
+    SCOPED_TRACE(s.path);
+    auto response = get(s.path);
+    ASSERT_TRUE(response);
+    EXPECT_EQ(response->status, s.status);
+  }
+  // Never brotli: the library's runs at its slowest quality.
+  httplib::Client client("127.0.0.1", serve_port_);
+  client.set_decompress(false);
+  auto compressed = client.Get("/metrics", {{"Accept-Encoding", "gzip, deflate, br"}});
+  ASSERT_TRUE(compressed);
+  EXPECT_EQ(compressed->get_header_value("Content-Encoding"), "gzip");
+  server->send_signal(SIGTERM);
+  EXPECT_EQ(server->wait_exit(), 0);
+}
+
+// WAL readers beside the writer: every answer while the server stores a
+// stream of results (and checkpoints) is whole, and the count only grows.
+TEST_F(CliTest, ReadersWhileTheServerWrites) {
+  start_server();
+  send({{"first", "node0", "None", 0, 1, "x\n"}});
+  auto server = serve();
+  constexpr int kBatches = 40;
+  constexpr int kBatch = 50;
+  std::atomic<bool> writing{true};
+  std::thread writer([&] {
+    std::string output(8192, 'o');
+    for (int b = 0; b < kBatches; ++b) {
+      for (int i = 0; i < kBatch; ++i) {
+        provider_result r = vorn::test::sample_result("p" + std::to_string(i % 5), output);
+        vorn::str::copy(r.header.hostname, "node" + std::to_string(i % 10));
+        send_result(r, sender_config_, publisher_.get());
+      }
+      // Paced, so that the reads below spread over many commits.
+      std::this_thread::sleep_for(milliseconds(25));
+    }
+    writing = false;
+  });
+  // Each reader keeps its own list of what went wrong.
+  std::vector<std::string> scrape_failures;
+  std::vector<std::string> run_failures;
+  std::thread scraper([&] {
+    long last_total = 0;
+    for (int i = 0; i < 2000 && (writing || i < 3); ++i) {
+      auto metrics = get("/metrics");
+      std::smatch m;
+      if (!metrics || metrics->status != 200 ||
+          !std::regex_search(metrics->body, m, std::regex("vorn_results_total ([0-9]+)\n")) ||
+          std::stol(m[1]) < last_total) {
+        // The end of the answer, where the count stands.
+        std::string body = metrics ? metrics->body : "no answer";
+        scrape_failures.push_back(body.substr(body.size() > 100 ? body.size() - 100 : 0));
+        continue;
+      }
+      last_total = std::stol(m[1]);
+    }
+  });
+  int runs = 0;
+  for (; runs < 200 && (writing || runs < 3); ++runs) {
+    Outcome run = vorn({"latest", "--db", db_path()});
+    if (run.status != 0 || !run.err.empty()) {
+      run_failures.push_back(run.err);
+    }
+  }
+  writer.join();
+  scraper.join();
+  sent_ += kBatches * kBatch;
+  ASSERT_TRUE(vorn::test::wait_until([&] { return vorn::test::count_rows(db_path()) == sent_; },
+                                     milliseconds(20000)));
+  EXPECT_EQ(scrape_failures, std::vector<std::string>{});
+  EXPECT_EQ(run_failures, std::vector<std::string>{});
+  EXPECT_GE(runs, 3);
+  auto metrics = get("/metrics");
+  ASSERT_TRUE(metrics);
+  EXPECT_NE(metrics->body.find("vorn_results_total " + std::to_string(sent_) + "\n"),
+            std::string::npos);
+  // "first" and the ten keys of the stream (a host's number decides its provider's).
+  EXPECT_EQ(vorn_json({"latest"}).size(), 11u);
+}
+
+// The page as a person's browser shows it. Chromium's own traffic has
+// nowhere to go: with root it runs in a network namespace of the test's own
+// (with vorn serve), and its name lookups fail except for 127.0.0.1.
+TEST_F(CliTest, StatusPageInHeadlessChromium) {
+  if (std::system("command -v chromium >/dev/null 2>&1") != 0) {
+    GTEST_SKIP() << "chromium is not installed (Debian's package chromium)";
+  }
+  start_server();
+  send({
+      {"disk", "node1", "None", 0, 5, "disk fine\n"},
+      {"disk", "node2", "None", 1, 5, "disk <b>full</b>\n", "no space\n"},
+      {"load", "node1", "None", 0, 3600, "load old\n"},
+      {"load", "node2", "None", 0, 5, "load fine\n"},
+  });
+  std::string why;
+  std::unique_ptr<vorn::test::TestNetwork> net;
+  if (vorn::test::TestNetwork::available(&why)) {
+    net = std::make_unique<vorn::test::TestNetwork>(1);
+    ASSERT_TRUE(net->ok());
+  }
+  auto in_net = [&](std::vector<std::string> argv) { return net ? net->on_host(0, argv) : argv; };
+  auto server = serve(net ? in_net({}) : std::vector<std::string>{});
+  ASSERT_NE(serve_port_, 0);
+  std::string url = "http://127.0.0.1:" + std::to_string(serve_port_) + "/#rowid=2";
+  Process chromium(
+      in_net({"chromium", "--headless", "--no-sandbox", "--disable-gpu",
+              "--user-data-dir=" + (dir_ / "chromium"), "--disable-background-networking",
+              "--disable-component-update", "--no-first-run",
+              "--host-resolver-rules=MAP * ~NOTFOUND, EXCLUDE 127.0.0.1",
+              "--virtual-time-budget=5000", "--dump-dom", url}),
+      dir_.path());
+  ASSERT_EQ(chromium.wait_exit(milliseconds(120000)), 0) << chromium.err();
+  std::string dom = chromium.out();
+  struct Row {
+    const char* comment;
+    std::string pattern;
+  } rows[] = {
+      {"the grid's columns",
+       "<thead><tr><th>host</th><th scope=\"col\">disk</th>"
+       "<th scope=\"col\">load</th></tr></thead>"},
+      {"a failing cell",
+       "<td data-provider=\"disk\" data-host=\"node2\"><a href=\"#rowid=2\" "
+       "class=\"r fail[ \"]"},
+      {"a cell that is fine",
+       "<td data-provider=\"disk\" data-host=\"node1\"><a href=\"#rowid=1\" "
+       "class=\"r ok\""},
+      {"an old result is stale", "data-host=\"node1\"><a href=\"#rowid=3\" class=\"r ok stale\""},
+      {"counts", "id=\"count-failing\">1<"},
+      {"the linked result's output, as text",
+       "<pre id=\"stdout\">disk &lt;b&gt;full&lt;/b&gt;\n</pre>"},
+      {"and its standard error", "<pre id=\"stderr\">no space\n</pre>"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.comment);
+    EXPECT_TRUE(std::regex_search(dom, std::regex(row.pattern))) << dom;
+  }
+}
+
+}  // namespace

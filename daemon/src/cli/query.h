@@ -1,0 +1,147 @@
+#pragma once
+// Reading results back from the server's database: the latest result of each
+// provider, host and option set, a provider's history, one stored result.
+//
+// A Store opens the file read-only, beside a server that keeps writing to it.
+// The server's database is in WAL mode, where readers and the writer do not
+// block each other; the few moments a reader must wait (a log being reset, a
+// connection recovering it) are covered by a busy time-out, so a read never
+// fails with "database is locked". Each query sees one committed state.
+//
+// "Latest" is by rowid, the order in which the server stored the results.
+// With the server's summary table vorn_latest (daemon/src/database/latest.h)
+// it costs one lookup per key plus the rows stored after the newest one the
+// table accounts for; a database without that table (an older server) is
+// grouped in full: slower, the same answer.
+//
+// Keys are the texts as stored, NULL read as ''.
+//
+// Every failure is a StoreError whose text is one line for the user.
+//
+// Thread safety: a Store belongs to one thread at a time; StorePool lends
+// stores to threads that serve requests.
+
+#include <sqlite3.h>
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace vorn::cli {
+
+class StoreError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// One stored result as listings show it.
+struct Summary {
+  int64_t rowid = 0;
+  std::string provider;
+  std::string host;
+  std::string option_set;
+  int64_t exit_status = 0;
+  int64_t timestamp = 0;  // end of the run, Unix seconds
+  double duration = 0;    // seconds
+  std::string stdout_first_line;
+};
+
+// One stored result in full.
+struct Result : Summary {
+  std::string stdout_data;
+  std::string stderr_data;
+  std::string node_names;
+  int64_t num_nodes = 0;
+  int64_t version = 0;
+  int64_t stored_at = 0;  // when the server stored it, Unix seconds
+};
+
+struct Filter {
+  std::optional<std::string> provider;
+  std::optional<std::string> host;
+};
+
+// The text of `output` up to its first line break (a trailing CR dropped).
+std::string first_line(const std::string& output);
+
+class Store {
+ public:
+  // Opens an existing database read-only; a missing file, a file that is not
+  // SQLite, or one without the result table are StoreErrors.
+  explicit Store(const std::string& path);
+  Store(const Store&) = delete;
+  Store& operator=(const Store&) = delete;
+
+  const std::string& path() const { return path_; }
+
+  // Latest result of every key that `filter` admits, ordered by provider,
+  // host and option set. Without `with_output`, stdout_first_line stays
+  // empty and no output is read.
+  std::vector<Summary> latest(const Filter& filter, bool with_output = true);
+
+  // Results of `provider` (and `host`), newest stored first, whose run ended
+  // at or after `since`; at most `limit` of them, all for a negative limit.
+  std::vector<Summary> history(const std::string& provider, const std::optional<std::string>& host,
+                               std::optional<int64_t> since, int64_t limit);
+
+  std::optional<Result> result(int64_t rowid);
+
+  // How many results the server has stored: the largest rowid, which the
+  // server never takes back (it deletes no row), so it only grows. Counting
+  // the rows would read the whole table.
+  int64_t results_total();
+
+ private:
+  struct Close {
+    void operator()(sqlite3* db) const { sqlite3_close_v2(db); }
+  };
+  bool has_table(const char* name);
+
+  std::string path_;
+  std::unique_ptr<sqlite3, Close> db_;
+};
+
+// The newest result of each provider and host pair among `latest` (over its
+// option sets) that ended more than `older_than` seconds before `now`.
+std::vector<Summary> stale(const std::vector<Summary>& latest, int64_t now, int64_t older_than);
+
+// The results among `latest` whose exit status is not 0.
+std::vector<Summary> failing(const std::vector<Summary>& latest);
+
+// Stores for concurrent requests: each thread borrows one, and gives it back
+// when the lease ends. Stores are opened on demand and kept for reuse.
+//
+// Thread safety: take() may be called from any thread.
+class StorePool {
+ public:
+  explicit StorePool(std::string path) : path_(std::move(path)) {}
+
+  class Lease {
+   public:
+    Lease(StorePool* pool, std::unique_ptr<Store> store) : pool_(pool), store_(std::move(store)) {}
+    Lease(const Lease&) = delete;
+    Lease& operator=(const Lease&) = delete;
+    ~Lease() { pool_->give_back(std::move(store_)); }
+    Store* operator->() const { return store_.get(); }
+
+   private:
+    StorePool* pool_;
+    std::unique_ptr<Store> store_;
+  };
+
+  // Throws StoreError when no store can be opened.
+  Lease take();
+
+ private:
+  void give_back(std::unique_ptr<Store> store);
+
+  std::string path_;
+  std::mutex mutex_;
+  std::vector<std::unique_ptr<Store>> idle_;
+};
+
+}  // namespace vorn::cli
