@@ -17,6 +17,8 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <signal.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -46,8 +48,8 @@ using vorn::bench::Clock;
 using vorn::bench::seconds_since;
 
 constexpr int64_t kRepeatMs = 1000;
-// Nodes that are still not answered after this are given up.
-constexpr double kGiveUpSeconds = 180;
+// Nodes still not answered after this many times the goal are given up.
+constexpr double kGiveUpGoals = 3;
 constexpr size_t kResultBytes = 100;
 
 struct Options {
@@ -101,9 +103,16 @@ struct Node {
 // connects them to the server and asks until each is answered or the time
 // is up; then it reports and keeps its sockets until told to stop, so that
 // no result still on its way is dropped.
-[[noreturn]] void run_node_group(int first, int count, int port, int results, int control,
-                                 int report) {
-  // Before CZMQ makes its context: two sockets per node and some spare.
+[[noreturn]] void run_node_group(int first, int count, int port, int results, double give_up_s,
+                                 int control, int report) {
+  // Gone with the benchmark, whatever ends it.
+  ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+  if (::getppid() == 1) {
+    ::_exit(1);
+  }
+  // Before CZMQ makes its context: two sockets per node and some spare, and
+  // no signal handler of its own, so that SIGTERM ends the process.
+  zsys_handler_set(nullptr);
   zsys_set_max_sockets(static_cast<size_t>(2 * count + 64));
   vorn::czmq::init();
   daemon_config config;
@@ -114,7 +123,10 @@ struct Node {
     n.report.index = first + i;
     n.number = static_cast<int32_t>(random());
     n.reply.reset(zsock_new(ZMQ_REP));
-    if (!n.reply || zsock_bind(n.reply.get(), "tcp://127.0.0.1:*") < 0) {
+    // ZeroMQ's own wildcard lets the kernel pick the port; CZMQ's tries one
+    // port after another from the same first one, which for thousands of
+    // sockets means millions of failed binds.
+    if (!n.reply || zmq_bind(zsock_resolve(n.reply.get()), "tcp://127.0.0.1:*") != 0) {
       std::fprintf(stderr, "node %d: cannot bind its reply socket: %s\n", first + i,
                    zmq_strerror(errno));
       ::_exit(1);
@@ -137,7 +149,7 @@ struct Node {
   int unanswered = count;
   std::vector<zmq_pollitem_t> items;
   std::vector<Node*> polled;
-  while (unanswered > 0 && since_start_ms() < kGiveUpSeconds * 1000) {
+  while (unanswered > 0 && since_start_ms() < give_up_s * 1000) {
     int64_t now = since_start_ms();
     int64_t next = now + kRepeatMs;
     items.clear();
@@ -314,6 +326,8 @@ int main(int argc, char** argv) {
   const long server_nofile = o.server_nofile;
   // -d: warnings (the dropped requests) reach the log file.
   pid_t server = vorn::bench::spawn({o.serverd, "-d", "-c", config}, log, [server_nofile] {
+    // A benchmark that is killed takes its server along.
+    ::prctl(PR_SET_PDEATHSIG, SIGTERM);
     if (server_nofile > 0) {
       rlimit limit{};
       ::getrlimit(RLIMIT_NOFILE, &limit);
@@ -347,7 +361,8 @@ int main(int argc, char** argv) {
         groups[static_cast<size_t>(earlier)].control.reset();
         groups[static_cast<size_t>(earlier)].report.reset();
       }
-      run_node_group(group.first, group.count, port, o.results, control[0], report[1]);
+      run_node_group(group.first, group.count, port, o.results, o.goal_s * kGiveUpGoals,
+                     control[0], report[1]);
     }
     ::close(control[0]);
     ::close(report[1]);
