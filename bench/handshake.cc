@@ -59,6 +59,7 @@ struct Options {
   double goal_s = 60;
   long server_nofile = 0;  // 0: the hard limit
   std::string serverd = VORN_SERVERD_PATH;
+  bool histogram = false;
 };
 
 // What a node group reports of each of its nodes.
@@ -267,7 +268,7 @@ long lines_with(const std::string& log, const std::string& text) {
 int usage(const char* program) {
   std::fprintf(stderr,
                "usage: %s [-n nodes] [-p processes] [-r results per node] [-g goal seconds]\n"
-               "          [-l server descriptor limit] [-b vorn-serverd]\n",
+               "          [-l server descriptor limit] [-b vorn-serverd] [-v]\n",
                program);
   return 2;
 }
@@ -277,7 +278,7 @@ int usage(const char* program) {
 int main(int argc, char** argv) {
   Options o;
   int opt;
-  while ((opt = getopt(argc, argv, "n:p:r:g:l:b:")) != -1) {
+  while ((opt = getopt(argc, argv, "n:p:r:g:l:b:v")) != -1) {
     switch (opt) {
       case 'n':
         o.nodes = std::max(1, std::atoi(optarg));
@@ -296,6 +297,9 @@ int main(int argc, char** argv) {
         break;
       case 'b':
         o.serverd = optarg;
+        break;
+      case 'v':
+        o.histogram = true;
         break;
       default:
         return usage(argv[0]);
@@ -479,6 +483,19 @@ int main(int argc, char** argv) {
               peak_rss / 1024.0, static_cast<double>(cpu) / static_cast<double>(::sysconf(_SC_CLK_TCK)),
               handshakes_s, peak_descriptors,
               WIFEXITED(server_status) ? WEXITSTATUS(server_status) : -1);
+  if (o.histogram) {
+    // Answers in each second of the run: a connection that waited for the
+    // server's accept queue shows as a late cluster.
+    std::vector<int> per_second(static_cast<size_t>(last) + 1);
+    for (double t : times) {
+      ++per_second[static_cast<size_t>(t)];
+    }
+    std::printf("  answers per second of the run:");
+    for (size_t i = 0; i < per_second.size(); ++i) {
+      std::printf(" %zu:%d", i, per_second[i]);
+    }
+    std::printf("\n");
+  }
   long socket_errors = lines_with(server_log, "Unable to create pub-ack socket");
   if (socket_errors > 0) {
     std::printf("  server could not make answer sockets (%ld log lines)\n", socket_errors);
