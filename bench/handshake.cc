@@ -365,8 +365,8 @@ int main(int argc, char** argv) {
         groups[static_cast<size_t>(earlier)].control.reset();
         groups[static_cast<size_t>(earlier)].report.reset();
       }
-      run_node_group(group.first, group.count, port, o.results, o.goal_s * kGiveUpGoals,
-                     control[0], report[1]);
+      run_node_group(group.first, group.count, port, o.results, o.goal_s * kGiveUpGoals, control[0],
+                     report[1]);
     }
     ::close(control[0]);
     ::close(report[1]);
@@ -450,14 +450,19 @@ int main(int argc, char** argv) {
 
   for (Group& group : groups) {
     char stop = 'S';
-    vorn::fs::write_all(group.control.get(), &stop, 1);
+    if (ready) {
+      vorn::fs::write_all(group.control.get(), &stop, 1);
+    }
+    // A group that never started reads the end of the pipe instead.
+    group.control.reset();
   }
   for (Group& group : groups) {
     ::waitpid(group.pid, nullptr, 0);
   }
   const int server_status = vorn::bench::stop(server);
   stored = vorn::bench::count_rows(db, "SELECT count(*) FROM vorn_1");
-  const long long hosts = vorn::bench::count_rows(db, "SELECT count(DISTINCT Hostname) FROM vorn_1");
+  const long long hosts =
+      vorn::bench::count_rows(db, "SELECT count(DISTINCT Hostname) FROM vorn_1");
 
   std::vector<double> times;
   long requests = 0;
@@ -470,19 +475,22 @@ int main(int argc, char** argv) {
   std::sort(times.begin(), times.end());
   const double last = times.empty() ? 0 : times.back();
   const std::string server_log = vorn::bench::read_file(log);
-  std::printf("  answered: %zu of %d; last answer after %.2f s; per node median %.2f s, "
-              "99th percentile %.2f s\n",
-              times.size(), o.nodes, last, vorn::bench::percentile(times, 0.5),
-              vorn::bench::percentile(times, 0.99));
-  std::printf("  requests sent: %ld (%.1f per node); dropped by the server (its log): %ld\n",
-              requests, static_cast<double>(requests) / o.nodes, dropped_in_log(server_log));
+  std::printf(
+      "  answered: %zu of %d; last answer after %.2f s; per node median %.2f s, "
+      "99th percentile %.2f s\n",
+      times.size(), o.nodes, last, vorn::bench::percentile(times, 0.5),
+      vorn::bench::percentile(times, 0.99));
+  std::printf(
+      "  requests sent: %ld (%.1f per node); dropped by the server (its rate-limited log, at "
+      "least): %ld\n",
+      requests, static_cast<double>(requests) / o.nodes, dropped_in_log(server_log));
   std::printf("  rows: expected %lld, stored %lld (from %lld hosts), all visible after %.2f s\n",
               expected, stored, hosts, rows_s);
-  std::printf("  server: peak RSS (VmHWM) %.1f MiB, CPU %.2f s over %.2f s, peak descriptors %ld, "
-              "exit status %d\n",
-              peak_rss / 1024.0, static_cast<double>(cpu) / static_cast<double>(::sysconf(_SC_CLK_TCK)),
-              handshakes_s, peak_descriptors,
-              WIFEXITED(server_status) ? WEXITSTATUS(server_status) : -1);
+  std::printf(
+      "  server: peak RSS (VmHWM) %.1f MiB, CPU %.2f s over %.2f s, peak descriptors %ld, "
+      "exit status %d\n",
+      peak_rss / 1024.0, static_cast<double>(cpu) / static_cast<double>(::sysconf(_SC_CLK_TCK)),
+      handshakes_s, peak_descriptors, WIFEXITED(server_status) ? WEXITSTATUS(server_status) : -1);
   if (o.histogram) {
     // Answers in each second of the run: a connection that waited for the
     // server's accept queue shows as a late cluster.
@@ -500,9 +508,11 @@ int main(int argc, char** argv) {
   if (socket_errors > 0) {
     std::printf("  server could not make answer sockets (%ld log lines)\n", socket_errors);
   }
-  const bool met = static_cast<int>(times.size()) == o.nodes && last <= o.goal_s &&
-                   stored == expected;
+  const bool met =
+      static_cast<int>(times.size()) == o.nodes && last <= o.goal_s && stored == expected;
   std::printf("  goal: all %d answered within %.0f s and all %lld results stored: %s\n", o.nodes,
               o.goal_s, expected, met ? "met" : "NOT met");
-  return met ? 0 : 1;
+  // The time depends on the machine; a node never answered or a result
+  // lost does not.
+  return static_cast<int>(times.size()) == o.nodes && stored == expected ? 0 : 1;
 }
