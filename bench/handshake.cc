@@ -6,13 +6,14 @@
 // connects back with the request's number.
 //
 //   handshake [-n NODES] [-p PROCESSES] [-r RESULTS] [-g GOAL_S] [-l NOFILE] [-b vorn-serverd]
+//             [-v]
 //
 // A process may hold 20,000 descriptors here and each node costs a few, so
 // the nodes are spread over PROCESSES child processes (default 10 for 10,000
 // nodes), each with a ZeroMQ context of its own. The server gets the
 // benchmark's descriptor limit, raised to the hard limit; -l starts it with a
 // lower soft limit instead, to see what a service started with fewer
-// descriptors does.
+// descriptors does. -v prints how many answers came in each second.
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -20,7 +21,6 @@
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <zmq.h>
@@ -31,6 +31,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <random>
 #include <string>
 #include <thread>
@@ -218,15 +219,22 @@ struct Group {
   bool reported = false;
 };
 
+struct CloseDirectory {
+  void operator()(DIR* dir) const { ::closedir(dir); }
+};
+
 // Open descriptors of a process.
 long open_descriptors(pid_t pid) {
+  std::unique_ptr<DIR, CloseDirectory> dir(
+      ::opendir(("/proc/" + std::to_string(pid) + "/fd").c_str()));
+  if (!dir) {
+    return 0;
+  }
   long n = 0;
-  if (DIR* dir = ::opendir(("/proc/" + std::to_string(pid) + "/fd").c_str())) {
-    while (::readdir(dir) != nullptr) {
+  while (const dirent* entry = ::readdir(dir.get())) {
+    if (entry->d_name[0] != '.') {
       ++n;
     }
-    ::closedir(dir);
-    n -= 2;  // "." and ".."
   }
   return n;
 }
@@ -244,25 +252,6 @@ std::string descriptor_limit(pid_t pid) {
     return "unknown";
   }
   return "soft " + std::to_string(soft) + ", hard " + std::to_string(hard);
-}
-
-// Sums the counts in the server's "Too many PUB_ACK requests at once: N
-// dropped" lines, and counts lines holding `other`.
-long dropped_in_log(const std::string& log) {
-  const std::string marker = "Too many PUB_ACK requests at once: ";
-  long total = 0;
-  for (size_t at = log.find(marker); at != std::string::npos; at = log.find(marker, at + 1)) {
-    total += std::atol(log.c_str() + at + marker.size());
-  }
-  return total;
-}
-
-long lines_with(const std::string& log, const std::string& text) {
-  long n = 0;
-  for (size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + 1)) {
-    ++n;
-  }
-  return n;
 }
 
 int usage(const char* program) {
@@ -330,8 +319,6 @@ int main(int argc, char** argv) {
   const long server_nofile = o.server_nofile;
   // -d: warnings (the dropped requests) reach the log file.
   pid_t server = vorn::bench::spawn({o.serverd, "-d", "-c", config}, log, [server_nofile] {
-    // A benchmark that is killed takes its server along.
-    ::prctl(PR_SET_PDEATHSIG, SIGTERM);
     if (server_nofile > 0) {
       rlimit limit{};
       ::getrlimit(RLIMIT_NOFILE, &limit);
@@ -483,7 +470,8 @@ int main(int argc, char** argv) {
   std::printf(
       "  requests sent: %ld (%.1f per node); dropped by the server (its rate-limited log, at "
       "least): %ld\n",
-      requests, static_cast<double>(requests) / o.nodes, dropped_in_log(server_log));
+      requests, static_cast<double>(requests) / o.nodes,
+      vorn::bench::logged_pub_ack_drops(server_log));
   std::printf("  rows: expected %lld, stored %lld (from %lld hosts), all visible after %.2f s\n",
               expected, stored, hosts, rows_s);
   std::printf(
@@ -504,7 +492,7 @@ int main(int argc, char** argv) {
     }
     std::printf("\n");
   }
-  long socket_errors = lines_with(server_log, "Unable to create pub-ack socket");
+  long socket_errors = vorn::bench::occurrences(server_log, "Unable to create pub-ack socket");
   if (socket_errors > 0) {
     std::printf("  server could not make answer sockets (%ld log lines)\n", socket_errors);
   }

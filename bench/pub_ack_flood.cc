@@ -148,15 +148,6 @@ void send_good_results(const std::string& server, const std::atomic<bool>& flood
   zsock_set_linger(publisher.get(), 5000);
 }
 
-long dropped_in_log(const std::string& log) {
-  const std::string marker = "Too many PUB_ACK requests at once: ";
-  long total = 0;
-  for (size_t at = log.find(marker); at != std::string::npos; at = log.find(marker, at + 1)) {
-    total += std::atol(log.c_str() + at + marker.size());
-  }
-  return total;
-}
-
 double mib(long kib) {
   return static_cast<double>(kib) / 1024;
 }
@@ -295,7 +286,7 @@ int main(int argc, char** argv) {
   std::printf(
       "  requests the server dropped (its rate-limited log, at least): %ld; server exit status "
       "%d\n",
-      dropped_in_log(server_log), WIFEXITED(status) ? WEXITSTATUS(status) : -1);
+      vorn::bench::logged_pub_ack_drops(server_log), WIFEXITED(status) ? WEXITSTATUS(status) : -1);
   const long long lost = good.sent - stored;
   std::printf("  good results: sent %ld, stored %lld, lost %lld\n", good.sent, stored, lost);
   const bool met = lost == 0 && consumed && good.after >= 0;

@@ -11,6 +11,7 @@
 #include <signal.h>
 #include <sqlite3.h>
 #include <stdlib.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -19,6 +20,7 @@
 #include <cstdio>
 #include <fstream>
 #include <iterator>
+#include <memory>
 #include <random>
 #include <sstream>
 #include <string>
@@ -86,11 +88,14 @@ inline void write_server_config(const std::string& path, int port, const std::st
 }
 
 // Starts a program; its standard error goes to `log` unless that is empty.
-// `before_exec` runs in the child (e.g. to change a limit).
+// `before_exec` runs in the child (e.g. to change a limit). The program gets
+// SIGTERM when the calling thread ends, so that a benchmark that is killed
+// leaves no daemon behind: call it from the thread that outlives the program.
 template <typename F>
 pid_t spawn(const std::vector<std::string>& argv, const std::string& log, F&& before_exec) {
   pid_t pid = ::fork();
   if (pid == 0) {
+    ::prctl(PR_SET_PDEATHSIG, SIGTERM);
     if (!log.empty()) {
       std::freopen(log.c_str(), "w", stderr);
       std::freopen("/dev/null", "w", stdout);
@@ -142,6 +147,27 @@ inline bool wait_for_text(const std::string& path, const std::string& text, pid_
   return false;
 }
 
+// How often `text` occurs in `log`.
+inline long occurrences(const std::string& log, const std::string& text) {
+  long n = 0;
+  for (size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + 1)) {
+    ++n;
+  }
+  return n;
+}
+
+// The sum of the counts in a server log's "Too many PUB_ACK requests at
+// once: N dropped" lines. The warning is rate-limited and the count of its
+// last interval may never be logged, so this is a lower bound.
+inline long logged_pub_ack_drops(const std::string& log) {
+  const std::string marker = "Too many PUB_ACK requests at once: ";
+  long total = 0;
+  for (size_t at = log.find(marker); at != std::string::npos; at = log.find(marker, at + 1)) {
+    total += std::atol(log.c_str() + at + marker.size());
+  }
+  return total;
+}
+
 // A field of /proc/<pid>/status in KiB: "VmRSS" (now) or "VmHWM" (the peak
 // since the program was executed; rusage would count the forked copy of the
 // benchmark too). 0 when unknown.
@@ -175,22 +201,30 @@ inline long long cpu_ticks(pid_t pid) {
   return ticks;
 }
 
+struct CloseDatabase {
+  void operator()(sqlite3* db) const { sqlite3_close(db); }
+};
+struct FinalizeStatement {
+  void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
+};
+
 // The first column of the first row of `sql`, read through a connection of
 // its own as any user of the database would; 0 when it cannot be read.
 inline long long count_rows(const std::string& db, const char* sql) {
-  sqlite3* handle = nullptr;
-  long long n = 0;
-  if (sqlite3_open_v2(db.c_str(), &handle, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK) {
-    sqlite3_busy_timeout(handle, 1000);
-    sqlite3_stmt* statement = nullptr;
-    if (sqlite3_prepare_v2(handle, sql, -1, &statement, nullptr) == SQLITE_OK &&
-        sqlite3_step(statement) == SQLITE_ROW) {
-      n = sqlite3_column_int64(statement, 0);
-    }
-    sqlite3_finalize(statement);
+  sqlite3* opened = nullptr;
+  int rc = sqlite3_open_v2(db.c_str(), &opened, SQLITE_OPEN_READONLY, nullptr);
+  std::unique_ptr<sqlite3, CloseDatabase> handle(opened);
+  if (rc != SQLITE_OK) {
+    return 0;
   }
-  sqlite3_close(handle);
-  return n;
+  sqlite3_busy_timeout(handle.get(), 1000);
+  sqlite3_stmt* prepared = nullptr;
+  rc = sqlite3_prepare_v2(handle.get(), sql, -1, &prepared, nullptr);
+  std::unique_ptr<sqlite3_stmt, FinalizeStatement> statement(prepared);
+  if (rc != SQLITE_OK || sqlite3_step(statement.get()) != SQLITE_ROW) {
+    return 0;
+  }
+  return sqlite3_column_int64(statement.get(), 0);
 }
 
 // A result of provider "bench<sender>" from host "node<sender>": standard
