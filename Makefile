@@ -53,10 +53,16 @@ test: test-deps
 	  UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 	  ctest --output-on-failure -j $(JOBS)
 
+# A quicker run: make bench HANDSHAKE_NODES=2000 FLOOD_REQUESTS=100000
+HANDSHAKE_NODES ?= 10000
+FLOOD_REQUESTS ?= 1000000
+
 bench: build
 	$(BUILD_DIR)/bench/ingest
 	$(BUILD_DIR)/bench/node
 	$(BUILD_DIR)/bench/cli
+	$(BUILD_DIR)/bench/handshake -n $(HANDSHAKE_NODES)
+	$(BUILD_DIR)/bench/pub_ack_flood -n $(FLOOD_REQUESTS)
 
 format:
 	git ls-files '*.cc' '*.h' | xargs clang-format -i

@@ -8,13 +8,8 @@
 // The main row (4 senders, 1 KiB unless -s and -o say otherwise) is measured
 // RUNS times (default 5); -q measures only that row.
 
-#include <arpa/inet.h>
 #include <fcntl.h>
-#include <netinet/in.h>
-#include <signal.h>
-#include <sys/socket.h>
 #include <sys/time.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <sqlite3.h>
@@ -24,25 +19,21 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <random>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "bench/support.h"
 #include "daemon/src/provider/result.h"
 #include "daemon/src/provider/sender.h"
 #include "daemon/src/serverd/pub_ack_answerer.h"
 #include "daemon/src/serverd/receiver.h"
 #include "util/log.h"
-#include "util/str.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-double seconds_since(Clock::time_point start) {
-  return std::chrono::duration<double>(Clock::now() - start).count();
-}
+using vorn::bench::Clock;
+using vorn::bench::seconds_since;
 
 double wall_clock() {
   timeval now;
@@ -64,28 +55,6 @@ struct Load {
   int hosts = 0;          // distinct host names cycled through; 0: one per sender
 };
 
-provider_result make_result(int sender, size_t output_bytes) {
-  std::mt19937 random(static_cast<unsigned>(sender));
-  provider_result r;
-  r.header.api = 1;
-  vorn::str::copy(r.header.name, "bench" + std::to_string(sender));
-  vorn::str::copy(r.header.hostname, "node" + std::to_string(sender));
-  vorn::str::copy(r.header.option_id, "default");
-  r.header.duration = 1.0;
-  r.header.version = 1;
-  r.stdout_data.resize(output_bytes);
-  for (char& c : r.stdout_data) {
-    c = static_cast<char>(random());
-  }
-  r.stderr_data.assign(100, 'e');
-  r.nodes_csv = "node1, node2, node3";
-  r.header.stdout_size = r.stdout_data.size();
-  r.header.stderr_size = r.stderr_data.size();
-  r.header.nodes_size = r.nodes_csv.size();
-  r.header.num_nodes = 3;
-  return r;
-}
-
 // Each sender completes the handshake, then sends its share. A result's
 // duration field carries the time it was sent, for the latency probe.
 void run_senders(const Load& load, const std::string& endpoint, Clock::time_point* start_sending) {
@@ -104,7 +73,7 @@ void run_senders(const Load& load, const std::string& endpoint, Clock::time_poin
   std::vector<std::thread> threads;
   for (int s = 0; s < load.senders; ++s) {
     threads.emplace_back([&, s] {
-      provider_result r = make_result(s, load.output_bytes);
+      provider_result r = vorn::bench::make_result(s, load.output_bytes);
       const double interval = load.paced_rate > 0 ? load.senders / load.paced_rate : 0;
       const Clock::time_point begin = Clock::now();
       for (long i = 0; i < per_sender; ++i) {
@@ -176,34 +145,6 @@ class Reader {
   sqlite3* db_ = nullptr;
 };
 
-// A port the kernel picks on 127.0.0.1.
-int free_port() {
-  int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-  getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-  close(fd);
-  return ntohs(address.sin_port);
-}
-
-long peak_rss_kib(pid_t pid) {
-  FILE* status = std::fopen(("/proc/" + std::to_string(pid) + "/status").c_str(), "r");
-  long kib = 0;
-  char line[256];
-  while (status != nullptr && std::fgets(line, sizeof line, status) != nullptr) {
-    if (std::sscanf(line, "VmHWM: %ld kB", &kib) == 1) {
-      break;
-    }
-  }
-  if (status != nullptr) {
-    std::fclose(status);
-  }
-  return kib;
-}
-
 struct ServerRun {
   double stored_per_s = 0;
   long lost = 0;
@@ -215,25 +156,14 @@ struct ServerRun {
 // first result sent until the last row is visible to another connection.
 ServerRun measure_server(const std::string& serverd, const Load& load, const std::string& dir,
                          bool probe_latency) {
-  int port = free_port();
+  int port = vorn::bench::free_port();
   std::string config_path = dir + "/vornd.xml";
   std::string db = dir + "/vorn.db";
   for (const char* suffix : {"", "-wal", "-shm"}) {
     unlink((db + suffix).c_str());
   }
-  FILE* f = std::fopen(config_path.c_str(), "w");
-  std::fprintf(f,
-               "<configuration><enable_discovery>false</enable_discovery>"
-               "<accumulate_port>%d</accumulate_port>"
-               "<accumulate_output_dir>%s/acc</accumulate_output_dir>"
-               "<database_file>%s</database_file></configuration>\n",
-               port, dir.c_str(), db.c_str());
-  std::fclose(f);
-  pid_t server = fork();
-  if (server == 0) {
-    execl(serverd.c_str(), serverd.c_str(), "-c", config_path.c_str(), static_cast<char*>(nullptr));
-    _exit(127);
-  }
+  vorn::bench::write_server_config(config_path, port, dir, db);
+  pid_t server = vorn::bench::spawn({serverd, "-c", config_path}, "");
   ServerRun run;
   Clock::time_point start;
   std::atomic<bool> sent{false};
@@ -264,12 +194,8 @@ ServerRun measure_server(const std::string& serverd, const Load& load, const std
     }
   }
   senders.join();
-  // The kernel's peak for the process's own memory, which begins at exec
-  // (rusage would count the forked copy of this benchmark too).
-  run.peak_rss_kib = peak_rss_kib(server);
-  kill(server, SIGTERM);
-  int status = 0;
-  waitpid(server, &status, 0);
+  run.peak_rss_kib = vorn::bench::proc_status_kib(server, "VmHWM");
+  vorn::bench::stop(server);
   run.lost = load.total - Reader(db).last_rowid();
   run.stored_per_s = last / elapsed;
   return run;
@@ -331,7 +257,7 @@ double measure_bulk_insert(const Load& load, const std::string& dir) {
                      "Exit_status, Timestamp, Duration, Encoding, Stdout_size, STDOUT, "
                      "Stderr_size, STDERR, OptionID, version) values (?,?,?,?,?,?,?,?,?,?,?,?,?,?)",
                      -1, &insert, nullptr);
-  provider_result r = make_result(0, load.output_bytes);
+  provider_result r = vorn::bench::make_result(0, load.output_bytes);
   const int out_size = static_cast<int>(r.stdout_data.size());
   auto start = Clock::now();
   sqlite3_exec(db, "BEGIN", nullptr, nullptr, nullptr);

@@ -7,10 +7,6 @@
 // (default 100000).
 
 #include <dirent.h>
-#include <netinet/in.h>
-#include <signal.h>
-#include <sqlite3.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -20,62 +16,30 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "bench/support.h"
 #include "daemon/src/provider/result.h"
 #include "daemon/src/provider/run.h"
 #include "util/str.h"
 
 namespace {
 
-using clock_type = std::chrono::steady_clock;
+using clock_type = vorn::bench::Clock;
+using vorn::bench::count_rows;
+using vorn::bench::free_port;
+using vorn::bench::seconds_since;
+using vorn::bench::spawn;
+using vorn::bench::stop;
 
 const std::string kNoded = VORN_NODED_PATH;
 const std::string kServerd = VORN_SERVERD_PATH;
 
-double seconds_since(clock_type::time_point start) {
-  return std::chrono::duration<double>(clock_type::now() - start).count();
-}
-
 int env_int(const char* name, int fallback) {
   const char* value = std::getenv(name);
   return value != nullptr ? std::atoi(value) : fallback;
-}
-
-int free_port() {
-  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t size = sizeof address;
-  ::bind(fd, reinterpret_cast<sockaddr*>(&address), size);
-  ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size);
-  ::close(fd);
-  return ntohs(address.sin_port);
-}
-
-pid_t spawn(const std::vector<std::string>& argv, const std::string& log) {
-  pid_t pid = ::fork();
-  if (pid == 0) {
-    std::freopen(log.c_str(), "w", stderr);
-    std::freopen("/dev/null", "w", stdout);
-    std::vector<char*> args;
-    for (const std::string& a : argv) {
-      args.push_back(const_cast<char*>(a.c_str()));
-    }
-    args.push_back(nullptr);
-    ::execv(args[0], args.data());
-    ::_exit(127);
-  }
-  return pid;
-}
-
-void stop(pid_t pid) {
-  ::kill(pid, SIGTERM);
-  ::waitpid(pid, nullptr, 0);
 }
 
 // A fresh directory with a configuration for a local server and node.
@@ -122,22 +86,6 @@ std::vector<std::string> output_files(const std::string& directory) {
     ::closedir(dir);
   }
   return files;
-}
-
-long long count_rows(const std::string& db, const char* sql) {
-  sqlite3* handle = nullptr;
-  long long n = 0;
-  if (sqlite3_open_v2(db.c_str(), &handle, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK) {
-    sqlite3_busy_timeout(handle, 1000);
-    sqlite3_stmt* statement = nullptr;
-    if (sqlite3_prepare_v2(handle, sql, -1, &statement, nullptr) == SQLITE_OK &&
-        sqlite3_step(statement) == SQLITE_ROW) {
-      n = sqlite3_column_int64(statement, 0);
-    }
-    sqlite3_finalize(statement);
-  }
-  sqlite3_close(handle);
-  return n;
 }
 
 // Runs per second of the scheduler within one pass of 100 providers running
@@ -195,22 +143,7 @@ void idle_cpu() {
   s.provider("rare", "<command>true</command><period>3600</period>");
   pid_t server = spawn({kServerd, "-c", s.config}, s.dir + "/serverd.log");
   pid_t node = spawn({kNoded, "-c", s.config}, s.dir + "/noded.log");
-  auto cpu_ticks = [&] {
-    std::ifstream stat("/proc/" + std::to_string(node) + "/stat");
-    std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
-    std::istringstream fields(text.substr(text.rfind(')') + 2));
-    std::string field;
-    long long utime = 0;
-    long long stime = 0;
-    for (int i = 3; i <= 15 && fields >> field; ++i) {
-      if (i == 14) {
-        utime = std::stoll(field);
-      } else if (i == 15) {
-        stime = std::stoll(field);
-      }
-    }
-    return utime + stime;
-  };
+  auto cpu_ticks = [&] { return vorn::bench::cpu_ticks(node); };
   std::this_thread::sleep_for(std::chrono::seconds(3));  // past the first run
   long long before = cpu_ticks();
   std::this_thread::sleep_for(std::chrono::seconds(seconds));
