@@ -224,7 +224,7 @@ double measure_receive_only(const Load& load) {
       ++received;
     } else if (got == message_kind::pub_ack) {
       answerer.answer(receiver.request());
-      receiver.mark_answered(receiver.request());
+      receiver.mark_answered(receiver.request().key);
     } else if (handshakes_done && !(zsock_events(subscriber.get()) & ZMQ_POLLIN)) {
       break;
     }
@@ -398,7 +398,8 @@ int main(int argc, char** argv) {
         break;
       default:
         std::fprintf(stderr,
-                     "usage: %s [-q] [-r runs] [-s senders] [-o output bytes] [-k hosts] [-b vorn-serverd]\n",
+                     "usage: %s [-q] [-r runs] [-s senders] [-o output bytes] [-k hosts] [-b "
+                     "vorn-serverd]\n",
                      argv[0]);
         return 2;
     }

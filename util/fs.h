@@ -61,4 +61,9 @@ bool make_path(const std::string& path);
 // failure). False when /dev/null cannot be opened.
 bool open_standard_descriptors();
 
+// Raises the soft limit on open descriptors to the hard limit: a server
+// holds one per connected peer, and the usual soft limit of 1,024 is far
+// below a cluster's node count. Returns the limit now in force.
+long raise_descriptor_limit();
+
 }  // namespace vorn::fs

@@ -23,6 +23,9 @@ constexpr int kPollMs = 100;
 // How long a stopping server keeps trying a database in trouble, at least.
 constexpr int64_t kLastAttemptMs = 1000;
 
+// Connections that may wait for the subscriber to accept them.
+constexpr int kConnectBacklog = 4096;
+
 // Messages ZeroMQ keeps for each sender while the writer's queue is full.
 constexpr int kReceiveQueue = 100;
 
@@ -73,13 +76,10 @@ class waiting_requests {
   // order, while it takes them; the others wait, or are dropped when the
   // answerer is saturated (their senders repeat them). Returns how many
   // were dropped.
-  size_t answer_committed(result_receiver& receiver, pub_ack_answerer& answerer,
-                          uint64_t committed) {
+  size_t answer_committed(pub_ack_answerer& answerer, uint64_t committed) {
     size_t dropped = 0;
     while (!waiting_.empty() && waiting_.front().second <= committed) {
-      if (answerer.answer(waiting_.front().first)) {
-        receiver.mark_answered(waiting_.front().first);
-      } else {
+      if (!answerer.answer(waiting_.front().first)) {
         ++dropped;
       }
       waiting_.pop_front();
@@ -112,6 +112,10 @@ bool run_accumulate_server(daemon_options& options, const daemon_config& config,
     // A larger message is refused by ZeroMQ (the sender is disconnected)
     // before it takes memory here.
     zsock_set_maxmsgsize(subscriber.get(), config.max_message_size);
+    // Thousands of nodes connect at once after a restart of the cluster;
+    // ZeroMQ's default queue of 100 pending connections makes the kernel
+    // drop most of them, to be retried seconds later.
+    zsock_set_backlog(subscriber.get(), kConnectBacklog);
   }
   std::string endpoint = subscriber ? bind_subscriber(subscriber.get(), config) : "";
   options.endpoint.set_value(endpoint);
@@ -137,8 +141,13 @@ bool run_accumulate_server(daemon_options& options, const daemon_config& config,
   // Messages that wait are taken without a poll each: a poll is a system call.
   bool more_waiting = false;
   for (;;) {
-    if (size_t dropped = waiting.answer_committed(receiver, answerer, writer.committed())) {
+    if (size_t dropped = waiting.answer_committed(answerer, writer.committed())) {
       warn_dropped(drop_warnings, dropped);
+    }
+    // A request counts as answered once its answer went out, not when it was
+    // handed over: one given up on is answered when its sender repeats it.
+    for (uint64_t key : answerer.take_delivered()) {
+      receiver.mark_answered(key);
     }
     if (slot == nullptr) {
       slot = writer.free_slot();

@@ -5,5 +5,6 @@ int main(int argc, char** argv) {
   if (!vorn::fs::open_standard_descriptors()) {
     return 1;
   }
+  vorn::fs::raise_descriptor_limit();
   return serverd_main(argc, argv);
 }

@@ -22,6 +22,7 @@ constexpr int kMaxSockets = 4096;
 
 struct connecting {
   void* socket;
+  uint64_t key;
   std::string number;  // as decimal text, as CZMQ's "i" picture sends it
   int64_t deadline_ms;
 };
@@ -68,10 +69,13 @@ bool pub_ack_answerer::answer(const pub_ack_request& request) {
   }
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (in_flight_ >= kMaxInFlight) {
+    if (in_flight_.count(request.key) != 0) {
+      return true;
+    }
+    if (in_flight_.size() >= kMaxInFlight) {
       return false;
     }
-    ++in_flight_;
+    in_flight_.insert(request.key);
     queued_.push_back(request);
   }
   uint64_t one = 1;
@@ -81,9 +85,27 @@ bool pub_ack_answerer::answer(const pub_ack_request& request) {
   return true;
 }
 
-void pub_ack_answerer::finished(size_t count) {
+std::vector<uint64_t> pub_ack_answerer::take_delivered() {
+  std::vector<uint64_t> keys;
+  // Looked at for every message received: no lock while there is nothing.
+  if (any_delivered_.load(std::memory_order_acquire)) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    keys.swap(delivered_);
+    any_delivered_.store(false, std::memory_order_relaxed);
+  }
+  return keys;
+}
+
+void pub_ack_answerer::finished(const std::vector<uint64_t>& done,
+                                const std::vector<uint64_t>& delivered) {
   std::lock_guard<std::mutex> lock(mutex_);
-  in_flight_ -= count;
+  for (uint64_t key : done) {
+    in_flight_.erase(key);
+  }
+  if (!delivered.empty()) {
+    delivered_.insert(delivered_.end(), delivered.begin(), delivered.end());
+    any_delivered_.store(true, std::memory_order_release);
+  }
 }
 
 void pub_ack_answerer::run() {
@@ -100,7 +122,8 @@ void pub_ack_answerer::run() {
       }
       fresh.swap(queued_);
     }
-    size_t failed = 0;
+    std::vector<uint64_t> done;
+    std::vector<uint64_t> delivered;
     for (const pub_ack_request& request : fresh) {
       void* socket = zmq_socket(context_, ZMQ_REQ);
       int immediate = 1;
@@ -116,13 +139,11 @@ void pub_ack_answerer::run() {
         if (socket != nullptr) {
           close_socket(socket, 0);
         }
-        ++failed;
+        done.push_back(request.key);
         continue;
       }
-      open.push_back({socket, std::to_string(request.number), zclock_mono() + kAnswerTimeoutMs});
-    }
-    if (failed > 0) {
-      finished(failed);
+      open.push_back(
+          {socket, request.key, std::to_string(request.number), zclock_mono() + kAnswerTimeoutMs});
     }
 
     items.clear();
@@ -145,25 +166,26 @@ void pub_ack_answerer::run() {
       }
     }
     now = zclock_mono();
-    size_t done = 0;
     std::vector<connecting> still_open;
     for (size_t i = 0; i < open.size(); ++i) {
       connecting& c = open[i];
       if (items[i + 1].revents & ZMQ_POLLOUT) {
-        zmq_send(c.socket, c.number.data(), c.number.size(), ZMQ_DONTWAIT);
+        if (zmq_send(c.socket, c.number.data(), c.number.size(), ZMQ_DONTWAIT) >= 0) {
+          delivered.push_back(c.key);
+        }
         close_socket(c.socket, kLingerMs);
-        ++done;
+        done.push_back(c.key);
       } else if (now >= c.deadline_ms) {
-        // Unreachable: its sender asks again.
+        // Unreachable: answered when its sender asks again.
         close_socket(c.socket, 0);
-        ++done;
+        done.push_back(c.key);
       } else {
         still_open.push_back(c);
       }
     }
     open.swap(still_open);
-    if (done > 0) {
-      finished(done);
+    if (!done.empty()) {
+      finished(done, delivered);
     }
   }
   for (connecting& c : open) {

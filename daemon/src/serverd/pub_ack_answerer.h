@@ -7,18 +7,24 @@
 // endpoint, sends the request's number as decimal text once the connection
 // is up, and closes with a short linger. At most kMaxInFlight answers are
 // under way at once; answer() refuses more, and a requester that is not
-// reached within kAnswerTimeoutMs is given up (it repeats its request).
+// reached within kAnswerTimeoutMs is given up. Only answers sent on a live
+// connection are reported by take_delivered(): the caller counts a request
+// as answered only then, so a given-up one is answered when its sender
+// repeats it.
 // Sockets that cannot be made (descriptors or the context's sockets
 // exhausted) cost that answer, never the process.
 //
 // Thread safety: answer() may be called from any thread; the destructor
 // from the owner's.
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <mutex>
 #include <thread>
+#include <unordered_set>
+#include <vector>
 
 #include "daemon/src/serverd/receiver.h"
 #include "util/fs.h"
@@ -35,18 +41,24 @@ class pub_ack_answerer {
   // Gives up the answers still under way.
   ~pub_ack_answerer();
 
-  // Queues an answer; false when kMaxInFlight are under way already.
+  // Queues an answer; false when kMaxInFlight are under way already. A
+  // request whose answer is under way is accepted once.
   bool answer(const pub_ack_request& request);
+
+  // The keys of the requests answered since the last call.
+  std::vector<uint64_t> take_delivered();
 
  private:
   void run();
-  void finished(size_t count);
+  void finished(const std::vector<uint64_t>& done, const std::vector<uint64_t>& delivered);
 
   void* context_;
   vorn::fs::Fd wake_;  // eventfd: new requests, or stop
   std::mutex mutex_;
   std::deque<pub_ack_request> queued_;
-  size_t in_flight_ = 0;  // queued or connecting
+  std::unordered_set<uint64_t> in_flight_;  // keys queued or connecting
+  std::vector<uint64_t> delivered_;
+  std::atomic<bool> any_delivered_{false};
   bool stopping_ = false;
   std::thread thread_;
 };

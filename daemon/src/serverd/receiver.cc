@@ -187,8 +187,8 @@ message_kind result_receiver::receive(zsock_t* socket, received_message& message
   return message_kind::result;
 }
 
-void result_receiver::mark_answered(const pub_ack_request& request) {
-  answered_.add(request.key, zclock_mono());
+void result_receiver::mark_answered(uint64_t key) {
+  answered_.add(key, zclock_mono());
 }
 
 void dump_result(const result_view& result, const daemon_config& config) {

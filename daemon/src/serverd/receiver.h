@@ -113,8 +113,9 @@ class result_receiver {
   // The request that receive() last returned as pub_ack.
   const pub_ack_request& request() const { return request_; }
 
-  // Once answered, a request is not returned again while it is remembered.
-  void mark_answered(const pub_ack_request& request);
+  // Once answered, a request (known by its key) is not returned again
+  // while it is remembered.
+  void mark_answered(uint64_t key);
 
  private:
   pub_ack_request request_;

@@ -77,7 +77,7 @@ TEST(ReceiverTest, PubAckIsAnsweredOncePerEndpointAndNumber) {
     ASSERT_EQ(receive(row.frames), row.answer ? message_kind::pub_ack : message_kind::ignored);
     if (row.answer != nullptr) {
       ASSERT_TRUE(answerer.answer(receiver.request()));
-      receiver.mark_answered(receiver.request());
+      receiver.mark_answered(receiver.request().key);
       vorn::czmq::String answer(zstr_recv(reply.get()));
       ASSERT_TRUE(answer);
       EXPECT_STREQ(answer.get(), row.answer);
