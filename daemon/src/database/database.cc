@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <chrono>
@@ -250,8 +251,12 @@ sqlite::sqlite(const daemon_config& config) {
 }
 
 sqlite::~sqlite() {
-  if (connection_ && flush() != commit_result::committed) {
-    VORN_LOG(1) << "Database unavailable at shutdown (" << last_error_ << "). Stored results lost!";
+  if (connection_) {
+    force_summary_ = true;
+    if (flush() != commit_result::committed) {
+      VORN_LOG(1) << "Database unavailable at shutdown (" << last_error_
+                  << "). Stored results lost!";
+    }
   }
   checkpointer_.reset();
 }
@@ -267,29 +272,39 @@ void sqlite::roll_back(std::string error) {
   }
   in_transaction_ = false;
   uncommitted_ = 0;
+  // The rows are written again; what earlier commits left to summarise stays.
   latest_.clear();
 }
 
-bool sqlite::write_latest() {
-  if (latest_.empty()) {
+bool sqlite::write_summary() {
+  if (summary_pending_.empty() && latest_.empty()) {
     return true;
+  }
+  if (!in_transaction_) {
+    if (int rc = connection_->issueCommand("BEGIN"); rc != 0) {
+      last_error_ = std::string("begin: ") + connection_->getLastErrorInfo();
+      return !may_pass(rc);
+    }
+    in_transaction_ = true;
   }
   storix1::DataWriter* raw = nullptr;
   int rc = connection_->getDataWriter(vorn::latest::kUpsert, &raw);
   storix1::Owned<storix1::DataWriter> upsert(raw);
-  for (auto it = latest_.begin(); rc == 0 && it != latest_.end(); ++it) {
-    // The key is "provider\0host\0option set", and a string ends in a NUL.
-    const char* provider = it->first.c_str();
-    const char* host = provider + std::strlen(provider) + 1;
-    const char* option_id = host + std::strlen(host) + 1;
-    int64_t rowid = it->second;
-    upsert->bindParam(0, storix1::kText, 8, &provider);
-    upsert->bindParam(1, storix1::kText, 8, &host);
-    upsert->bindParam(2, storix1::kText, 8, &option_id);
-    upsert->bindParam(3, storix1::kInt64, 8, &rowid);
-    rc = upsert->writeData();
+  // The upsert keeps the newer rowid, so the order of the two does not matter.
+  for (const auto* keys : {&summary_pending_, &latest_}) {
+    for (auto it = keys->begin(); rc == 0 && it != keys->end(); ++it) {
+      // The key is "provider\0host\0option set", and a string ends in a NUL.
+      const char* provider = it->first.c_str();
+      const char* host = provider + std::strlen(provider) + 1;
+      const char* option_id = host + std::strlen(host) + 1;
+      int64_t rowid = it->second;
+      upsert->bindParam(0, storix1::kText, 8, &provider);
+      upsert->bindParam(1, storix1::kText, 8, &host);
+      upsert->bindParam(2, storix1::kText, 8, &option_id);
+      upsert->bindParam(3, storix1::kInt64, 8, &rowid);
+      rc = upsert->writeData();
+    }
   }
-  latest_.clear();
   if (rc == 0) {
     return true;
   }
@@ -315,16 +330,25 @@ commit_result sqlite::flush() {
     last_error_ = "the transaction was rolled back by a refused row";
     return commit_result::retry;
   }
-  if (!write_latest()) {
+  int64_t now = zclock_mono();
+  bool summarise = force_summary_ || now - last_summary_ms_ >= kSummaryMs;
+  if (summarise && !write_summary()) {
     return commit_result::retry;
   }
-  if (!in_transaction_) {
-    return commit_result::committed;
-  }
-  int rc = connection_->issueCommand("COMMIT");
+  int rc = in_transaction_ ? connection_->issueCommand("COMMIT") : 0;
   if (rc == 0) {
     in_transaction_ = false;
     uncommitted_ = 0;
+    if (summarise) {
+      summary_pending_.clear();
+      last_summary_ms_ = now;
+    } else {
+      for (const auto& [key, rowid] : latest_) {
+        int64_t& pending = summary_pending_[key];
+        pending = std::max(pending, rowid);
+      }
+    }
+    latest_.clear();
     return commit_result::committed;
   }
   std::string error = std::string("commit: ") + connection_->getLastErrorInfo();

@@ -12,8 +12,9 @@
 // caller flushes: one commit for hundreds of rows. Its writer
 // (daemon/src/serverd/result_writer.h) flushes when the stream pauses, at the
 // latest 100 ms after the first row of the transaction, and before a PUB_ACK
-// is answered. The same transaction keeps table vorn_latest (latest.h) up to
-// date, so readers find each key's newest row without a scan.
+// is answered. Table vorn_latest (latest.h) is brought up to date in the
+// transaction of a commit once every kSummaryMs, and when the store closes,
+// so readers find each key's newest row without a scan.
 //
 // A failure that may pass (SQLITE_BUSY after the busy time-out, a full disk,
 // an I/O error) rolls the open transaction back and is reported as
@@ -79,6 +80,10 @@ class wal_checkpointer;
 
 class sqlite : public database {
  public:
+  // vorn_latest is brought up to date with the commit that comes this long
+  // after the last time, not with every one: with thousands of hosts, nearly
+  // every row of a commit is the newest of its key.
+  static constexpr int64_t kSummaryMs = 1000;
   explicit sqlite(const daemon_config& config);
   ~sqlite() override;
   write_status write(const result_view& record) override;
@@ -92,8 +97,9 @@ class sqlite : public database {
  private:
   // Ends the open transaction after a failure that may pass.
   void roll_back(std::string error);
-  // Brings vorn_latest up to the rows of the open transaction.
-  bool write_latest();
+  // Brings vorn_latest up to every row written so far, in the open
+  // transaction; false when it was rolled back.
+  bool write_summary();
 
   storix1::Owned<storix1::Connection> connection_;
   std::unique_ptr<wal_checkpointer> checkpointer_;
@@ -103,8 +109,12 @@ class sqlite : public database {
   std::string last_error_;
   bool transaction_lost_ = false;  // a refused row took the transaction with it
   std::string key_;
-  // Newest rowid of each "provider\0host\0option set" in the open transaction.
+  // Newest rowid of each "provider\0host\0option set": of the open
+  // transaction, and of committed rows not yet in vorn_latest.
   std::unordered_map<std::string, int64_t> latest_;
+  std::unordered_map<std::string, int64_t> summary_pending_;
+  int64_t last_summary_ms_ = 0;
+  bool force_summary_ = false;
   std::atomic<int64_t> give_up_at_{0};
 };
 

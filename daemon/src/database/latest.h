@@ -3,15 +3,17 @@
 // vorn_1 so that readers find it without scanning millions of rows.
 //
 // Table vorn_latest holds one row per (Provider, Hostname, OptionID) of
-// vorn_1, with the rowid of that key's newest row. The server upserts it in
-// the same transaction as the rows themselves, so a reader that sees a row of
-// vorn_1 committed by the server also sees it accounted for here. Keys are
-// the texts as stored, NULL read as ''.
+// vorn_1, with the rowid of that key's newest row. Keys are the texts as
+// stored, NULL read as ''.
 //
+// The invariant readers rely on: every row of vorn_1 up to max(last_rowid)
+// is accounted for here. The server upserts every key written since the last
+// time in one transaction with the rows of a commit, about once a second
+// (and when it stops), so the rows after max(last_rowid) are at most a
+// second's worth: a reader that wants to be exact groups those itself.
 // Rows that reached vorn_1 some other way (an older server, a hand-made
-// insert) are folded in when the server next opens the file: every row after
-// the largest last_rowid. A reader that wants to be exact even before that
-// adds the rows of vorn_1 after max(last_rowid) itself.
+// insert, a server killed before its next update) are folded in when the
+// server next opens the file.
 //
 // vorn_1 keeps its CREATE statement exactly; nothing here changes it.
 
