@@ -61,7 +61,10 @@ void answered_requests::forget_expired(int64_t now_ms) {
 
 bool valid_reply_endpoint(std::string_view endpoint) {
   constexpr std::string_view kScheme = "tcp://";
-  if (endpoint.size() > kMaxEndpointSize || endpoint.substr(0, kScheme.size()) != kScheme) {
+  // zmq_connect reads the endpoint as a C string, so a NUL would cut it short
+  // of what is checked here.
+  if (endpoint.size() > kMaxEndpointSize || endpoint.substr(0, kScheme.size()) != kScheme ||
+      endpoint.find('\0') != std::string_view::npos) {
     return false;
   }
   std::string_view rest = endpoint.substr(kScheme.size());

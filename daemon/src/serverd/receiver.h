@@ -47,7 +47,7 @@ class answered_requests {
 
 // Whether a requester's endpoint may be connected to: "tcp://", a numeric
 // IPv4 address or a bracketed IPv6 one, ":" and a port, at most
-// kMaxEndpointSize bytes. A host name would be looked up on ZeroMQ's I/O
+// kMaxEndpointSize bytes and no NUL. A host name would be looked up on ZeroMQ's I/O
 // thread, where a slow name server would stall everything else.
 constexpr size_t kMaxEndpointSize = 256;
 bool valid_reply_endpoint(std::string_view endpoint);
