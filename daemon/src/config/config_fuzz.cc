@@ -2,15 +2,14 @@
 //
 // Input: the file's content, written to a file in the process's scratch
 // directory before each call. read_config itself creates nothing (the
-// daemons make their directories later, at start-up), but its path keys go
-// through wordexp(3), and "${NAME=value}" there assigns NAME in the process's
-// environment; the environment is put back after each input so that one input
-// cannot change how the next one is read. Seeds in config_fuzz_corpus/: the
-// shipped etc/vornd.xml, every key with a value it refuses, duplicates and
-// provider option sets, paths with variables and shell syntax, a file that
-// is not XML.
+// daemons make their directories later, at start-up); its path keys go
+// through wordexp(3). Seeds in config_fuzz_corpus/: the shipped
+// etc/vornd.xml, every key with a value it refuses, duplicates and provider
+// option sets, paths with variables and shell syntax, "$" forms that crashed
+// glibc's wordexp, a file that is not XML.
 //
-// Checked besides the sanitizers: the result is 0, an error number or -1;
+// Checked besides the sanitizers: the environment is left as it was (wordexp
+// assigns variables on "${NAME:=word}"); the result is 0, an error number or -1;
 // fixed-size text fields are terminated; ports, sizes and periods keep the
 // ranges the reader promises; an option-set assignment never holds an odd
 // number of double quotes, which would break the provider's command line.
@@ -31,46 +30,15 @@ namespace {
 
 using vorn::fuzz::check;
 
-// The environment as the process started, and a quick test of whether an
-// input changed it.
-class Environment {
- public:
-  Environment() {
-    for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
-      saved_.emplace_back(*entry);
-    }
-    restore();
+// The environment's entries; setenv and putenv change the array or an entry's
+// pointer, so comparing the pointers tells whether an input changed it.
+std::vector<const char*> environment() {
+  std::vector<const char*> out;
+  for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
+    out.push_back(*entry);
   }
-  Environment(const Environment&) = delete;
-  Environment& operator=(const Environment&) = delete;
-
-  void restore_if_changed() {
-    if (current() != entries_) {
-      restore();
-    }
-  }
-
- private:
-  // The entry pointers change with every setenv, so comparing them is enough.
-  static std::vector<char*> current() {
-    std::vector<char*> out;
-    for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
-      out.push_back(*entry);
-    }
-    return out;
-  }
-
-  void restore() {
-    ::clearenv();
-    for (std::string& entry : saved_) {
-      ::putenv(entry.data());  // the strings live as long as the process
-    }
-    entries_ = current();
-  }
-
-  std::vector<std::string> saved_;
-  std::vector<char*> entries_;
-};
+  return out;
+}
 
 template <size_t N>
 bool terminated(const char (&field)[N]) {
@@ -88,12 +56,12 @@ bool is_port(const char* text) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   vorn::fuzz::quiet_logs();
   static const std::string path = vorn::fuzz::scratch_file("vornd.xml");
-  static Environment environment;
   vorn::fuzz::write_file(path, data, size);
 
   daemon_config config;
+  const std::vector<const char*> before = environment();
   const int rc = read_config(config, path.c_str());
-  environment.restore_if_changed();
+  check(environment() == before, "reading a configuration leaves the environment alone");
 
   check(rc >= -1, "read_config returns 0, an error number or -1");
   check(terminated(config.provider_output_dir) && terminated(config.provider_config_dir) &&
