@@ -1,4 +1,4 @@
-# Front door of the project: `make run`, `make test`, `make build`.
+# Front door of the project: `make run`, `make test`, `make build`, `make fuzz`.
 # Each target installs missing Debian packages (as root) and configures CMake itself.
 
 PACKAGES := cmake g++ make pkg-config libczmq-dev libzmq3-dev libxml2-dev \
@@ -10,9 +10,11 @@ TEST_PACKAGES := python3-prometheus-client
 BROWSER_PACKAGES := chromium
 BUILD_DIR := build
 TEST_DIR := build-test
+FUZZ_DIR := build-fuzz
+FUZZ_SECONDS ?= 60
 JOBS ?= $(shell nproc)
 
-.PHONY: all deps test-deps build run test bench format clean
+.PHONY: all deps test-deps build run test fuzz bench format clean
 
 all: build
 
@@ -53,6 +55,15 @@ test: test-deps
 	  UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 	  ctest --output-on-failure -j $(JOBS)
 
+# libFuzzer comes with clang: its own build directory, every target for
+# FUZZ_SECONDS seconds, one after another (tools/fuzz.sh).
+fuzz: PACKAGES += clang libclang-rt-14-dev
+fuzz: deps
+	CC=clang CXX=clang++ cmake -S . -B $(FUZZ_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	  -DVORN_FUZZ=ON -DVORN_TESTS=OFF
+	cmake --build $(FUZZ_DIR) -j $(JOBS) --target fuzz_targets
+	tools/fuzz.sh $(FUZZ_DIR) $(FUZZ_SECONDS)
+
 # A quicker run: make bench HANDSHAKE_NODES=2000 FLOOD_REQUESTS=100000
 HANDSHAKE_NODES ?= 10000
 FLOOD_REQUESTS ?= 1000000
@@ -68,4 +79,4 @@ format:
 	git ls-files '*.cc' '*.h' | xargs clang-format -i
 
 clean:
-	rm -rf $(BUILD_DIR) $(TEST_DIR)
+	rm -rf $(BUILD_DIR) $(TEST_DIR) $(FUZZ_DIR)

@@ -12,6 +12,32 @@ namespace {
 
 constexpr std::string_view kWhiteSpace = " \t\n\r\f\v";
 
+// Whether every "$" of the text starts "$NAME" or "${NAME}". glibc's wordexp
+// dereferences a null pointer on "$(())", "$[]" and "${NAME:?}" with NAME
+// unset, so no other form reaches it.
+bool only_plain_parameters(std::string_view text) {
+  auto name_start = [](char c) { return std::isalpha(static_cast<unsigned char>(c)) || c == '_'; };
+  auto name_char = [](char c) { return std::isalnum(static_cast<unsigned char>(c)) || c == '_'; };
+  for (size_t dollar = text.find('$'); dollar != std::string_view::npos;
+       dollar = text.find('$', dollar + 1)) {
+    size_t at = dollar + 1;
+    const bool braced = at < text.size() && text[at] == '{';
+    if (braced) {
+      ++at;
+    }
+    if (at >= text.size() || !name_start(text[at])) {
+      return false;
+    }
+    while (at < text.size() && name_char(text[at])) {
+      ++at;
+    }
+    if (braced && (at >= text.size() || text[at] != '}')) {
+      return false;
+    }
+  }
+  return true;
+}
+
 // Owns the word list that wordexp(3) allocates.
 class WordList {
  public:
@@ -25,6 +51,9 @@ class WordList {
   }
 
   bool expand(const std::string& text) {
+    if (!only_plain_parameters(text)) {
+      return false;
+    }
     int rc = ::wordexp(text.c_str(), &words_, WRDE_NOCMD);
     // WRDE_NOSPACE may leave a partial list behind that still must be freed.
     filled_ = (rc == 0 || rc == WRDE_NOSPACE);
@@ -99,12 +128,16 @@ std::string replace(std::string_view text, std::string_view from, std::string_vi
   return out;
 }
 
-std::string wordexp(std::string_view text) {
+std::optional<std::string> try_wordexp(std::string_view text) {
   WordList words;
   if (!words.expand(std::string(text))) {
-    return std::string(text);
+    return std::nullopt;
   }
   return words.joined();
+}
+
+std::string wordexp(std::string_view text) {
+  return try_wordexp(text).value_or(std::string(text));
 }
 
 std::string printable(std::string_view text) {

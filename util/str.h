@@ -1,11 +1,12 @@
 #pragma once
 // String helpers shared by every module of the daemon.
 //
-// All functions are pure except wordexp, which reads the environment; they may
-// be called from any thread (wordexp only from one thread at a time, as the C
-// library's wordexp is not reentrant).
+// All functions are pure except wordexp and try_wordexp, which read the
+// environment; they may be called from any thread (those two only from one
+// thread at a time, as the C library's wordexp is not reentrant).
 
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -26,10 +27,14 @@ std::string dirname(std::string_view path);
 // text, becomes `to`. An empty `from` leaves the text unchanged.
 std::string replace(std::string_view text, std::string_view from, std::string_view to);
 
-// Shell-style expansion as wordexp(3) does it ("~", "$VAR", "${VAR}", globs),
-// except that command substitution is refused. Text the expansion cannot
-// handle (unbalanced quotes, "|", ";" and other shell operators) is returned
-// unchanged. Several resulting words are joined by one blank.
+// Shell-style expansion as wordexp(3) does it ("~", "$VAR", "${VAR}", globs).
+// Of the "$" forms only "$NAME" and "${NAME}" are expanded: text holding any
+// other (command substitution, arithmetic, "${NAME:-word}" and the rest of
+// that family, on some of which glibc's wordexp crashes) cannot be expanded,
+// nor can text with unbalanced quotes, "|", ";" or other shell operators.
+// try_wordexp gives no value for such text, wordexp returns it unchanged.
+// Several resulting words are joined by one blank.
+std::optional<std::string> try_wordexp(std::string_view text);
 std::string wordexp(std::string_view text);
 
 // Text from outside (the network, a file) made safe for one log line:

@@ -36,6 +36,8 @@ TEST(StrTest, Table) {
       {wordexp("$(touch /tmp/x)"), "$(touch /tmp/x)"},  // commands are never run
       {wordexp("a;b"), "a;b"},                          // shell operators: unchanged
       {wordexp("\"unbalanced"), "\"unbalanced"},        // syntax error: unchanged
+      {wordexp("$(())"), "$(())"},                      // arithmetic: unchanged (crashed glibc)
+      {wordexp("${VORN_UNSET:?}"), "${VORN_UNSET:?}"},  // operators: unchanged (crashed glibc)
       {wordexp(""), ""},                                // empty
       {printable("node7"), "node7"},                    // ordinary text unchanged
       {printable("a\nb\rc"), "a\\x0ab\\x0dc"},           // no new line can be forged

@@ -1,7 +1,6 @@
 #include "daemon/src/config/config.h"
 
 #include <unistd.h>
-#include <wordexp.h>
 
 #include <cerrno>
 #include <cstdint>
@@ -111,23 +110,19 @@ void read_port(const vorn::xml::ConfigurationReader& keys, const char* key,
               << "' (not a port number from 1 to 65535).  Using default.";
 }
 
-// A directory or file path, expanded. The expansion leaves text it refuses as
-// it is (command substitution, "|", ";", unbalanced quotes and the like); such
-// a path was meant for a shell, and is kept away from every later use of it.
+// A directory or file path, expanded. Text the expansion refuses (command
+// substitution, any "$" form but "$NAME" and "${NAME}", "|", ";", unbalanced
+// quotes and the like) was meant for a shell, and is kept away from every
+// later use of it.
 std::optional<std::string> read_path(const vorn::xml::ConfigurationReader& keys, const char* key,
                                      const char* several_message) {
   std::optional<std::string> value = keys.text(key, several_message);
   if (!value) {
     return std::nullopt;
   }
-  wordexp_t words{};
-  int rc = ::wordexp(value->c_str(), &words, WRDE_NOCMD);
-  if (rc == 0 || rc == WRDE_NOSPACE) {
-    ::wordfree(&words);
-  }
-  std::string expanded = rc == 0 ? vorn::str::wordexp(*value) : *value;
-  if (rc != 0 || expanded.find("$(") != std::string::npos ||
-      expanded.find('`') != std::string::npos) {
+  std::optional<std::string> expanded = vorn::str::try_wordexp(*value);
+  if (!expanded || expanded->find("$(") != std::string::npos ||
+      expanded->find('`') != std::string::npos) {
     VORN_LOG(4) << "Unrecognized value for " << key << ": '" << *value
                 << "' (command substitution and shell syntax are not allowed in paths).  Using "
                    "default.";

@@ -182,6 +182,10 @@ TEST(ReadConfigTest, PathsWithShellSyntaxKeepTheDefault) {
        ""},  // an unbalanced quote
       {"database_file", "'/srv/$(x)'", FIELD(database_file),
        default_database_file()},  // quoted, so expanded, but still holding "$("
+      {"provider_config_dir", "$(())", FIELD(provider_config_dir),
+       ""},  // empty arithmetic, on which glibc's wordexp crashed
+      {"accumulate_output_dir", "${VORN_UNSET:?}", FIELD(accumulate_output_dir),
+       "/var/cache/vorn"},  // a parameter operator, on which it crashed too
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.key);

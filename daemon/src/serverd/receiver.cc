@@ -61,7 +61,10 @@ void answered_requests::forget_expired(int64_t now_ms) {
 
 bool valid_reply_endpoint(std::string_view endpoint) {
   constexpr std::string_view kScheme = "tcp://";
-  if (endpoint.size() > kMaxEndpointSize || endpoint.substr(0, kScheme.size()) != kScheme) {
+  // zmq_connect reads the endpoint as a C string, so a NUL would cut it short
+  // of what is checked here.
+  if (endpoint.size() > kMaxEndpointSize || endpoint.substr(0, kScheme.size()) != kScheme ||
+      endpoint.find('\0') != std::string_view::npos) {
     return false;
   }
   std::string_view rest = endpoint.substr(kScheme.size());
@@ -106,21 +109,27 @@ void received_message::clear() {
 
 bool received_message::receive(void* socket, int flags) {
   clear();
-  zmq_msg_t extra;
-  zmq_msg_init(&extra);
+  zmq_msg_t part;
+  zmq_msg_init(&part);
   for (bool more = true; more;) {
-    zmq_msg_t* target = count_ < kKept ? &frames_[count_] : &extra;
     // Once the first frame is there, the whole message is.
-    if (zmq_msg_recv(target, socket, count_ == 0 ? flags : 0) < 0) {
-      zmq_msg_close(&extra);
+    if (zmq_msg_recv(&part, socket, count_ == 0 ? flags : 0) < 0) {
+      zmq_msg_close(&part);
       return count_ > 0;
     }
-    total_size_ += zmq_msg_size(target);
-    more = zmq_msg_more(target) != 0;
-    ++count_;
+    more = zmq_msg_more(&part) != 0;
+    append(part);
   }
-  zmq_msg_close(&extra);
+  zmq_msg_close(&part);
   return true;
+}
+
+void received_message::append(zmq_msg_t& frame) {
+  total_size_ += zmq_msg_size(&frame);
+  if (count_ < kKept) {
+    zmq_msg_move(&frames_[count_], &frame);
+  }
+  ++count_;
 }
 
 std::string_view received_message::frame(size_t i) const {
@@ -148,6 +157,10 @@ message_kind result_receiver::receive(zsock_t* socket, received_message& message
   if (!message.receive(zsock_resolve(socket), wait ? 0 : ZMQ_DONTWAIT)) {
     return message_kind::nothing;
   }
+  return classify(message);
+}
+
+message_kind result_receiver::classify(received_message& message) {
   if (message.count() == 4) {
     if (message.frame(1) != "PUB_ACK") {
       return message_kind::ignored;

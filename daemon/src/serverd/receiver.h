@@ -47,7 +47,7 @@ class answered_requests {
 
 // Whether a requester's endpoint may be connected to: "tcp://", a numeric
 // IPv4 address or a bracketed IPv6 one, ":" and a port, at most
-// kMaxEndpointSize bytes. A host name would be looked up on ZeroMQ's I/O
+// kMaxEndpointSize bytes and no NUL. A host name would be looked up on ZeroMQ's I/O
 // thread, where a slow name server would stall everything else.
 constexpr size_t kMaxEndpointSize = 256;
 bool valid_reply_endpoint(std::string_view endpoint);
@@ -79,6 +79,10 @@ class received_message {
   // libzmq socket); false when none could be received. `flags` as for
   // zmq_msg_recv (ZMQ_DONTWAIT: only a message that is waiting).
   bool receive(void* socket, int flags = 0);
+  // Adds the next frame of the message, as receive() does with each frame it
+  // receives: one of the first kKept is taken over (`frame` is left empty),
+  // a later one only counted. Lets a message be assembled without a socket.
+  void append(zmq_msg_t& frame);
   // Gives the frames' buffers back.
   void clear();
 
@@ -109,6 +113,8 @@ class result_receiver {
   // Receives one message from `socket` into `message`; with `wait` false,
   // only one that is waiting already.
   message_kind receive(zsock_t* socket, received_message& message, bool wait = true);
+  // What receive() makes of a message once it is received (never nothing).
+  message_kind classify(received_message& message);
 
   // The request that receive() last returned as pub_ack.
   const pub_ack_request& request() const { return request_; }

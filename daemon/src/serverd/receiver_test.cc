@@ -102,6 +102,7 @@ TEST(ReceiverTest, OnlyNumericTcpEndpointsAreAnswered) {
       {"tcp://127.0.0.1", false},                               // no port
       {"udp://127.0.0.1:5000", false},                          // another transport
       {"tcp://127.0.0.1:5000" + std::string(300, ' '), false},  // longer than 256 bytes
+      {std::string("tcp://2.0.0.1\0:2", 16), false},            // connect would stop at the NUL
   };
   for (const Row& row : rows) {
     EXPECT_EQ(valid_reply_endpoint(row.endpoint), row.valid) << row.endpoint;

@@ -1,0 +1,133 @@
+// Fuzz target: one message as the accumulate server receives it, through
+// result_receiver::classify and received_message::parse_result / result(),
+// which is what the server applies to every message off its subscriber
+// socket. No socket is opened: the frames are built in memory and handed
+// over with received_message::append, as receive() does with each frame.
+//
+// Input: the frames one after another, separated by the four bytes "\n--\n";
+// n separators make n + 1 frames (an input without one is a single frame),
+// and a frame cannot hold the separator. Seeds in receiver_fuzz_corpus/:
+// result-* five-frame results (plain; empty outputs and nodes; a header
+// claiming more output than its frame holds; a header frame one byte short;
+// outputs longer than the header says), pub_ack-* requests (IPv4, IPv6, a
+// host name, an odd number frame, port 0), and other-* messages that are
+// neither (four frames without "PUB_ACK", seven frames).
+//
+// Checked besides the sanitizers: the frames kept are the frames given and
+// every byte is counted; a result's outputs lie inside their frames with the
+// sizes its header gives, and its text fields are terminated inside their
+// arrays; a request names the endpoint frame as sent, which
+// valid_reply_endpoint accepts, and once answered it is not returned again.
+
+#include <zmq.h>
+
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "daemon/src/provider/result.h"
+#include "daemon/src/serverd/receiver.h"
+#include "tests/support/fuzz_support.h"
+
+namespace {
+
+constexpr std::string_view kSeparator = "\n--\n";
+
+using vorn::fuzz::check;
+
+std::vector<std::string_view> split_frames(std::string_view input) {
+  std::vector<std::string_view> frames;
+  for (;;) {
+    size_t end = input.find(kSeparator);
+    frames.push_back(input.substr(0, end));
+    if (end == std::string_view::npos) {
+      return frames;
+    }
+    input.remove_prefix(end + kSeparator.size());
+  }
+}
+
+bool terminated(const char* field, size_t size) {
+  return std::memchr(field, '\0', size) != nullptr;
+}
+
+void check_result(const received_message& message) {
+  const result_view result = message.result();
+  const result_header& h = result.header;
+  check(result.stdout_data.size() == h.stdout_size, "stdout has the header's size");
+  check(result.stderr_data.size() == h.stderr_size, "stderr has the header's size");
+  check(result.stdout_data.data() == message.frame(2).data(), "stdout is read from frame 2");
+  check(result.stderr_data.data() == message.frame(3).data(), "stderr is read from frame 3");
+  check(terminated(h.name, sizeof h.name), "name is terminated");
+  check(terminated(h.hostname, sizeof h.hostname), "hostname is terminated");
+  check(terminated(h.option_id, sizeof h.option_id), "option_id is terminated");
+  check(std::strlen(result.nodes_csv) <= message.frame(4).size(), "nodes come from frame 4");
+  // The text form reads every byte of the result, as a dump would.
+  check(!result_text(result).empty(), "a result has a text form");
+}
+
+void check_request(result_receiver& receiver, received_message& message) {
+  const pub_ack_request& request = receiver.request();
+  check(request.endpoint == message.frame(2), "the endpoint is frame 2 as sent");
+  check(valid_reply_endpoint(request.endpoint), "only valid endpoints are answered");
+  check(request.endpoint.find('\0') == std::string::npos, "an answered endpoint holds no NUL");
+  receiver.mark_answered(request);
+  check(receiver.classify(message) == message_kind::ignored, "an answered request is not repeated");
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  vorn::fuzz::quiet_logs();
+  const std::string_view input(reinterpret_cast<const char*>(data), size);
+
+  // The endpoint check on its own, with whatever text it is given.
+  if (valid_reply_endpoint(input)) {
+    check(input.size() <= kMaxEndpointSize && input.substr(0, 6) == "tcp://",
+          "a valid endpoint is short and tcp://");
+    // zmq_connect takes the endpoint as a C string.
+    check(input.find('\0') == std::string_view::npos, "a valid endpoint holds no NUL");
+  }
+
+  const std::vector<std::string_view> frames = split_frames(input);
+  received_message message;
+  size_t total = 0;
+  for (std::string_view frame : frames) {
+    zmq_msg_t part;
+    check(zmq_msg_init_size(&part, frame.size()) == 0, "zmq_msg_init_size");
+    if (!frame.empty()) {
+      std::memcpy(zmq_msg_data(&part), frame.data(), frame.size());
+    }
+    message.append(part);
+    check(zmq_msg_size(&part) == 0 || message.count() > received_message::kKept,
+          "a kept frame is taken over");
+    zmq_msg_close(&part);
+    total += frame.size();
+  }
+  check(message.count() == frames.size(), "every frame is counted");
+  check(message.total_size() == total, "every byte is counted");
+  for (size_t i = 0; i < frames.size() && i < received_message::kKept; ++i) {
+    check(message.frame(i) == frames[i], "a kept frame holds what was sent");
+  }
+
+  result_receiver receiver;
+  switch (receiver.classify(message)) {
+    case message_kind::result:
+      check(frames.size() == 5, "a result has five frames");
+      check_result(message);
+      break;
+    case message_kind::pub_ack:
+      check(frames.size() == 4 && frames[1] == "PUB_ACK", "a request has four frames");
+      check_request(receiver, message);
+      break;
+    case message_kind::ignored:
+      check(!message.parse_result(), "an ignored message is no result");
+      break;
+    case message_kind::nothing:
+      check(false, "a received message is never nothing");
+      break;
+  }
+  return 0;
+}
