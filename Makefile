@@ -56,13 +56,14 @@ test: test-deps
 	  ctest --output-on-failure -j $(JOBS)
 
 # libFuzzer comes with clang: its own build directory, every target for
-# FUZZ_SECONDS seconds, one after another (tools/fuzz.sh).
+# FUZZ_SECONDS seconds, one per core at a time (tools/fuzz.sh); FUZZ_TARGETS
+# picks some of them.
 fuzz: PACKAGES += clang libclang-rt-14-dev
 fuzz: deps
 	CC=clang CXX=clang++ cmake -S . -B $(FUZZ_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo \
 	  -DVORN_FUZZ=ON -DVORN_TESTS=OFF
 	cmake --build $(FUZZ_DIR) -j $(JOBS) --target fuzz_targets
-	tools/fuzz.sh $(FUZZ_DIR) $(FUZZ_SECONDS)
+	tools/fuzz.sh $(FUZZ_DIR) $(FUZZ_SECONDS) $(FUZZ_TARGETS)
 
 # A quicker run: make bench HANDSHAKE_NODES=2000 FLOOD_REQUESTS=100000
 HANDSHAKE_NODES ?= 10000
