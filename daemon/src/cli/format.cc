@@ -189,32 +189,37 @@ std::string valid_utf8(const std::string& text) {
   return out;
 }
 
-nlohmann::json summary_json(const Summary& row, int64_t now) {
+namespace {
+
+// The fields every JSON form of a result shares.
+nlohmann::json identity_json(const Summary& row) {
   return {{"rowid", row.rowid},
           {"provider", row.provider},
           {"host", row.host},
           {"option_set", row.option_set},
           {"exit_status", row.exit_status},
           {"timestamp", row.timestamp},
-          {"age_seconds", now - row.timestamp},
-          {"duration_seconds", row.duration},
-          {"stdout_first_line", row.stdout_first_line}};
+          {"duration_seconds", row.duration}};
+}
+
+}  // namespace
+
+nlohmann::json summary_json(const Summary& row, int64_t now) {
+  nlohmann::json out = identity_json(row);
+  out["age_seconds"] = now - row.timestamp;
+  out["stdout_first_line"] = row.stdout_first_line;
+  return out;
 }
 
 nlohmann::json result_json(const Result& row) {
-  return {{"rowid", row.rowid},
-          {"provider", row.provider},
-          {"host", row.host},
-          {"option_set", row.option_set},
-          {"exit_status", row.exit_status},
-          {"timestamp", row.timestamp},
-          {"duration_seconds", row.duration},
-          {"stdout", row.stdout_data},
-          {"stderr", row.stderr_data},
-          {"node_names", row.node_names},
-          {"num_nodes", row.num_nodes},
-          {"version", row.version},
-          {"stored_at", row.stored_at}};
+  nlohmann::json out = identity_json(row);
+  out["stdout"] = row.stdout_data;
+  out["stderr"] = row.stderr_data;
+  out["node_names"] = row.node_names;
+  out["num_nodes"] = row.num_nodes;
+  out["version"] = row.version;
+  out["stored_at"] = row.stored_at;
+  return out;
 }
 
 std::string json_line(const nlohmann::json& value) {
