@@ -6,6 +6,8 @@
 # Usage: tools/fuzz.sh BUILD_DIR SECONDS [TARGET...]
 #   TARGET...  only these targets (default: all)
 #   FUZZ_JOBS  targets run at once (default: the number of cores)
+#   FUZZ_ARGS  more libFuzzer flags, e.g. -runs=10000000 to stop each target
+#              after that many inputs (SECONDS is then the limit)
 #
 # Targets come from BUILD_DIR/fuzz/targets.txt (written by CMake). Each one
 # starts from a fresh copy of its committed seed corpus in
@@ -53,11 +55,13 @@ fuzz_target() {
   rm -rf "$work" "$artifacts" "$scratch"
   mkdir -p "$work" "$artifacts" "$scratch"
   cp "$corpus"/* "$work"/
-  local args=(-max_total_time="$seconds" -timeout="$timeout_seconds" -rss_limit_mb=2048
+  local extra args=(-max_total_time="$seconds" -timeout="$timeout_seconds" -rss_limit_mb=2048
               -print_final_stats=1 -artifact_prefix="$artifacts/")
   if [[ -n $dict ]]; then
     args+=(-dict="$dict")
   fi
+  read -r -a extra <<<"${FUZZ_ARGS:-}"
+  args+=("${extra[@]}")
   echo "== $name: $seconds s from $(ls "$work" | wc -l) seeds (log: $log)"
   TMPDIR=$scratch "$fuzz/$name" "${args[@]}" "$work" </dev/null >"$log" 2>&1
   local status=$? result=ok
