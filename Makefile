@@ -57,7 +57,7 @@ test: test-deps
 
 # libFuzzer comes with clang: its own build directory, every target for
 # FUZZ_SECONDS seconds, one per core at a time (tools/fuzz.sh); FUZZ_TARGETS
-# picks some of them.
+# picks some of them, FUZZ_JOBS and FUZZ_ARGS reach tools/fuzz.sh as they are.
 fuzz: PACKAGES += clang libclang-rt-14-dev
 fuzz: deps
 	CC=clang CXX=clang++ cmake -S . -B $(FUZZ_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo \

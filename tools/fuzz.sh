@@ -46,6 +46,8 @@ trap 'rm -rf "$scratch_root"' EXIT
 # The value of one of libFuzzer's final "stat::" lines.
 final_stat() { sed -n "s/^stat::$1: *//p" "$2" | tail -n 1; }
 
+row_format='%-18s %14s %8s %6s %7s %5s %6s  %s\n'
+
 # Fuzzes one target; its row of the summary goes to $fuzz/rows/<target>, and
 # the exit status says whether it failed.
 fuzz_target() {
@@ -55,11 +57,12 @@ fuzz_target() {
   rm -rf "$work" "$artifacts" "$scratch"
   mkdir -p "$work" "$artifacts" "$scratch"
   cp "$corpus"/* "$work"/
-  local extra args=(-max_total_time="$seconds" -timeout="$timeout_seconds" -rss_limit_mb=2048
+  local args=(-max_total_time="$seconds" -timeout="$timeout_seconds" -rss_limit_mb=2048
               -print_final_stats=1 -artifact_prefix="$artifacts/")
   if [[ -n $dict ]]; then
     args+=(-dict="$dict")
   fi
+  local extra
   read -r -a extra <<<"${FUZZ_ARGS:-}"
   args+=("${extra[@]}")
   echo "== $name: $seconds s from $(ls "$work" | wc -l) seeds (log: $log)"
@@ -72,7 +75,7 @@ fuzz_target() {
     echo "   $name $result"
     ls "$artifacts" | sed "s|^|   input: $artifacts/|"
   fi
-  printf '%-18s %14s %8s %6s %7s %5s %6s  %s\n' "$name" \
+  printf "$row_format" "$name" \
     "$(final_stat number_of_executed_units "$log")" "$(final_stat average_exec_per_sec "$log")" \
     "$(final_stat new_units_added "$log")" "$(ls "$work" | wc -l)" \
     "$(grep -oE 'cov: [0-9]+' "$log" | tail -n 1 | cut -d' ' -f2)" \
@@ -114,7 +117,7 @@ if [[ ${#names[@]} -eq 0 ]]; then
   exit 1
 fi
 echo
-printf '%-18s %14s %8s %6s %7s %5s %6s  %s\n' target executions exec/s new corpus cov rss_mb result
+printf "$row_format" target executions exec/s new corpus cov rss_mb result
 for name in "${names[@]}"; do
   cat "$fuzz/rows/$name"
 done
