@@ -4,9 +4,10 @@
 PACKAGES := cmake g++ make pkg-config libczmq-dev libzmq3-dev libxml2-dev \
             libsqlite3-dev libgtest-dev sqlite3 iproute2 \
             nlohmann-json3-dev libcpp-httplib-dev libcli11-dev
-# Only the tests use these: Prometheus' own parser reads vorn's /metrics, and
-# a browser loads its status page (that test is skipped, saying why, without it).
-TEST_PACKAGES := python3-prometheus-client
+# Only the tests use these: Prometheus' own parser reads vorn's /metrics and its
+# promtool checks the README's configuration; a browser loads the status page
+# (that test is skipped, saying why, without it).
+TEST_PACKAGES := python3-prometheus-client prometheus
 BROWSER_PACKAGES := chromium
 BUILD_DIR := build
 TEST_DIR := build-test
@@ -41,15 +42,21 @@ test-deps: deps
 	@$(call install_missing,$(TEST_PACKAGES),exit 1)
 	@$(call install_missing,$(BROWSER_PACKAGES),true,|| echo "Could not install$$missing: its test will be skipped")
 
-build: deps
+# CMake is configured once per build directory; after that `cmake --build`
+# configures again by itself when a CMakeLists.txt changed, and only then.
+$(BUILD_DIR)/CMakeCache.txt: | deps
 	cmake -S . -B $(BUILD_DIR) -DCMAKE_BUILD_TYPE=Release -DVORN_TESTS=OFF
+
+$(TEST_DIR)/CMakeCache.txt: | test-deps
+	cmake -S . -B $(TEST_DIR) -DCMAKE_BUILD_TYPE=Debug -DVORN_SANITIZE=ON -DVORN_TESTS=ON
+
+build: deps $(BUILD_DIR)/CMakeCache.txt
 	cmake --build $(BUILD_DIR) -j $(JOBS)
 
 run: build
 	tools/demo.sh $(BUILD_DIR)
 
-test: test-deps
-	cmake -S . -B $(TEST_DIR) -DCMAKE_BUILD_TYPE=Debug -DVORN_SANITIZE=ON -DVORN_TESTS=ON
+test: test-deps $(TEST_DIR)/CMakeCache.txt
 	cmake --build $(TEST_DIR) -j $(JOBS)
 	cd $(TEST_DIR) && ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 \
 	  UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
@@ -59,9 +66,11 @@ test: test-deps
 # FUZZ_SECONDS seconds, one per core at a time (tools/fuzz.sh); FUZZ_TARGETS
 # picks some of them, FUZZ_JOBS and FUZZ_ARGS reach tools/fuzz.sh as they are.
 fuzz: PACKAGES += clang libclang-rt-14-dev
-fuzz: deps
+$(FUZZ_DIR)/CMakeCache.txt: | deps
 	CC=clang CXX=clang++ cmake -S . -B $(FUZZ_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo \
 	  -DVORN_FUZZ=ON -DVORN_TESTS=OFF
+
+fuzz: deps $(FUZZ_DIR)/CMakeCache.txt
 	cmake --build $(FUZZ_DIR) -j $(JOBS) --target fuzz_targets
 	tools/fuzz.sh $(FUZZ_DIR) $(FUZZ_SECONDS) $(FUZZ_TARGETS)
 

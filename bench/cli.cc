@@ -318,7 +318,7 @@ int main(int argc, char** argv) {
   std::string keep_dir;
   int times = 5;
   int opt;
-  while ((opt = getopt(argc, argv, "d:H:P:R:n:")) != -1) {
+  while ((opt = getopt(argc, argv, "d:H:P:R:n:h")) != -1) {
     switch (opt) {
       case 'd':
         keep_dir = optarg;
@@ -336,9 +336,10 @@ int main(int argc, char** argv) {
         times = std::max(1, std::atoi(optarg));
         break;
       default:
-        std::fprintf(stderr, "usage: %s [-d DIR] [-H HOSTS] [-P PROVIDERS] [-R RUNS] [-n TIMES]\n",
+        std::fprintf(opt == 'h' ? stdout : stderr,
+                     "usage: %s [-d DIR] [-H HOSTS] [-P PROVIDERS] [-R RUNS] [-n TIMES]\n",
                      argv[0]);
-        return 2;
+        return opt == 'h' ? 0 : 2;
     }
   }
   std::string dir = keep_dir;

@@ -254,20 +254,12 @@ std::string descriptor_limit(pid_t pid) {
   return "soft " + std::to_string(soft) + ", hard " + std::to_string(hard);
 }
 
-int usage(const char* program) {
-  std::fprintf(stderr,
-               "usage: %s [-n nodes] [-p processes] [-r results per node] [-g goal seconds]\n"
-               "          [-l server descriptor limit] [-b vorn-serverd] [-v]\n",
-               program);
-  return 2;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
   Options o;
   int opt;
-  while ((opt = getopt(argc, argv, "n:p:r:g:l:b:v")) != -1) {
+  while ((opt = getopt(argc, argv, "n:p:r:g:l:b:vh")) != -1) {
     switch (opt) {
       case 'n':
         o.nodes = std::max(1, std::atoi(optarg));
@@ -291,7 +283,11 @@ int main(int argc, char** argv) {
         o.histogram = true;
         break;
       default:
-        return usage(argv[0]);
+        return vorn::bench::usage(
+            argv[0],
+            "[-n nodes] [-p processes] [-r results per node] [-g goal seconds]\n"
+            "          [-l server descriptor limit] [-b vorn-serverd] [-v]",
+            opt);
     }
   }
   if (o.processes == 0) {

@@ -376,7 +376,7 @@ int main(int argc, char** argv) {
   vorn::log::LOG_LEVEL = 5;
   int opt;
   Row main_row{Load{4, 1024, 200000}, {}, {}, {}};
-  while ((opt = getopt(argc, argv, "qr:s:o:b:k:")) != -1) {
+  while ((opt = getopt(argc, argv, "qr:s:o:b:k:h")) != -1) {
     switch (opt) {
       case 'q':
         quick = true;
@@ -397,11 +397,9 @@ int main(int argc, char** argv) {
         main_row.load.hosts = std::max(0, std::atoi(optarg));
         break;
       default:
-        std::fprintf(stderr,
-                     "usage: %s [-q] [-r runs] [-s senders] [-o output bytes] [-k hosts] [-b "
-                     "vorn-serverd]\n",
-                     argv[0]);
-        return 2;
+        return vorn::bench::usage(
+            argv[0], "[-q] [-r runs] [-s senders] [-o output bytes] [-k hosts] [-b vorn-serverd]",
+            opt);
     }
   }
   char dir_template[] = "/tmp/vorn-bench.XXXXXX";

@@ -196,7 +196,13 @@ void backlog_delivery() {
 
 }  // namespace
 
-int main() {
+int main(int argc, char** argv) {
+  if (argc > 1) {
+    bool help = std::string(argv[1]) == "-h";
+    std::fprintf(help ? stdout : stderr, "usage: %s (no options: every measurement, in turn)\n",
+                 argv[0]);
+    return help ? 0 : 2;
+  }
   std::printf("\n| node daemon | measured | limit in the same run | goal |\n|---|---|---|---|\n");
   std::fflush(stdout);
   scheduler_overhead();

@@ -159,7 +159,7 @@ int main(int argc, char** argv) {
   int endpoints = 10000;
   std::string serverd = VORN_SERVERD_PATH;
   int opt;
-  while ((opt = getopt(argc, argv, "n:e:b:")) != -1) {
+  while ((opt = getopt(argc, argv, "n:e:b:h")) != -1) {
     switch (opt) {
       case 'n':
         requests = std::max(1L, std::atol(optarg));
@@ -171,8 +171,7 @@ int main(int argc, char** argv) {
         serverd = optarg;
         break;
       default:
-        std::fprintf(stderr, "usage: %s [-n requests] [-e endpoints] [-b vorn-serverd]\n", argv[0]);
-        return 2;
+        return vorn::bench::usage(argv[0], "[-n requests] [-e endpoints] [-b vorn-serverd]", opt);
     }
   }
   std::setvbuf(stdout, nullptr, _IOLBF, 0);

@@ -34,6 +34,15 @@ namespace vorn::bench {
 
 using Clock = std::chrono::steady_clock;
 
+// The usage line after getopt returned `opt`: asked for with -h, on standard
+// output with status 0; after an option getopt refused, on standard error
+// with status 2.
+inline int usage(const char* program, const char* options, int opt) {
+  std::FILE* to = opt == 'h' ? stdout : stderr;
+  std::fprintf(to, "usage: %s %s\n", program, options);
+  return opt == 'h' ? 0 : 2;
+}
+
 inline double seconds_since(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
 }

@@ -1,5 +1,5 @@
 // vorn-send: sends one result to an accumulate server, the way a node's
-// publisher does, and waits until the server has acknowledged the sender.
+// publisher does, and returns once the server has confirmed that it stored it.
 
 #include <sys/time.h>
 #include <unistd.h>
@@ -129,7 +129,16 @@ int main(int argc, char** argv) {
   if (send_result(result, config, publisher.get()) != 1) {
     return 1;
   }
-  std::printf("Sent result of '%s' (%zu bytes of output) to %s\n", result.header.name,
-              output.size(), endpoint.c_str());
+  // The server answers a request only once everything its sender sent
+  // before it is committed: after this one, a reader finds the result.
+  if (!request_pub_ack(publisher.get(), config, reply_host, timeout_s * 1000)) {
+    std::fprintf(stderr,
+                 "Sent result of '%s' to %s, but the server did not confirm within %d s that it "
+                 "was stored\n",
+                 result.header.name, endpoint.c_str(), timeout_s);
+    return 1;
+  }
+  std::printf("Sent result of '%s' (%zu bytes of output) to %s, and the server stored it\n",
+              result.header.name, output.size(), endpoint.c_str());
   return 0;
 }
