@@ -21,6 +21,7 @@
 // - a request with a body ends its connection after the answer: a handler
 //   may leave the body unread, and its bytes must not be taken for the next
 //   request.
+// The library's own read, write and keep-alive time-outs do not apply.
 //
 // Thread safety: as httplib::Server; stop() may be called from any thread,
 // and closes every connection that is not being answered.

@@ -169,7 +169,10 @@ TEST_F(HttpTest, SmallRequestsGetNoMoreThanOneAnswer) {
     }
   }
   // The library built every range's copy in memory: 800 MB.
-  EXPECT_LT(peak_kb(server_->pid()) - peak_before, 100'000) << "kB more at the peak";
+  long grown = peak_kb(server_->pid()) - peak_before;
+  EXPECT_LT(grown, 100'000) << "kB more at the peak";
+  RecordProperty("peak_grown_kb", static_cast<int>(grown));
+  RecordProperty("exposition_bytes", static_cast<int>(whole));
 }
 
 // Idle connections and clients that trickle their request leave room for a
@@ -243,6 +246,7 @@ TEST_F(HttpTest, TrickledRequestIsCutAtTheRequestLimit) {
   EXPECT_TRUE(closed) << "the whole request was sent, one byte a second";
   EXPECT_GE(took.count(), 9500) << "ms: cut before the limit";
   EXPECT_LT(took.count(), 30000) << "ms";
+  RecordProperty("cut_after_ms", static_cast<int>(took.count()));
 }
 
 }  // namespace
