@@ -11,7 +11,6 @@
 #include <gtest/gtest.h>
 #include <httplib.h>
 
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <deque>
@@ -76,11 +75,11 @@ long peak_kb(pid_t pid) {
 
 class HttpTest : public testing::Test {
  protected:
-  // One result for each of thousands of hosts: an exposition of 800 kB.
-  static void SetUpTestSuite() {
-    dir_ = new TempDir;
+  // A result for each of thousands of hosts (an exposition of 1 MB), and
+  // `vorn serve` on a port of the kernel's choice, which its first line names.
+  void SetUp() override {
     daemon_config config;
-    config.database_file = *dir_ / "vorn.db";
+    config.database_file = dir_ / "vorn.db";
     auto store = open_database(&config);
     ASSERT_TRUE(store);
     for (int i = 0; i < kHosts; ++i) {
@@ -90,16 +89,10 @@ class HttpTest : public testing::Test {
       ASSERT_EQ(store->write(r), write_status::written);
     }
     ASSERT_EQ(store->flush(), commit_result::committed);
-  }
-
-  static void TearDownTestSuite() { delete dir_; }
-
-  // `vorn serve` on a port of the kernel's choice; its first line names it.
-  void SetUp() override {
     server_ = std::make_unique<Process>(
-        std::vector<std::string>{kVorn, "serve", "--db", *dir_ / "vorn.db", "--listen",
+        std::vector<std::string>{kVorn, "serve", "--db", config.database_file, "--listen",
                                  "127.0.0.1:0"},
-        logs_.path());
+        dir_.path());
     ASSERT_TRUE(vorn::test::wait_until(
         [&] {
           std::smatch m;
@@ -124,13 +117,10 @@ class HttpTest : public testing::Test {
     return client.Get("/metrics");
   }
 
-  static TempDir* dir_;
-  TempDir logs_;
+  TempDir dir_;
   std::unique_ptr<Process> server_;
   int port_ = 0;
 };
-
-TempDir* HttpTest::dir_ = nullptr;
 
 // Small requests that asked the library for large answers.
 TEST_F(HttpTest, SmallRequestsGetNoMoreThanOneAnswer) {
