@@ -8,9 +8,10 @@
 //   GET /api/history  ?provider= (required), &host=, &since=, &limit=: as `vorn history --json`
 //   GET /api/result   ?rowid=: one result with both outputs, as one JSON object
 //
-// Requests run on a few threads, each with a read-only connection of its own
-// (StorePool); nothing is cached, so every answer reflects the rows committed
-// when it was asked.
+// Each connection has a thread of its own, with limits on how many and for
+// how long (connection_guard.h); each request a read-only connection of the
+// database (StorePool). Nothing is cached, so every answer reflects the rows
+// committed when it was asked. Byte ranges are ignored: every answer is whole.
 //
 // Thread safety: serve() runs on the main thread and blocks SIGINT and SIGTERM
 // in the process before any thread starts; one of them stops it.
