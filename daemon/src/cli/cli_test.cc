@@ -606,9 +606,9 @@ TEST_F(CliTest, StatusPageInHeadlessChromium) {
       std::string pattern;
     } rows[] = {
         {"the grid's columns",
-         "<thead><tr><th>host</th><th scope=\"col\">disk</th><th scope=\"col\">load</th>"
-         "<th scope=\"col\">" +
-             wide + "1</th>"},
+         "<div role=\"columnheader\">host</div><div role=\"columnheader\">disk</div>"
+         "<div role=\"columnheader\">load</div><div role=\"columnheader\">" +
+             wide + "1</div>"},
         {"a failing tile, the linked one",
          "<a class=\"r fail selected\" href=\"#rowid=2\" data-rowid=\"2\">1</a>"},
         {"a tile that is fine", "<a class=\"r ok\" href=\"#rowid=1\" data-rowid=\"1\">0</a>"},
@@ -629,7 +629,7 @@ TEST_F(CliTest, StatusPageInHeadlessChromium) {
 
     // The pane narrows the grid's area instead of covering it, and the tile
     // clicked in the last column stays in sight, clear of the host column.
-    ASSERT_TRUE(browser.click("#grid tbody tr:last-child td:last-child .r")) << browser.error();
+    ASSERT_TRUE(browser.click("#grid-body .row:last-child > :last-child .r")) << browser.error();
     EXPECT_EQ(browser.wait_for("return document.getElementById('detail-title').textContent",
                                wide + "8 on node4"),
               wide + "8 on node4");
@@ -638,7 +638,7 @@ TEST_F(CliTest, StatusPageInHeadlessChromium) {
         const tile = document.querySelector("#grid .r.selected");
         return {tile: box(tile), pane: box(document.getElementById("detail")),
                 area: box(document.getElementById("grid-area")),
-                host: box(tile.closest("tr").firstChild)};)");
+                host: box(tile.closest(".row").firstChild)};)");
     ASSERT_TRUE(boxes.is_object()) << browser.error();
     const json& tile = boxes["tile"];
     EXPECT_LE(tile[2], boxes["pane"][0]) << boxes;
@@ -650,7 +650,7 @@ TEST_F(CliTest, StatusPageInHeadlessChromium) {
     // The view's controls: which hosts are listed, and the address that
     // reproduces the view (the selected result stays selected).
     const std::string hosts =
-        "return [...document.querySelectorAll('#grid tbody th')].map(th => th.textContent)";
+        "return [...document.querySelectorAll('#grid [role=rowheader]')].map(e => e.textContent)";
     struct Step {
       const char* comment;
       std::string click;

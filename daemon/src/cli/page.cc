@@ -36,16 +36,20 @@ constexpr const char* kPage = R"html(<!DOCTYPE html>
     main { flex-direction: column; }
     #detail { flex-basis: 45vh; border-left: 0; border-top: 1px solid #c8c8c4; }
   }
-  #grid { border-collapse: separate; border-spacing: 0; margin: 0 12px 12px 0; }
-  #grid th, #grid td { border: solid #d8d8d4; border-width: 0 1px 1px 0; padding: 2px 3px;
-                       text-align: center; white-space: nowrap; }
-  #grid thead th { position: sticky; top: 0; z-index: 1; background: #ecece8; font-weight: 600; }
-  #grid tbody th { position: sticky; left: 0; text-align: left; font-weight: normal;
-                   background: #f0f0ec; }
-  #grid thead th:first-child { left: 0; z-index: 2; }
+  /* Rows of their own, not a table: a row out of sight is neither styled nor
+     laid out (content-visibility), which is what keeps 40,000 tiles quick.
+     The columns' widths come from the script, which measures them. */
+  #grid { width: max-content; margin: 0 12px 12px 0; }
+  .row { display: grid; grid-template-columns: var(--columns); }
+  #grid-body .row { content-visibility: auto; contain-intrinsic-size: auto 27px; }
+  .row > * { border: solid #d8d8d4; border-width: 0 1px 1px 0; padding: 2px 3px;
+             text-align: center; white-space: nowrap; }
+  .row > :first-child { position: sticky; left: 0; text-align: left; background: #f0f0ec; }
+  #grid-head { position: sticky; top: 0; z-index: 1; background: #ecece8; font-weight: 600; }
+  #grid-head > :first-child { background: #ecece8; }
   .r { display: inline-block; min-width: 14px; padding: 0 3px; margin: 1px; border: 2px solid transparent;
-       border-radius: 3px; color: #fff; text-decoration: none; font-variant-numeric: tabular-nums;
-       cursor: pointer; scroll-margin: 4px; }
+       border-radius: 3px; line-height: 16px; color: #fff; text-decoration: none;
+       font-variant-numeric: tabular-nums; cursor: pointer; scroll-margin: 4px; }
   .legend .r { cursor: default; }
   .r.ok { background: #2e7d32; }
   .r.fail { background: #c62828; }
@@ -86,7 +90,10 @@ constexpr const char* kPage = R"html(<!DOCTYPE html>
 </header>
 <main>
 <div id="grid-area">
-<table id="grid"><thead><tr><th>host</th></tr></thead><tbody></tbody></table>
+<div id="grid" role="table" aria-label="latest results, a row per host and a column per provider">
+  <div id="grid-head" class="row" role="row"><div role="columnheader">host</div></div>
+  <div id="grid-body" role="rowgroup"></div>
+</div>
 </div>
 <section id="detail" hidden>
   <a id="close" href="#">close</a>
@@ -124,6 +131,34 @@ function element(tag, props, text) {
   Object.assign(e, props || {});
   if (text !== undefined) e.textContent = text;
   return e;
+}
+
+// Rows are laid out one at a time (and not at all out of sight), so the
+// columns cannot take their widest cell's width by themselves: it is
+// measured here, from the names and the tiles each column holds.
+const measure = document.createElement("canvas").getContext("2d");
+const fontOf = e => {
+  const style = getComputedStyle(e);
+  return style.fontStyle + " " + style.fontWeight + " " + style.fontSize + " " + style.fontFamily;
+};
+const fonts = {head: fontOf($("grid-head")), body: fontOf($("grid-body")),
+               tile: fontOf(document.querySelector(".legend .r"))};
+const cellExtra = 7 + 3;  // padding and border, and room for rounding
+const tileExtra = 12;     // padding, border and margin
+const tileWidths = new Map();
+
+function textWidth(text, font) {
+  measure.font = font;
+  return measure.measureText(text).width;
+}
+
+function tileWidth(exitStatus) {
+  let w = tileWidths.get(exitStatus);
+  if (w === undefined) {
+    w = Math.max(14, textWidth(String(exitStatus), fonts.tile)) + tileExtra;
+    tileWidths.set(exitStatus, w);
+  }
+  return w;
 }
 
 function readHash() {
@@ -193,17 +228,30 @@ function draw(results) {
   const shown = view.show === "failing" ? rows.filter(h => h.failing)
               : view.show === "stale" ? rows.filter(h => h.stale) : rows;
 
-  const head = element("tr");
-  head.appendChild(element("th", {}, "host"));
-  for (const p of providers) head.appendChild(element("th", {scope: "col"}, p));
+  let hostWidth = textWidth("host", fonts.head);
+  const widths = new Map(providers.map(p => [p, textWidth(p, fonts.head)]));
+  for (const h of hosts.values()) {
+    hostWidth = Math.max(hostWidth, textWidth(h.name, fonts.body));
+    for (const [p, cell] of h.cells) {
+      let w = 0;
+      for (const r of cell) w += tileWidth(r.exit_status);
+      if (w > widths.get(p)) widths.set(p, w);
+    }
+  }
+  const columns = [hostWidth, ...providers.map(p => widths.get(p))];
+
+  const head = document.createDocumentFragment();
+  head.appendChild(element("div", {role: "columnheader"}, "host"));
+  for (const p of providers) head.appendChild(element("div", {role: "columnheader"}, p));
   const hrefEnd = viewHash(Object.assign({}, view, {rowid: null})).slice(1);
   const hrefTail = hrefEnd ? "&" + hrefEnd : "";
   const body = document.createDocumentFragment();
   for (const h of shown) {
-    const row = document.createElement("tr");
-    row.appendChild(element("th", {scope: "row"}, h.name));
+    const row = element("div", {className: "row", role: "row"});
+    row.appendChild(element("div", {role: "rowheader"}, h.name));
     for (const p of providers) {
-      const td = document.createElement("td");
+      const td = document.createElement("div");
+      td.setAttribute("role", "cell");
       const cell = h.cells.get(p);
       if (cell) {
         if (cell.length > 1) cell.sort((a, b) => byName(a.option_set, b.option_set));
@@ -211,8 +259,8 @@ function draw(results) {
           const a = document.createElement("a");
           a.className = "r " + (r.exit_status === 0 ? "ok" : "fail") + (r.stale ? " stale" : "") +
                         (String(r.rowid) === view.rowid ? " selected" : "");
-          a.href = "#rowid=" + r.rowid + hrefTail;
-          a.dataset.rowid = r.rowid;
+          a.setAttribute("href", "#rowid=" + r.rowid + hrefTail);
+          a.setAttribute("data-rowid", r.rowid);
           a.textContent = r.exit_status;
           td.appendChild(a);
         }
@@ -222,8 +270,9 @@ function draw(results) {
     body.appendChild(row);
   }
   const grid = $("grid");
-  grid.tHead.replaceChildren(head);
-  grid.tBodies[0].replaceChildren(body);
+  grid.style.setProperty("--columns", columns.map(w => Math.ceil(w + cellExtra) + "px").join(" "));
+  $("grid-head").replaceChildren(head);
+  $("grid-body").replaceChildren(body);
 
   $("count-hosts").textContent = hosts.size.toLocaleString();
   $("count-providers").textContent = providers.length.toLocaleString();
@@ -235,8 +284,8 @@ function draw(results) {
                                        hosts.size.toLocaleString() + " hosts" : "";
   // The sticky header row and host column must not hide a tile scrolled to.
   const area = $("grid-area");
-  area.style.scrollPaddingTop = grid.tHead.offsetHeight + "px";
-  area.style.scrollPaddingLeft = head.firstChild.offsetWidth + "px";
+  area.style.scrollPaddingTop = $("grid-head").offsetHeight + "px";
+  area.style.scrollPaddingLeft = $("grid-head").firstChild.offsetWidth + "px";
   if (scrollPending) {
     scrollPending = false;
     scrollToSelected();
