@@ -627,25 +627,40 @@ TEST_F(CliTest, StatusPageInHeadlessChromium) {
       EXPECT_TRUE(std::regex_search(dom, std::regex(row.pattern))) << dom;
     }
 
-    // The pane narrows the grid's area instead of covering it, and the tile
-    // clicked in the last column stays in sight, clear of the host column.
-    ASSERT_TRUE(browser.click("#grid-body .row:last-child > :last-child .r")) << browser.error();
-    EXPECT_EQ(browser.wait_for("return document.getElementById('detail-title').textContent",
-                               wide + "8 on node4"),
-              wide + "8 on node4");
-    json boxes = browser.run(R"(
-        const box = e => { const r = e.getBoundingClientRect(); return [r.left, r.top, r.right, r.bottom]; };
-        const tile = document.querySelector("#grid .r.selected");
-        return {tile: box(tile), pane: box(document.getElementById("detail")),
-                area: box(document.getElementById("grid-area")),
-                host: box(tile.closest(".row").firstChild)};)");
-    ASSERT_TRUE(boxes.is_object()) << browser.error();
-    const json& tile = boxes["tile"];
-    EXPECT_LE(tile[2], boxes["pane"][0]) << boxes;
-    EXPECT_GE(tile[0], boxes["host"][2]) << boxes;
-    EXPECT_LE(tile[2], boxes["area"][2]) << boxes;
-    EXPECT_GE(tile[1], boxes["area"][1]) << boxes;
-    EXPECT_LE(tile[3], boxes["area"][3]) << boxes;
+    // The pane narrows the grid's area instead of covering it, and the
+    // selected tile, in the last column, is in sight, clear of the host column:
+    // after a click on it, and when a link to it is opened afresh (the grid
+    // then starts scrolled to its left end).
+    auto expect_selected_in_sight = [&] {
+      const std::string title = wide + "8 on node4";
+      EXPECT_EQ(
+          browser.wait_for("return document.getElementById('detail-title').textContent", title),
+          title);
+      json boxes = browser.run(R"(
+          const box = e => { const r = e.getBoundingClientRect(); return [r.left, r.top, r.right, r.bottom]; };
+          const tile = document.querySelector("#grid .r.selected");
+          return {tile: box(tile), pane: box(document.getElementById("detail")),
+                  area: box(document.getElementById("grid-area")),
+                  host: box(tile.closest(".row").firstChild)};)");
+      ASSERT_TRUE(boxes.is_object()) << browser.error();
+      const json& tile = boxes["tile"];
+      EXPECT_LE(tile[2], boxes["pane"][0]) << boxes;
+      EXPECT_GE(tile[0], boxes["host"][2]) << boxes;
+      EXPECT_LE(tile[2], boxes["area"][2]) << boxes;
+      EXPECT_GE(tile[1], boxes["area"][1]) << boxes;
+      EXPECT_LE(tile[3], boxes["area"][3]) << boxes;
+    };
+    {
+      SCOPED_TRACE("a click on a tile");
+      ASSERT_TRUE(browser.click("#grid-body .row:last-child > :last-child .r")) << browser.error();
+      expect_selected_in_sight();
+    }
+    {
+      SCOPED_TRACE("a link to it");
+      ASSERT_TRUE(browser.open("about:blank")) << browser.error();
+      ASSERT_TRUE(browser.open(page + "#rowid=13")) << browser.error();
+      expect_selected_in_sight();
+    }
 
     // The view's controls: which hosts are listed, and the address that
     // reproduces the view (the selected result stays selected).
