@@ -53,9 +53,11 @@ constexpr const char* kPage = R"html(<!DOCTYPE html>
   .legend .r { cursor: default; }
   .r.ok { background: #2e7d32; }
   .r.fail { background: #c62828; }
-  /* Old is a dark grey frame on either colour, so the number stays on a plain fill. */
+  /* Old is a grey frame around a faded fill, so the number stays on a plain
+     colour (stripes made it hard to read). */
   .r.stale { border-color: #5f5f5f; }
   .r.ok.stale { background: #c4c4c0; color: #1d1d1d; }
+  .r.fail.stale { background: #e8a9a9; color: #6d0000; }
   .r.selected { outline: 2px solid #1d1d1d; outline-offset: 1px; }
   #detail pre { background: #f3f3f0; padding: 6px; max-height: 40vh; overflow: auto;
                 white-space: pre-wrap; word-break: break-all; }
