@@ -1,10 +1,17 @@
 #include "tests/support/netns.h"
 
+#include <fcntl.h>
+#include <sched.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <iostream>
+#include <thread>
+
+#include "util/fs.h"
 
 namespace vorn::test {
 
@@ -95,6 +102,28 @@ std::vector<std::string> TestNetwork::on_host(int host,
                                   "hostname " + hostname(host) + " && exec \"$0\" \"$@\""};
   out.insert(out.end(), argv.begin(), argv.end());
   return out;
+}
+
+bool TestNetwork::run_on_host(int host, const std::function<void()>& work, std::string* why) const {
+  // ip netns keeps a namespace alive as a file of this name.
+  const std::string path = "/run/netns/" + namespace_name(host);
+  fs::Fd ns(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (ns.get() < 0) {
+    *why = "cannot open " + path + " (" + std::to_string(errno) + "): " + std::strerror(errno);
+    return false;
+  }
+  bool joined = false;
+  std::thread worker([&] {
+    // A network namespace belongs to a thread, not to the whole process.
+    if (::setns(ns.get(), CLONE_NEWNET) != 0) {
+      *why = "cannot join " + path + " (" + std::to_string(errno) + "): " + std::strerror(errno);
+      return;
+    }
+    joined = true;
+    work();
+  });
+  worker.join();
+  return joined;
 }
 
 }  // namespace vorn::test

@@ -8,6 +8,7 @@
 //
 // Needs root and iproute2; use available() to skip otherwise.
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -30,6 +31,12 @@ class TestNetwork {
 
   // The command line that runs `argv` on host `host`, under its host name.
   std::vector<std::string> on_host(int host, const std::vector<std::string>& argv) const;
+
+  // Runs `work` on a thread of its own that joined host `host`'s network
+  // namespace, so that it reaches what listens on that host's 127.0.0.1
+  // (the rest of the process stays where it is). False, with `why`, when
+  // the thread cannot join it; `work` then does not run.
+  bool run_on_host(int host, const std::function<void()>& work, std::string* why) const;
 
  private:
   std::string namespace_name(int host) const;

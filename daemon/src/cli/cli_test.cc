@@ -21,6 +21,7 @@
 #include "tests/support/netns.h"
 #include "tests/support/results.h"
 #include "tests/support/test_support.h"
+#include "tests/support/webdriver.h"
 
 namespace {
 
@@ -547,20 +548,31 @@ TEST_F(CliTest, ReadersWhileTheServerWrites) {
   EXPECT_EQ(vorn_json({"latest"}).size(), 11u);
 }
 
-// The page as a person's browser shows it. Chromium's own traffic has
-// nowhere to go: with root it runs in a network namespace of the test's own
-// (with vorn serve), and its name lookups fail except for 127.0.0.1.
+// The page as a person's browser shows it, clicked through chromedriver.
+// Chromium's own traffic has nowhere to go: with root, the browser, its
+// driver and vorn serve run in a network namespace of the test's own (the
+// test talks to the driver from a thread that joined it), and the browser's
+// name lookups fail except for 127.0.0.1.
 TEST_F(CliTest, StatusPageInHeadlessChromium) {
-  if (std::system("command -v chromium >/dev/null 2>&1") != 0) {
-    GTEST_SKIP() << "chromium is not installed (Debian's package chromium)";
+  for (std::string program : {"chromium", "chromedriver"}) {
+    if (std::system(("command -v " + program + " >/dev/null 2>&1").c_str()) != 0) {
+      GTEST_SKIP() << program << " is not installed (Debian's packages chromium, chromium-driver)";
+    }
   }
   start_server();
-  send({
+  std::vector<Sent> sent = {
       {"disk", "node1", "None", 0, 5, "disk fine\n"},
       {"disk", "node2", "None", 1, 5, "disk <b>full</b>\n", "no space\n"},
       {"load", "node1", "None", 0, 3600, "load old\n"},
       {"load", "node2", "None", 0, 5, "load fine\n"},
-  });
+      {"load", "node3", "None", 2, 3600, "load old failure\n"},
+  };
+  // Columns enough to make the grid wider than the window.
+  const std::string wide = "with-a-rather-long-name-";
+  for (int i = 1; i <= 8; ++i) {
+    sent.push_back({wide + std::to_string(i), "node4", "None", 0, 5, "wide\n"});
+  }
+  send(sent);
   std::string why;
   std::unique_ptr<vorn::test::TestNetwork> net;
   if (vorn::test::TestNetwork::available(&why)) {
@@ -570,38 +582,138 @@ TEST_F(CliTest, StatusPageInHeadlessChromium) {
   auto in_net = [&](std::vector<std::string> argv) { return net ? net->on_host(0, argv) : argv; };
   auto server = serve(net ? in_net({}) : std::vector<std::string>{});
   ASSERT_NE(serve_port_, 0);
-  std::string url = "http://127.0.0.1:" + std::to_string(serve_port_) + "/#rowid=2";
-  Process chromium(
-      in_net({"chromium", "--headless", "--no-sandbox", "--disable-gpu",
-              "--user-data-dir=" + (dir_ / "chromium"), "--disable-background-networking",
-              "--disable-component-update", "--no-first-run",
-              "--host-resolver-rules=MAP * ~NOTFOUND, EXCLUDE 127.0.0.1",
-              "--virtual-time-budget=5000", "--dump-dom", url}),
-      dir_.path());
-  ASSERT_EQ(chromium.wait_exit(milliseconds(120000)), 0) << chromium.err();
-  std::string dom = chromium.out();
-  struct Row {
-    const char* comment;
-    std::string pattern;
-  } rows[] = {
-      {"the grid's columns",
-       "<thead><tr><th>host</th><th scope=\"col\">disk</th>"
-       "<th scope=\"col\">load</th></tr></thead>"},
-      {"a failing cell",
-       "<td data-provider=\"disk\" data-host=\"node2\"><a href=\"#rowid=2\" "
-       "class=\"r fail[ \"]"},
-      {"a cell that is fine",
-       "<td data-provider=\"disk\" data-host=\"node1\"><a href=\"#rowid=1\" "
-       "class=\"r ok\""},
-      {"an old result is stale", "data-host=\"node1\"><a href=\"#rowid=3\" class=\"r ok stale\""},
-      {"counts", "id=\"count-failing\">1<"},
-      {"the linked result's output, as text",
-       "<pre id=\"stdout\">disk &lt;b&gt;full&lt;/b&gt;\n</pre>"},
-      {"and its standard error", "<pre id=\"stderr\">no space\n</pre>"},
+  int driver_port = vorn::test::free_tcp_port();
+  Process driver(in_net({"chromedriver", "--port=" + std::to_string(driver_port)}), dir_.path());
+  const std::string page = "http://127.0.0.1:" + std::to_string(serve_port_) + "/";
+
+  auto drive = [&] {
+    ASSERT_TRUE(vorn::test::webdriver_ready(driver_port, milliseconds(30000))) << driver.err();
+    vorn::test::WebDriver browser(
+        driver_port, {"--headless", "--no-sandbox", "--disable-gpu", "--window-size=1000,700",
+                      "--user-data-dir=" + (dir_ / "chromium"), "--disable-background-networking",
+                      "--disable-component-update", "--no-first-run",
+                      "--host-resolver-rules=MAP * ~NOTFOUND, EXCLUDE 127.0.0.1"});
+    ASSERT_TRUE(browser.ok()) << browser.error();
+
+    // A link to a result: the grid, and the result's outputs beside it.
+    ASSERT_TRUE(browser.open(page + "#rowid=2")) << browser.error();
+    EXPECT_EQ(
+        browser.wait_for("return document.getElementById('stderr').textContent", "no space\n"),
+        "no space\n");
+    std::string dom = browser.run("return document.documentElement.outerHTML").get<std::string>();
+    struct Row {
+      const char* comment;
+      std::string pattern;
+    } rows[] = {
+        {"the grid's columns",
+         "<div role=\"columnheader\">host</div><div role=\"columnheader\">disk</div>"
+         "<div role=\"columnheader\">load</div><div role=\"columnheader\">" +
+             wide + "1</div>"},
+        {"a failing tile, the linked one",
+         "<a class=\"r fail selected\" href=\"#rowid=2\" data-rowid=\"2\">1</a>"},
+        {"a tile that is fine", "<a class=\"r ok\" href=\"#rowid=1\" data-rowid=\"1\">0</a>"},
+        {"an old result is stale", "<a class=\"r ok stale\" href=\"#rowid=3\""},
+        {"an old failure", "<a class=\"r fail stale\" href=\"#rowid=5\""},
+        {"counts",
+         "id=\"count-hosts\">4<[\\s\\S]*id=\"count-providers\">10<[\\s\\S]*id=\"count-keys\">13<"
+         "[\\s\\S]*id=\"count-stored\">13<[\\s\\S]*id=\"count-failing\">2<[\\s\\S]*id=\"count-"
+         "stale\">2<"},
+        {"the time of a refresh", "id=\"timing\">refreshed in [0-9]+ ms"},
+        {"the linked result's output, as text",
+         "<pre id=\"stdout\">disk &lt;b&gt;full&lt;/b&gt;\n</pre>"},
+    };
+    for (const Row& row : rows) {
+      SCOPED_TRACE(row.comment);
+      EXPECT_TRUE(std::regex_search(dom, std::regex(row.pattern))) << dom;
+    }
+
+    // The pane narrows the grid's area instead of covering it, and the
+    // selected tile, in the last column, is in sight, clear of the host column:
+    // after a click on it, and when a link to it is opened afresh (the grid
+    // then starts scrolled to its left end).
+    auto expect_selected_in_sight = [&] {
+      const std::string title = wide + "8 on node4";
+      EXPECT_EQ(
+          browser.wait_for("return document.getElementById('detail-title').textContent", title),
+          title);
+      json boxes = browser.run(R"(
+          const box = e => { const r = e.getBoundingClientRect(); return [r.left, r.top, r.right, r.bottom]; };
+          const tile = document.querySelector("#grid .r.selected");
+          return {tile: box(tile), pane: box(document.getElementById("detail")),
+                  area: box(document.getElementById("grid-area")),
+                  host: box(tile.closest(".row").firstChild)};)");
+      ASSERT_TRUE(boxes.is_object()) << browser.error();
+      const json& tile = boxes["tile"];
+      EXPECT_LE(tile[2], boxes["pane"][0]) << boxes;
+      EXPECT_GE(tile[0], boxes["host"][2]) << boxes;
+      EXPECT_LE(tile[2], boxes["area"][2]) << boxes;
+      EXPECT_GE(tile[1], boxes["area"][1]) << boxes;
+      EXPECT_LE(tile[3], boxes["area"][3]) << boxes;
+    };
+    {
+      SCOPED_TRACE("a click on a tile");
+      ASSERT_TRUE(browser.click("#grid-body .row:last-child > :last-child .r")) << browser.error();
+      expect_selected_in_sight();
+    }
+    {
+      SCOPED_TRACE("a link to it");
+      ASSERT_TRUE(browser.open("about:blank")) << browser.error();
+      ASSERT_TRUE(browser.open(page + "#rowid=13")) << browser.error();
+      expect_selected_in_sight();
+    }
+
+    // The view's controls: which hosts are listed, and the address that
+    // reproduces the view (the selected result stays selected).
+    const std::string hosts =
+        "return [...document.querySelectorAll('#grid [role=rowheader]')].map(e => e.textContent)";
+    struct Step {
+      const char* comment;
+      std::string click;
+      std::vector<std::string> hosts;
+      std::string hash;
+    } steps[] = {
+        {"failing only hides the healthy hosts",
+         "#failing-only",
+         {"node2", "node3"},
+         "#rowid=13&show=failing"},
+        {"all again", "#show-all", {"node1", "node2", "node3", "node4"}, "#rowid=13"},
+        {"a click on the failing count",
+         "#filter-failing",
+         {"node2", "node3"},
+         "#rowid=13&show=failing"},
+        {"and another clears it",
+         "#filter-failing",
+         {"node1", "node2", "node3", "node4"},
+         "#rowid=13"},
+        {"the stale count", "#filter-stale", {"node1", "node3"}, "#rowid=13&show=stale"},
+        {"failing hosts first",
+         "#failing-first",
+         {"node3", "node1"},
+         "#rowid=13&show=stale&order=failing"},
+        {"of all hosts",
+         "#show-all",
+         {"node2", "node3", "node1", "node4"},
+         "#rowid=13&order=failing"},
+    };
+    for (const Step& step : steps) {
+      SCOPED_TRACE(step.comment);
+      ASSERT_TRUE(browser.click(step.click)) << browser.error();
+      EXPECT_EQ(browser.wait_for(hosts, step.hosts), json(step.hosts));
+      EXPECT_EQ(browser.run("return location.hash"), step.hash);
+    }
+    // The same address, opened afresh, shows the same view.
+    ASSERT_TRUE(browser.open("about:blank")) << browser.error();
+    ASSERT_TRUE(browser.open(page + "#show=failing&order=failing")) << browser.error();
+    EXPECT_EQ(browser.wait_for(hosts, {"node2", "node3"}), json({"node2", "node3"}));
+    EXPECT_EQ(browser.run("return [document.getElementById('failing-only').checked, "
+                          "document.getElementById('failing-first').checked, "
+                          "document.getElementById('shown').textContent]"),
+              json({true, true, "showing 2 of 4 hosts"}));
   };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.comment);
-    EXPECT_TRUE(std::regex_search(dom, std::regex(row.pattern))) << dom;
+  if (net) {
+    ASSERT_TRUE(net->run_on_host(0, drive, &why)) << why;
+  } else {
+    drive();
   }
 }
 

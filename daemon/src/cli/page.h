@@ -2,8 +2,10 @@
 // The status page of `vorn serve`: one self-contained HTML document (styles
 // and script inline, nothing loaded from elsewhere) that fetches api/latest
 // every 10 seconds and draws the hosts x providers grid, each result coloured
-// by its exit status and age; a click on a result (or a link to
-// #rowid=N) shows its outputs, fetched from api/result.
+// by its exit status and age. The address's fragment holds the view
+// (#rowid=N&show=failing|stale&order=failing): the result whose outputs the
+// pane beside the grid shows (fetched from api/result), which hosts are
+// listed and whether failing hosts come first.
 //
 // Thread safety: a constant.
 
