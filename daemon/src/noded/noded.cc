@@ -108,12 +108,14 @@ int noded_main(int argc, char** argv) {
   std::thread(handle_signals, signals).detach();
   VORN_LOG(5) << "Node daemon started: providers from '" << config.provider_config_dir
               << "', results in '" << config.provider_output_dir << "'";
+  bool publisher_failed = false;
   {
     result_publisher publisher(config);
     run_scheduler(config);
+    publisher_failed = publisher.failed();
     // The publisher's destructor gives it up to 5 s to finish its checkpoint.
   }
   VORN_LOG(5) << "Node daemon stopped";
   closelog();
-  return 0;
+  return publisher_failed ? 1 : 0;
 }

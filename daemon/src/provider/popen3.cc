@@ -1,6 +1,5 @@
 #include "daemon/src/provider/popen3.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -15,7 +14,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <fstream>
 #include <map>
 #include <mutex>
 #include <set>
@@ -25,6 +23,7 @@
 #include "daemon/src/provider/stop.h"
 #include "util/fs.h"
 #include "util/log.h"
+#include "util/proc.h"
 
 namespace {
 
@@ -108,28 +107,9 @@ void note_cut(popen3_job& job) {
 // Process table: pid -> (parent pid, state letter), from /proc.
 std::map<pid_t, std::pair<pid_t, char>> processes() {
   std::map<pid_t, std::pair<pid_t, char>> table;
-  DIR* dir = ::opendir("/proc");
-  if (dir == nullptr) {
-    return table;
+  for (const vorn::proc::Stat& stat : vorn::proc::list_processes()) {
+    table[stat.pid] = {stat.parent, stat.state};
   }
-  while (const dirent* entry = ::readdir(dir)) {
-    char* end = nullptr;
-    long pid = std::strtol(entry->d_name, &end, 10);
-    if (pid <= 0 || *end != '\0') {
-      continue;
-    }
-    std::ifstream in(std::string("/proc/") + entry->d_name + "/stat");
-    std::string stat((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    // The command name in parentheses may hold anything, ")" included.
-    size_t close = stat.rfind(')');
-    if (close == std::string::npos || close + 4 >= stat.size()) {
-      continue;
-    }
-    char state = stat[close + 2];
-    long parent = std::strtol(stat.c_str() + close + 4, nullptr, 10);
-    table[static_cast<pid_t>(pid)] = {static_cast<pid_t>(parent), state};
-  }
-  ::closedir(dir);
   return table;
 }
 

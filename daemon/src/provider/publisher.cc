@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstring>
 #include <deque>
+#include <exception>
 #include <random>
 #include <set>
 #include <string>
@@ -481,10 +482,20 @@ result_publisher::result_publisher(const daemon_config& config)
     : config_(config), thread_([this] { run(); }) {}
 
 result_publisher::~result_publisher() {
+  // Normally requested already; when the scheduler fails with an exception,
+  // this ends the publisher rather than waiting for it for ever.
+  vorn::stop::request_stop();
   thread_.join();
 }
 
 void result_publisher::run() {
-  publisher_loop loop(config_);
-  loop.run();
+  // An exception escaping a thread would abort the daemon: stop it instead.
+  try {
+    publisher_loop loop(config_);
+    loop.run();
+  } catch (const std::exception& error) {
+    VORN_LOG(3) << "The publisher failed: " << error.what() << "; stopping";
+    failed_ = true;
+    vorn::stop::request_stop();
+  }
 }
