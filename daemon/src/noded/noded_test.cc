@@ -175,6 +175,27 @@ TEST_F(NodeTest, SleepModeHoldsRunsUntilWokenAndStopEndsIt) {
   EXPECT_EQ(node->wait_exit(), 0) << node->err();
 }
 
+// A limit below any load skips the provider at every pass; the warning comes
+// once, naming the limit and the load, while other providers run on.
+TEST_F(NodeTest, LoadSkipIsLoggedOncePerProvider) {
+  std::string cfg = config("", "1");
+  provider("tick", "<command>true</command><period>1</period>");
+  vorn::test::write_file(dir_ / "providers/busy.xml",
+                         "<configuration><command>true</command><period>1</period>"
+                         "<loadavg>-1</loadavg></configuration>");
+  auto node = start(kNoded, cfg);
+  // Each pass runs tick once: three files are three passes.
+  ASSERT_TRUE(wait_until([&] { return output_files(out()) >= 3; }, milliseconds(20000)))
+      << node->err();
+  node->send_signal(SIGTERM);
+  EXPECT_EQ(node->wait_exit(), 0);
+  const std::string line = "Skipping provider because the system load exceeds -1: busy (load ";
+  std::string err = node->err();
+  ASSERT_NE(err.find(line), std::string::npos) << err;
+  EXPECT_EQ(err.find(line), err.rfind(line)) << err;
+  EXPECT_EQ(err.find("exceeds 100000"), std::string::npos) << err;
+}
+
 // The stop does not wait for a command that would run for a long time, nor
 // lets it or what it started live on; its cut-short run is no result.
 TEST_F(NodeTest, StopKillsTheRunInProgress) {
