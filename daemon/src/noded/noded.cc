@@ -65,7 +65,7 @@ void handle_signals(sigset_t set) {
           VORN_LOG(5) << "Already stopping";
           break;
         }
-        VORN_LOG(5) << "Received SIGINT / SIGTERM. Stopping...";
+        VORN_LOG(5) << "Received SIGINT / SIGTERM. Cleaning up and stopping...";
         vorn::stop::request_stop();
         // Wakes a scheduler that sleeps; it sees the stop and ends.
         { std::lock_guard<std::mutex> lock(sleep_mutex); }

@@ -208,6 +208,8 @@ TEST_F(NodeTest, StopKillsTheRunInProgress) {
       wait_until([&] { return !vorn::test::read_file(pid_file).empty(); }, milliseconds(15000)));
   pid_t child = std::stoi(vorn::test::read_file(pid_file));
   node->send_signal(SIGTERM);
+  EXPECT_TRUE(node->wait_for_err("Received SIGINT / SIGTERM. Cleaning up and stopping..."))
+      << node->err();
   EXPECT_EQ(node->wait_exit(milliseconds(20000)), 0) << node->err();
   EXPECT_TRUE(wait_until([&] { return !vorn::test::process_alive(child); }, milliseconds(5000)));
   EXPECT_EQ(output_files(out()), 0);
