@@ -10,6 +10,7 @@
 
 #include "daemon/src/config/config.h"
 #include "daemon/src/provider/publisher.h"
+#include "daemon/src/provider/run_record.h"
 #include "daemon/src/provider/scheduler.h"
 #include "daemon/src/provider/sleep_mode.h"
 #include "daemon/src/provider/stop.h"
@@ -105,6 +106,10 @@ int noded_main(int argc, char** argv) {
   if (!write_pid_file(options) && !options.pid_file.empty()) {
     return 1;
   }
+  // Before the first run, which would otherwise meet its own predecessor.
+  const std::string run_record = vorn::runs::record_path(config.provider_output_dir);
+  vorn::runs::end_leftover_runs(run_record);
+  vorn::runs::record_in(run_record);
   std::thread(handle_signals, signals).detach();
   VORN_LOG(5) << "Node daemon started: providers from '" << config.provider_config_dir
               << "', results in '" << config.provider_output_dir << "'";

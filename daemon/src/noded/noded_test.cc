@@ -11,11 +11,14 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "daemon/src/provider/run.h"
+#include "daemon/src/provider/run_record.h"
 #include "tests/support/netns.h"
 #include "tests/support/results.h"
 #include "tests/support/test_support.h"
+#include "util/proc.h"
 
 namespace {
 
@@ -213,6 +216,65 @@ TEST_F(NodeTest, StopKillsTheRunInProgress) {
   EXPECT_EQ(node->wait_exit(milliseconds(20000)), 0) << node->err();
   EXPECT_TRUE(wait_until([&] { return !vorn::test::process_alive(child); }, milliseconds(5000)));
   EXPECT_EQ(output_files(out()), 0);
+}
+
+// The live processes whose command line is exactly `command_line`, or with
+// `shell` the shells whose command line holds it.
+std::vector<pid_t> processes_running(const std::string& command_line, bool shell = false) {
+  std::vector<pid_t> found;
+  for (const vorn::proc::Stat& stat : vorn::proc::list_processes()) {
+    std::string line = vorn::proc::command_line(stat.pid);
+    bool match =
+        shell ? line.rfind("/bin/sh -c ", 0) == 0 && line.find(command_line) != std::string::npos
+              : line == command_line;
+    if (stat.state != 'Z' && match) {
+      found.push_back(stat.pid);
+    }
+  }
+  return found;
+}
+
+// A node killed with SIGKILL leaves its run behind (the shell's child is not
+// its child); the next node on the same output directory ends it before it
+// starts its own, so exactly one copy runs.
+TEST_F(NodeTest, KilledNodeLeavesNoSecondCopyOfItsRun) {
+  std::string cfg = config("", "1");
+  // Unique to this test; "; true" keeps the shell from replacing itself with
+  // sleep, so sleep is the shell's child, as a provider's programs are.
+  const std::string sleeper = "sleep 3000." + std::to_string(::getpid());
+  struct Cleanup {
+    std::string command_line;
+    ~Cleanup() {
+      for (pid_t pid : processes_running(command_line)) {
+        ::kill(pid, SIGKILL);
+      }
+    }
+  } cleanup{sleeper};
+  provider("sleeper", "<command>" + sleeper + "; true</command><timeout>600</timeout>");
+  auto node = start(kNoded, cfg);
+  ASSERT_TRUE(
+      wait_until([&] { return processes_running(sleeper).size() == 1; }, milliseconds(15000)))
+      << node->err();
+  pid_t first = processes_running(sleeper)[0];
+  node->send_signal(SIGKILL);
+  node->wait_exit();
+  // The run's shell dies with the node; its child lives on until the restart.
+  EXPECT_TRUE(
+      wait_until([&] { return processes_running(sleeper, true).empty(); }, milliseconds(5000)));
+
+  auto restarted = start(kNoded, cfg);
+  auto one_new_copy = [&] {
+    std::vector<pid_t> copies = processes_running(sleeper);
+    return copies.size() == 1 && copies[0] != first;
+  };
+  ASSERT_TRUE(wait_until(one_new_copy, milliseconds(15000))) << restarted->err();
+  EXPECT_FALSE(wait_until([&] { return !one_new_copy(); }, milliseconds(1000))) << restarted->err();
+  EXPECT_TRUE(restarted->wait_for_err("left running by an earlier instance of this daemon: "))
+      << restarted->err();
+  restarted->send_signal(SIGTERM);
+  EXPECT_EQ(restarted->wait_exit(milliseconds(20000)), 0) << restarted->err();
+  EXPECT_TRUE(wait_until([&] { return processes_running(sleeper).empty(); }, milliseconds(5000)));
+  EXPECT_NE(::access(vorn::runs::record_path(out()).c_str(), F_OK), 0) << "no run in progress";
 }
 
 // One server and three nodes on a network of their own, each node with its
