@@ -156,6 +156,27 @@ TEST_F(NodeTest, BacklogSurvivesServerDownKilledAndRestarted) {
   EXPECT_EQ(node->wait_exit(), 0);
 }
 
+// A server that is not there is logged once however often the node tries,
+// and its coming back once.
+TEST_F(NodeTest, SilentServerIsLoggedOnceAndItsReturnOnce) {
+  std::string cfg = config();
+  provider("tick", "<command>true</command><period>1</period>");
+  auto node = start(kNoded, cfg);
+  const std::string silent = "does not answer; results wait on disk until it does";
+  ASSERT_TRUE(node->wait_for_err(silent)) << node->err();
+  // A refused connection is retried every second: a few tries.
+  EXPECT_FALSE(node->wait_for_err("Delivering results", milliseconds(4000)));
+  auto server = start(kServerd, cfg);
+  ASSERT_TRUE(
+      node->wait_for_err("Delivering results to the accumulate server at", milliseconds(30000)))
+      << node->err();
+  node->send_signal(SIGTERM);
+  EXPECT_EQ(node->wait_exit(), 0);
+  std::string err = node->err();
+  EXPECT_EQ(err.find(silent), err.rfind(silent)) << err;
+  EXPECT_EQ(err.find("Delivering results"), err.rfind("Delivering results")) << err;
+}
+
 TEST_F(NodeTest, SleepModeHoldsRunsUntilWokenAndStopEndsIt) {
   std::string cfg = config("", "1");  // no server there: the files stay
   provider("tick", "<command>true</command><period>1</period>");
