@@ -83,7 +83,7 @@ void print_provider(const provider& p) {
 }
 
 void print_result(const provider_result& result) {
-  std::string text = result_text(result);
+  std::string text = result_text(result, api_text::number);
   std::fwrite(text.data(), 1, text.size(), stdout);
 }
 
