@@ -84,6 +84,15 @@ bool read_all(int fd, std::string* data) {
   }
 }
 
+bool read_file(const std::string& path, std::string* data) {
+  data->clear();
+  Fd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (fd.get() < 0) {
+    return false;
+  }
+  return read_all(fd.get(), data);
+}
+
 bool make_path(const std::string& path) {
   if (::access(path.c_str(), F_OK) == 0) {
     if (::access(path.c_str(), W_OK) == 0) {

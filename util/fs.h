@@ -6,9 +6,11 @@
 // provider runner's own thread; open_standard_descriptors is for the first
 // line of main, before any thread or file exists.
 
+#include <dirent.h>
 #include <unistd.h>
 
 #include <cstddef>
+#include <memory>
 #include <string>
 
 namespace vorn::fs {
@@ -33,6 +35,12 @@ class Fd {
   int fd_ = -1;
 };
 
+// Owns a directory stream and closes it.
+struct DirCloser {
+  void operator()(DIR* dir) const { ::closedir(dir); }
+};
+using Dir = std::unique_ptr<DIR, DirCloser>;
+
 // Writes all `size` bytes, resuming after short writes and interruptions.
 // False on an error, with errno telling which.
 bool write_all(int fd, const void* data, size_t size);
@@ -40,6 +48,13 @@ bool write_all(int fd, const void* data, size_t size);
 // Appends everything left to read from `fd` to `data`. False on an error,
 // with errno telling which.
 bool read_all(int fd, std::string* data);
+
+// Reads the whole file at `path` into `data` with plain open and read, never
+// through a stream: a read that fails (a /proc entry whose process ended
+// between open and read fails with ESRCH) is an error to report, not an
+// exception. False on an error, with errno telling which; `data` then holds
+// what was read before it.
+bool read_file(const std::string& path, std::string* data);
 
 // Absolute path of the running executable, or "" when the system cannot tell.
 std::string selfpath();

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <exception>
 
 namespace vorn::log {
 
@@ -12,6 +13,7 @@ int LOG_OUTPUT = 0;
 int LOG_SCOPE_LEVEL = 0;
 
 namespace {
+constexpr const char* kLogSource = "util/log";
 int syslog_mask = LOG_UPTO(LOG_DEBUG);
 }  // namespace
 
@@ -57,6 +59,17 @@ std::string sys_error(int error_number) {
   // The GNU strerror_r returns the text, which need not be in the buffer.
   const char* text = ::strerror_r(error_number, buffer, sizeof buffer);
   return "(" + std::to_string(error_number) + "): " + text;
+}
+
+int run_guarded(int (*body)(int, char**), int argc, char** argv) {
+  try {
+    return body(argc, argv);
+  } catch (const std::exception& error) {
+    VORN_LOG(3) << "Stopping after an unexpected error: " << error.what();
+  } catch (...) {
+    VORN_LOG(3) << "Stopping after an unexpected error";
+  }
+  return 1;
 }
 
 bool RateLimit::allow(int64_t now_ms, uint64_t* suppressed) {

@@ -73,6 +73,11 @@ class RateLimit {
   uint64_t suppressed_ = 0;
 };
 
+// Runs a program's body. An exception that escapes it is logged at error
+// priority and ends the program with status 1, where it would otherwise
+// abort the process without a word in the log.
+int run_guarded(int (*body)(int, char**), int argc, char** argv);
+
 // The tail of a failed system call's message: "(", the decimal error number,
 // "): " and the system's error text.
 std::string sys_error(int error_number);

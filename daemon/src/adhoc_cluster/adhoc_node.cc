@@ -9,8 +9,6 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
-#include <sstream>
 #include <string>
 
 #include "daemon/src/adhoc_cluster/adhoc_cluster.h"
@@ -19,6 +17,7 @@
 #include "daemon/src/config/config.h"
 #include "daemon/src/provider/provider.h"
 #include "util/czmq.h"
+#include "util/fs.h"
 
 namespace {
 
@@ -102,10 +101,9 @@ int form(const daemon_config& config, const char* provider_file) {
   if (!write_adhoc_nodefile(members, path)) {
     return 1;
   }
-  std::ifstream in(path);
-  std::stringstream text;
-  text << in.rdbuf();
-  std::printf("NODEFILE %s\n%s", path.c_str(), text.str().c_str());
+  std::string text;
+  vorn::fs::read_file(path, &text);
+  std::printf("NODEFILE %s\n%s", path.c_str(), text.c_str());
   std::fflush(stdout);
   std::remove(path.c_str());
   dissolve_adhoc_cluster(members);

@@ -28,7 +28,9 @@ vorn::czmq::Actor new_beacon(const daemon_config& config, std::string* hostname)
     }
     return nullptr;
   }
-  reported = false;
+  if (reported.exchange(false)) {
+    VORN_LOG(5) << "UDP broadcast works again";
+  }
   return beacon;
 }
 

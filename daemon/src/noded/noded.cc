@@ -10,6 +10,7 @@
 
 #include "daemon/src/config/config.h"
 #include "daemon/src/provider/publisher.h"
+#include "daemon/src/provider/run_record.h"
 #include "daemon/src/provider/scheduler.h"
 #include "daemon/src/provider/sleep_mode.h"
 #include "daemon/src/provider/stop.h"
@@ -65,7 +66,7 @@ void handle_signals(sigset_t set) {
           VORN_LOG(5) << "Already stopping";
           break;
         }
-        VORN_LOG(5) << "Received SIGINT / SIGTERM. Stopping...";
+        VORN_LOG(5) << "Received SIGINT / SIGTERM. Cleaning up and stopping...";
         vorn::stop::request_stop();
         // Wakes a scheduler that sleeps; it sees the stop and ends.
         { std::lock_guard<std::mutex> lock(sleep_mutex); }
@@ -105,15 +106,21 @@ int noded_main(int argc, char** argv) {
   if (!write_pid_file(options) && !options.pid_file.empty()) {
     return 1;
   }
+  // Before the first run, which would otherwise meet its own predecessor.
+  const std::string run_record = vorn::runs::record_path(config.provider_output_dir);
+  vorn::runs::end_leftover_runs(run_record);
+  vorn::runs::record_in(run_record);
   std::thread(handle_signals, signals).detach();
   VORN_LOG(5) << "Node daemon started: providers from '" << config.provider_config_dir
               << "', results in '" << config.provider_output_dir << "'";
+  bool publisher_failed = false;
   {
     result_publisher publisher(config);
     run_scheduler(config);
+    publisher_failed = publisher.failed();
     // The publisher's destructor gives it up to 5 s to finish its checkpoint.
   }
   VORN_LOG(5) << "Node daemon stopped";
   closelog();
-  return 0;
+  return publisher_failed ? 1 : 0;
 }

@@ -11,11 +11,14 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "daemon/src/provider/run.h"
+#include "daemon/src/provider/run_record.h"
 #include "tests/support/netns.h"
 #include "tests/support/results.h"
 #include "tests/support/test_support.h"
+#include "util/proc.h"
 
 namespace {
 
@@ -153,6 +156,27 @@ TEST_F(NodeTest, BacklogSurvivesServerDownKilledAndRestarted) {
   EXPECT_EQ(node->wait_exit(), 0);
 }
 
+// A server that is not there is logged once however often the node tries,
+// and its coming back once.
+TEST_F(NodeTest, SilentServerIsLoggedOnceAndItsReturnOnce) {
+  std::string cfg = config();
+  provider("tick", "<command>true</command><period>1</period>");
+  auto node = start(kNoded, cfg);
+  const std::string silent = "does not answer; results wait on disk until it does";
+  ASSERT_TRUE(node->wait_for_err(silent)) << node->err();
+  // A refused connection is retried every second: a few tries.
+  EXPECT_FALSE(node->wait_for_err("Delivering results", milliseconds(4000)));
+  auto server = start(kServerd, cfg);
+  ASSERT_TRUE(
+      node->wait_for_err("Delivering results to the accumulate server at", milliseconds(30000)))
+      << node->err();
+  node->send_signal(SIGTERM);
+  EXPECT_EQ(node->wait_exit(), 0);
+  std::string err = node->err();
+  EXPECT_EQ(err.find(silent), err.rfind(silent)) << err;
+  EXPECT_EQ(err.find("Delivering results"), err.rfind("Delivering results")) << err;
+}
+
 TEST_F(NodeTest, SleepModeHoldsRunsUntilWokenAndStopEndsIt) {
   std::string cfg = config("", "1");  // no server there: the files stay
   provider("tick", "<command>true</command><period>1</period>");
@@ -175,6 +199,27 @@ TEST_F(NodeTest, SleepModeHoldsRunsUntilWokenAndStopEndsIt) {
   EXPECT_EQ(node->wait_exit(), 0) << node->err();
 }
 
+// A limit below any load skips the provider at every pass; the warning comes
+// once, naming the limit and the load, while other providers run on.
+TEST_F(NodeTest, LoadSkipIsLoggedOncePerProvider) {
+  std::string cfg = config("", "1");
+  provider("tick", "<command>true</command><period>1</period>");
+  vorn::test::write_file(dir_ / "providers/busy.xml",
+                         "<configuration><command>true</command><period>1</period>"
+                         "<loadavg>-1</loadavg></configuration>");
+  auto node = start(kNoded, cfg);
+  // Each pass runs tick once: three files are three passes.
+  ASSERT_TRUE(wait_until([&] { return output_files(out()) >= 3; }, milliseconds(20000)))
+      << node->err();
+  node->send_signal(SIGTERM);
+  EXPECT_EQ(node->wait_exit(), 0);
+  const std::string line = "Skipping provider because the system load exceeds -1: busy (load ";
+  std::string err = node->err();
+  ASSERT_NE(err.find(line), std::string::npos) << err;
+  EXPECT_EQ(err.find(line), err.rfind(line)) << err;
+  EXPECT_EQ(err.find("exceeds 100000"), std::string::npos) << err;
+}
+
 // The stop does not wait for a command that would run for a long time, nor
 // lets it or what it started live on; its cut-short run is no result.
 TEST_F(NodeTest, StopKillsTheRunInProgress) {
@@ -187,9 +232,70 @@ TEST_F(NodeTest, StopKillsTheRunInProgress) {
       wait_until([&] { return !vorn::test::read_file(pid_file).empty(); }, milliseconds(15000)));
   pid_t child = std::stoi(vorn::test::read_file(pid_file));
   node->send_signal(SIGTERM);
+  EXPECT_TRUE(node->wait_for_err("Received SIGINT / SIGTERM. Cleaning up and stopping..."))
+      << node->err();
   EXPECT_EQ(node->wait_exit(milliseconds(20000)), 0) << node->err();
   EXPECT_TRUE(wait_until([&] { return !vorn::test::process_alive(child); }, milliseconds(5000)));
   EXPECT_EQ(output_files(out()), 0);
+}
+
+// The live processes whose command line is exactly `command_line`, or with
+// `shell` the shells whose command line holds it.
+std::vector<pid_t> processes_running(const std::string& command_line, bool shell = false) {
+  std::vector<pid_t> found;
+  for (const vorn::proc::Stat& stat : vorn::proc::list_processes()) {
+    std::string line = vorn::proc::command_line(stat.pid);
+    bool match =
+        shell ? line.rfind("/bin/sh -c ", 0) == 0 && line.find(command_line) != std::string::npos
+              : line == command_line;
+    if (stat.state != 'Z' && match) {
+      found.push_back(stat.pid);
+    }
+  }
+  return found;
+}
+
+// A node killed with SIGKILL leaves its run behind (the shell's child is not
+// its child); the next node on the same output directory ends it before it
+// starts its own, so exactly one copy runs.
+TEST_F(NodeTest, KilledNodeLeavesNoSecondCopyOfItsRun) {
+  std::string cfg = config("", "1");
+  // Unique to this test; "; true" keeps the shell from replacing itself with
+  // sleep, so sleep is the shell's child, as a provider's programs are.
+  const std::string sleeper = "sleep 3000." + std::to_string(::getpid());
+  struct Cleanup {
+    std::string command_line;
+    ~Cleanup() {
+      for (pid_t pid : processes_running(command_line)) {
+        ::kill(pid, SIGKILL);
+      }
+    }
+  } cleanup{sleeper};
+  provider("sleeper", "<command>" + sleeper + "; true</command><timeout>600</timeout>");
+  auto node = start(kNoded, cfg);
+  ASSERT_TRUE(
+      wait_until([&] { return processes_running(sleeper).size() == 1; }, milliseconds(15000)))
+      << node->err();
+  pid_t first = processes_running(sleeper)[0];
+  node->send_signal(SIGKILL);
+  node->wait_exit();
+  // The run's shell dies with the node; its child lives on until the restart.
+  EXPECT_TRUE(
+      wait_until([&] { return processes_running(sleeper, true).empty(); }, milliseconds(5000)));
+
+  auto restarted = start(kNoded, cfg);
+  auto one_new_copy = [&] {
+    std::vector<pid_t> copies = processes_running(sleeper);
+    return copies.size() == 1 && copies[0] != first;
+  };
+  ASSERT_TRUE(wait_until(one_new_copy, milliseconds(15000))) << restarted->err();
+  EXPECT_FALSE(wait_until([&] { return !one_new_copy(); }, milliseconds(1000))) << restarted->err();
+  EXPECT_TRUE(restarted->wait_for_err("left running by an earlier instance of this daemon: "))
+      << restarted->err();
+  restarted->send_signal(SIGTERM);
+  EXPECT_EQ(restarted->wait_exit(milliseconds(20000)), 0) << restarted->err();
+  EXPECT_TRUE(wait_until([&] { return processes_running(sleeper).empty(); }, milliseconds(5000)));
+  EXPECT_NE(::access(vorn::runs::record_path(out()).c_str(), F_OK), 0) << "no run in progress";
 }
 
 // One server and three nodes on a network of their own, each node with its

@@ -3,10 +3,11 @@
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
-#include <fstream>
 #include <limits>
+#include <sstream>
 
 #include "daemon/src/provider/provider.h"
+#include "util/fs.h"
 #include "util/log.h"
 #include "util/node.h"
 
@@ -15,10 +16,11 @@ constexpr const char* kLogSource = "daemon/src/provider";
 }  // namespace
 
 bool read_node_file(const std::string& path, uint16_t& count, std::string& nodes_text) {
-  std::ifstream in(path);
-  if (!in) {
+  std::string text;
+  if (!vorn::fs::read_file(path, &text)) {
     return false;
   }
+  std::istringstream in(text);
   vorn::node::Nodelist nodes;
   nodes.parse(in);
   if (nodes.empty()) {

@@ -1,6 +1,5 @@
 #include "daemon/src/provider/popen3.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -15,16 +14,17 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <fstream>
 #include <map>
 #include <mutex>
 #include <set>
 #include <thread>
 #include <vector>
 
+#include "daemon/src/provider/run_record.h"
 #include "daemon/src/provider/stop.h"
 #include "util/fs.h"
 #include "util/log.h"
+#include "util/proc.h"
 
 namespace {
 
@@ -34,10 +34,39 @@ constexpr short kEvents = POLLIN | POLLERR | POLLHUP | POLLNVAL;
 
 using vorn::fs::Fd;
 
+// The daemon's environment with the run's mark, made before the fork: the
+// child may only make async-signal-safe calls.
+struct ChildEnvironment {
+  std::vector<std::string> entries;
+  std::vector<char*> pointers;
+
+  explicit ChildEnvironment(const std::string& run_id) {
+    const std::string prefix = std::string(vorn::runs::kRunIdVariable) + "=";
+    for (char** entry = environ; *entry != nullptr; ++entry) {
+      if (std::strncmp(*entry, prefix.c_str(), prefix.size()) != 0) {
+        entries.emplace_back(*entry);
+      }
+    }
+    entries.push_back(prefix + run_id);
+    for (std::string& entry : entries) {
+      pointers.push_back(entry.data());
+    }
+    pointers.push_back(nullptr);
+  }
+};
+
 // Only async-signal-safe calls between fork and exec: the daemon may have
 // other threads.
-[[noreturn]] void run_child(const std::string& command, int out_fd, int err_fd) {
+[[noreturn]] void run_child(const std::string& command, int out_fd, int err_fd,
+                            char* const* environment, pid_t parent) {
   ::setpgid(0, 0);
+  // The shell dies with the thread that forked it (popen3 blocks that thread
+  // for the whole run), so a killed daemon leaves no run behind without a
+  // time-out. A parent that died before this call is seen in getppid().
+  ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+  if (::getppid() != parent) {
+    ::_exit(125);
+  }
   // Copies above the standard descriptors, so that neither dup2 below can
   // overwrite the other's source when the daemon runs with 0 to 2 closed.
   out_fd = ::fcntl(out_fd, F_DUPFD_CLOEXEC, 3);
@@ -59,7 +88,7 @@ using vorn::fs::Fd;
     ::_exit(253);
   }
   const char* argv[] = {"/bin/sh", "-c", command.c_str(), nullptr};
-  ::execv("/bin/sh", const_cast<char* const*>(argv));
+  ::execve("/bin/sh", const_cast<char* const*>(argv), environment);
   ::_exit(127);
 }
 
@@ -108,28 +137,9 @@ void note_cut(popen3_job& job) {
 // Process table: pid -> (parent pid, state letter), from /proc.
 std::map<pid_t, std::pair<pid_t, char>> processes() {
   std::map<pid_t, std::pair<pid_t, char>> table;
-  DIR* dir = ::opendir("/proc");
-  if (dir == nullptr) {
-    return table;
+  for (const vorn::proc::Stat& stat : vorn::proc::list_processes()) {
+    table[stat.pid] = {stat.parent, stat.state};
   }
-  while (const dirent* entry = ::readdir(dir)) {
-    char* end = nullptr;
-    long pid = std::strtol(entry->d_name, &end, 10);
-    if (pid <= 0 || *end != '\0') {
-      continue;
-    }
-    std::ifstream in(std::string("/proc/") + entry->d_name + "/stat");
-    std::string stat((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    // The command name in parentheses may hold anything, ")" included.
-    size_t close = stat.rfind(')');
-    if (close == std::string::npos || close + 4 >= stat.size()) {
-      continue;
-    }
-    char state = stat[close + 2];
-    long parent = std::strtol(stat.c_str() + close + 4, nullptr, 10);
-    table[static_cast<pid_t>(pid)] = {static_cast<pid_t>(parent), state};
-  }
-  ::closedir(dir);
   return table;
 }
 
@@ -306,13 +316,16 @@ int popen3(popen3_job& job) {
   Fd err_read(err_pipe[0]);
   Fd err_write(err_pipe[1]);
 
+  const std::string run_id = vorn::runs::new_run_id();
+  ChildEnvironment environment(run_id);
+  const pid_t parent = ::getpid();
   pid_t pid = ::fork();
   if (pid < 0) {
     VORN_LOG(3) << "failed to fork child process";
     std::exit(255);
   }
   if (pid == 0) {
-    run_child(job.command, out_write.get(), err_write.get());
+    run_child(job.command, out_write.get(), err_write.get(), environment.pointers.data(), parent);
   }
   // Set here too, so the group exists before the parent may signal it.
   ::setpgid(pid, pid);
@@ -320,6 +333,7 @@ int popen3(popen3_job& job) {
     std::lock_guard<std::mutex> lock(runs_mutex);
     running.insert(pid);
   }
+  vorn::runs::started(pid, run_id);
   out_write.reset();
   err_write.reset();
   Fd child(open_pidfd(pid));
@@ -425,6 +439,7 @@ int popen3(popen3_job& job) {
       orphans.insert(pid);  // given up on for now; a later run reaps it
     }
   }
+  vorn::runs::ended(pid);
   note_cut(job);
   errno = wait_error;
   job.exit_status = (status & 0xff00) >> 8;

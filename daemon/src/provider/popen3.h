@@ -13,6 +13,13 @@
 // busy waiting; past max_output_size per stream it is read and thrown away,
 // so that the command never blocks on a full pipe and memory stays bounded.
 //
+// The shell gets SIGKILL when the thread that called popen3 ends (the call
+// blocks it for the run, so a thread that calls popen3 lives long enough),
+// and so when the daemon is killed. What the shell started does not inherit
+// that; every process of a run carries VORN_RUN_ID in its environment
+// instead, and its group is recorded (run_record.h) for a daemon started
+// later to end.
+//
 // Orphans of runs that ended in time are left running and reaped, once they
 // end, by a later run. Every child of the calling process that appears while
 // a run is in progress counts as the run's, so a program that calls popen3

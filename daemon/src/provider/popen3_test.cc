@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <chrono>
 #include <filesystem>
+#include <memory>
 #include <sstream>
 
 #include "tests/support/test_support.h"
@@ -226,6 +227,25 @@ TEST(Popen3Test, OutputIsCappedPerStream) {
     EXPECT_EQ(r.job.stderr_data.substr(0, row.err_prefix.size()), row.err_prefix);
     std::string rest = r.job.stderr_data.substr(row.err_prefix.size());
     EXPECT_EQ(rest.substr(rest.find_first_not_of("0123456789")), " bytes discarded\n") << rest;
+  }
+}
+
+// The runner scans /proc around every run; processes that end while it reads
+// their entries must cost nothing, not abort the daemon. Two shells start and
+// reap short-lived processes, 16 at a time, as fast as they can.
+TEST(Popen3Test, RunsWhileProcessesComeAndGoAroundIt) {
+  vorn::test::TempDir dir;
+  std::vector<std::unique_ptr<vorn::test::Process>> churn;
+  for (int i = 0; i < 2; ++i) {
+    churn.push_back(std::make_unique<vorn::test::Process>(
+        std::vector<std::string>{"/bin/sh", "-c",
+                                 "while :; do for i in $(seq 16); do /bin/true & done; wait; done"},
+        dir.path()));
+  }
+  for (int i = 0; i < 200; ++i) {
+    Ran r = run("echo " + std::to_string(i), 30);
+    ASSERT_EQ(r.rc, 0) << "run " << i;
+    ASSERT_EQ(r.job.stdout_data, std::to_string(i) + "\n") << "run " << i;
   }
 }
 

@@ -56,6 +56,7 @@ struct provider {
   int32_t period = 60;
   double loadavg = 1.0;
   bool disabled = false;
+  bool load_skip_logged = false;  // since the load last let it through
   timeval last_run{};
   timeval next_run{};
   std::unique_ptr<provider> next;

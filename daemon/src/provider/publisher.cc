@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstring>
 #include <deque>
+#include <exception>
 #include <random>
 #include <set>
 #include <string>
@@ -42,10 +43,11 @@ constexpr int kRetryAfterCloseMs = 1000;
 constexpr time_t kWriterGraceSeconds = 2;
 constexpr const char* kRejectedDirectory = "rejected";
 
-// Logs a lasting condition once, and again only after it was cleared.
+// A lasting condition, logged once when it starts (or changes) and once when
+// it clears, however often it is seen in between.
 class Condition {
  public:
-  // True the first time after a clear: the caller logs then.
+  // True when the condition starts or changes: the caller logs it then.
   bool raise(const std::string& what) {
     if (what == current_) {
       return false;
@@ -53,7 +55,12 @@ class Condition {
     current_ = what;
     return true;
   }
-  void clear() { current_.clear(); }
+  // True when a condition was in force: the caller logs that it cleared.
+  bool clear() {
+    bool was_raised = !current_.empty();
+    current_.clear();
+    return was_raised;
+  }
 
  private:
   std::string current_;
@@ -194,8 +201,8 @@ class publisher_loop {
             VORN_LOG(3) << "Cannot read provider output directory '" << directory_ << "' "
                         << vorn::log::sys_error(errno);
           }
-        } else {
-          directory_problem_.clear();
+        } else if (directory_problem_.clear()) {
+          VORN_LOG(5) << "Provider output directory '" << directory_ << "' is readable again";
         }
       }
       if (queue_.empty()) {
@@ -242,36 +249,25 @@ class publisher_loop {
         error = std::string("accumulate_port '") + config_.accumulate_port + "' is not a port";
       }
       if (address.empty()) {
-        if (server_problem_.raise(error)) {
-          VORN_LOG(3) << "Cannot reach accumulate server '" << config_.accumulate_host
-                      << "': " << error << "; retrying";
-        }
-        vorn::stop::wait_for_stop(kAnswerTimeoutMs);
-        return false;
+        return connect_failed(std::string("Cannot reach accumulate server '") +
+                              config_.accumulate_host + "': " + error);
       }
     } else if (!discover(address, port)) {
       return false;
     }
-    server_problem_.clear();
     c.server = "tcp://" + address + ":" + std::to_string(port);
     // The reply socket must be reachable from the server: the address on the
     // route towards it (loopback only for a server on this node).
     std::string local = vorn::host::local_address_towards(address, port);
     if (local.empty()) {
-      if (server_problem_.raise("no route")) {
-        VORN_LOG(3) << "No route to the accumulate server at " << c.server << "; retrying";
-      }
-      vorn::stop::wait_for_stop(kAnswerTimeoutMs);
-      return false;
+      return connect_failed("No route to the accumulate server at " + c.server);
     }
     vorn::czmq::init();
     c.publisher.reset(zsock_new(ZMQ_PUB));
     c.reply.reset(zsock_new(ZMQ_ROUTER));
     if (!c.publisher || !c.reply || zsock_bind(c.reply.get(), "tcp://%s:*", local.c_str()) < 0) {
-      VORN_LOG(3) << "Cannot make the sockets to reach " << c.server << " "
-                  << vorn::log::sys_error(errno);
-      vorn::stop::wait_for_stop(kAnswerTimeoutMs);
-      return false;
+      return connect_failed("Cannot make the sockets to reach " + c.server + " " +
+                            vorn::log::sys_error(errno));
     }
     c.reply_endpoint = vorn::czmq::last_endpoint(c.reply.get());
     void* pub = zsock_resolve(c.publisher.get());
@@ -292,18 +288,28 @@ class publisher_loop {
         zmq_socket_monitor(pub, monitor_endpoint.c_str(),
                            ZMQ_EVENT_CLOSED | ZMQ_EVENT_DISCONNECTED) != 0 ||
         zsock_connect(c.monitor.get(), "%s", monitor_endpoint.c_str()) != 0) {
-      VORN_LOG(3) << "Cannot watch the connection to " << c.server << " "
-                  << vorn::log::sys_error(errno);
-      vorn::stop::wait_for_stop(kAnswerTimeoutMs);
-      return false;
+      return connect_failed("Cannot watch the connection to " + c.server + " " +
+                            vorn::log::sys_error(errno));
     }
     if (zsock_connect(c.publisher.get(), "%s", c.server.c_str()) != 0) {
-      VORN_LOG(3) << "Cannot connect to the accumulate server at " << c.server << " "
-                  << vorn::log::sys_error(errno);
-      vorn::stop::wait_for_stop(kAnswerTimeoutMs);
-      return false;
+      return connect_failed("Cannot connect to the accumulate server at " + c.server + " " +
+                            vorn::log::sys_error(errno));
+    }
+    // Cleared only once all of it worked: a name that resolves again says
+    // nothing of a route, nor a route of the sockets.
+    if (server_problem_.clear()) {
+      VORN_LOG(5) << "The accumulate server at " << c.server << " is reachable again";
     }
     return true;
+  }
+
+  // Logs a failure to connect while it lasts, once; false after a pause.
+  bool connect_failed(const std::string& message) {
+    if (server_problem_.raise(message)) {
+      VORN_LOG(3) << message << "; retrying";
+    }
+    vorn::stop::wait_for_stop(kAnswerTimeoutMs);
+    return false;
   }
 
   // Listens for the server's discovery beacon for a while; false when none
@@ -481,10 +487,20 @@ result_publisher::result_publisher(const daemon_config& config)
     : config_(config), thread_([this] { run(); }) {}
 
 result_publisher::~result_publisher() {
+  // Normally requested already; when the scheduler fails with an exception,
+  // this ends the publisher rather than waiting for it for ever.
+  vorn::stop::request_stop();
   thread_.join();
 }
 
 void result_publisher::run() {
-  publisher_loop loop(config_);
-  loop.run();
+  // An exception escaping a thread would abort the daemon: stop it instead.
+  try {
+    publisher_loop loop(config_);
+    loop.run();
+  } catch (const std::exception& error) {
+    VORN_LOG(3) << "The publisher failed: " << error.what() << "; stopping";
+    failed_ = true;
+    vorn::stop::request_stop();
+  }
 }

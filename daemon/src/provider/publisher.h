@@ -26,8 +26,10 @@
 //
 // Thread safety: the publisher runs on a thread of its own, started by the
 // constructor. After the stop is requested (stop.h) it finishes the
-// checkpoint under way for at most 5 s and ends; the destructor waits for it.
+// checkpoint under way for at most 5 s and ends; the destructor requests the
+// stop (should nobody have) and waits for it.
 
+#include <atomic>
 #include <thread>
 
 #include "daemon/src/config/config.h"
@@ -40,9 +42,14 @@ class result_publisher {
   result_publisher& operator=(const result_publisher&) = delete;
   ~result_publisher();
 
+  // True when the publisher ended on an unexpected error (and requested the
+  // daemon's stop); read it once the scheduler has returned.
+  bool failed() const { return failed_; }
+
  private:
   void run();
 
   const daemon_config& config_;
+  std::atomic<bool> failed_{false};
   std::thread thread_;
 };

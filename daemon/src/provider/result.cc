@@ -45,7 +45,7 @@ int send_result(const provider_result& result, const daemon_config& config, zsoc
   return 1;
 }
 
-std::string result_text(const result_view& result) {
+std::string result_text(const result_view& result, api_text api) {
   const result_header& h = result.header;
   std::ostringstream text;
   text << "Name: " << h.name << "\n"
@@ -55,7 +55,10 @@ std::string result_text(const result_view& result) {
        << h.timestamp.tv_usec << std::setfill(' ') << "\n"
        << "Exit status: " << h.exit_status << "\n"
        << "Encoding: " << h.encoding << "\n"
-       << "API: " << static_cast<char>(h.api) << "\n"
+       << "API: "
+       << (api == api_text::number ? std::to_string(h.api)
+                                   : std::string(1, static_cast<char>(h.api)))
+       << "\n"
        << "OptionID: " << h.option_id << "\n"
        << "version: " << h.version << "\n"
        << "stdout (" << h.stdout_size << " bytes): \n"

@@ -95,6 +95,10 @@ std::string accumulate_topic(const daemon_config& config);
 // when sending failed (reported on standard error).
 int send_result(const provider_result& result, const daemon_config& config, zsock_t* socket);
 
+// How the API field appears in the text form: the server's text dump keeps
+// the raw byte its readers expect; people read the number.
+enum class api_text { raw_byte, number };
+
 // The text form of a result: one "Field: value" line per header field, then
 // the outputs and the node list as they are (bytes unchanged).
-std::string result_text(const result_view& result);
+std::string result_text(const result_view& result, api_text api = api_text::raw_byte);

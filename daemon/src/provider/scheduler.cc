@@ -38,8 +38,11 @@ bool pass_sleep_mode() {
   return !vorn::stop::stop_requested();
 }
 
-// True when the one-minute load lets the provider run (logged when not).
-bool load_allows(const provider& record, const daemon_config& config) {
+// True when the one-minute load lets the provider run. A skip is a warning,
+// so that the usual syslog mask shows why a provider stays silent, but only
+// once until the load lets the provider through again: a busy node would
+// otherwise log it every pass.
+bool load_allows(provider& record, const daemon_config& config) {
   double load[3];
   if (::getloadavg(load, 3) != 3) {
     VORN_LOG(3) << "Unable to obtain system load average";
@@ -47,10 +50,14 @@ bool load_allows(const provider& record, const daemon_config& config) {
   }
   double limit = std::min(record.loadavg, config.provider_loadavg);
   if (load[0] > limit) {
-    VORN_LOG(6) << "Skipping provider because the system load exceeds " << limit << ": "
-                << record.name;
+    if (!record.load_skip_logged) {
+      VORN_LOG(4) << "Skipping provider because the system load exceeds " << limit << ": "
+                  << record.name << " (load " << load[0] << ")";
+      record.load_skip_logged = true;
+    }
     return false;
   }
+  record.load_skip_logged = false;
   return true;
 }
 

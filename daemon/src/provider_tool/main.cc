@@ -5,7 +5,6 @@
 
 #include <cstdio>
 #include <cstring>
-#include <iostream>
 #include <string>
 #include <vector>
 
@@ -84,7 +83,7 @@ void print_provider(const provider& p) {
 }
 
 void print_result(const provider_result& result) {
-  std::string text = result_text(result);
+  std::string text = result_text(result, api_text::number);
   std::fwrite(text.data(), 1, text.size(), stdout);
 }
 
@@ -204,9 +203,7 @@ int show(int argc, char** argv) {
   return status;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int run_program(int argc, char** argv) {
   if (!vorn::fs::open_standard_descriptors()) {
     return 1;
   }
@@ -227,4 +224,10 @@ int main(int argc, char** argv) {
     status = show(argc - 2, argv + 2);
   }
   return status < 0 ? usage(argv[0], 2) : status;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  return vorn::log::run_guarded(run_program, argc, argv);
 }

@@ -102,8 +102,10 @@ TEST_F(ProviderToolTest, RunOncePerOptionSetAndShowTheOutput) {
   std::string lower = xml_file("probe.xml", "<command>printf plain; exit 2</command>");
   Outcome none = tool({"run", lower, "-c", cfg});
   ASSERT_EQ(none.status, 0) << none.err;
-  EXPECT_NE(none.out.find("Exit status: 2\nEncoding: 0\nAPI: \x01\nOptionID: None\n"),
-            std::string::npos);
+  // The API field as a number, not its raw byte.
+  EXPECT_NE(none.out.find("Exit status: 2\nEncoding: 0\nAPI: 1\nOptionID: None\n"),
+            std::string::npos)
+      << none.out;
 
   // `show` prints an output file as `run` did, and refuses a cut one.
   std::string output_file = none.out.substr(0, none.out.find('\n'));

@@ -4,11 +4,9 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
-#include <iostream>
-#include <iterator>
 #include <string>
 
 #include "daemon/src/config/config.h"
@@ -17,6 +15,7 @@
 #include "daemon/src/startup/startup.h"
 #include "util/fs.h"
 #include "util/host.h"
+#include "util/log.h"
 #include "util/str.h"
 
 namespace {
@@ -39,9 +38,7 @@ bool is_local(const std::string& host) {
   return host == "127.0.0.1" || host == "localhost" || host == "*";
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int run_program(int argc, char** argv) {
   if (!vorn::fs::open_standard_descriptors()) {
     return 1;
   }
@@ -97,15 +94,12 @@ int main(int argc, char** argv) {
   }
 
   std::string output;
-  if (argc - optind == 2) {
-    std::ifstream in(argv[optind + 1], std::ios::binary);
-    if (!in) {
-      std::fprintf(stderr, "Cannot read '%s'\n", argv[optind + 1]);
-      return 1;
-    }
-    output.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-  } else {
-    output.assign(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
+  const bool from_file = argc - optind == 2;
+  if (from_file ? !vorn::fs::read_file(argv[optind + 1], &output)
+                : !vorn::fs::read_all(STDIN_FILENO, &output)) {
+    std::fprintf(stderr, "Cannot read '%s' %s\n", from_file ? argv[optind + 1] : "standard input",
+                 vorn::log::sys_error(errno).c_str());
+    return 1;
   }
 
   provider_result result;
@@ -141,4 +135,10 @@ int main(int argc, char** argv) {
   std::printf("Sent result of '%s' (%zu bytes of output) to %s, and the server stored it\n",
               result.header.name, output.size(), endpoint.c_str());
   return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  return vorn::log::run_guarded(run_program, argc, argv);
 }

@@ -154,13 +154,14 @@ bool run_accumulate_server(daemon_options& options, const daemon_config& config,
     }
     // Only CZMQ's interrupt flag (the second stop signal) stops at once.
     if (zsys_interrupted) {
-      VORN_LOG(5) << "Received SIGINT / SIGTERM. Cleaning up and stopping...";
+      VORN_LOG(5) << "Received a second SIGINT / SIGTERM. Stopping at once";
       break;
     }
     if (!options.running) {
       // Senders that never pause must not keep a stopping server alive.
       int64_t now = zclock_mono();
       if (stop_seen_ms < 0) {
+        VORN_LOG(5) << "Received SIGINT / SIGTERM. Cleaning up and stopping...";
         stop_seen_ms = now;
       } else if (now - stop_seen_ms >= int64_t{config.drain_timeout} * 1000) {
         VORN_LOG(5) << "Stopping after draining for " << config.drain_timeout
@@ -196,7 +197,7 @@ bool run_accumulate_server(daemon_options& options, const daemon_config& config,
     zmq_pollitem_t item = {socket, 0, static_cast<short>(slot != nullptr ? ZMQ_POLLIN : 0), 0};
     int ready = zmq_poll(&item, 1, wait_ms);
     if (ready < 0 && zmq_errno() == ETERM) {
-      VORN_LOG(5) << "Received SIGINT / SIGTERM. Cleaning up and stopping...";
+      VORN_LOG(5) << "The ZeroMQ context is ending. Stopping at once";
       break;
     }
     if (ready > 0) {
