@@ -11,7 +11,6 @@
 #include <cstring>
 #include <deque>
 #include <exception>
-#include <random>
 #include <set>
 #include <string>
 #include <vector>
@@ -68,9 +67,7 @@ class Condition {
 
 struct connection {
   std::string server;  // tcp://<address>:<port>
-  std::string reply_endpoint;
   vorn::czmq::Socket publisher;
-  vorn::czmq::Socket reply;
   // Hears of the publisher's connection closing, refused or broken, so the
   // loop does not wait for answers that cannot come.
   vorn::czmq::Socket monitor;
@@ -164,12 +161,7 @@ int discovery_port(const std::string& payload, const daemon_config& config) {
 class publisher_loop {
  public:
   explicit publisher_loop(const daemon_config& config)
-      : config_(config), directory_(config.provider_output_dir) {
-    // Numbers grow within a run; a random start keeps a restarted node from
-    // repeating a request the server still remembers as answered.
-    std::random_device random;
-    number_ = static_cast<int32_t>(random() % (1u << 30)) + 1;
-  }
+      : config_(config), directory_(config.provider_output_dir) {}
 
   void run() {
     while (!vorn::stop::stop_requested()) {
@@ -264,12 +256,10 @@ class publisher_loop {
     }
     vorn::czmq::init();
     c.publisher.reset(zsock_new(ZMQ_PUB));
-    c.reply.reset(zsock_new(ZMQ_ROUTER));
-    if (!c.publisher || !c.reply || zsock_bind(c.reply.get(), "tcp://%s:*", local.c_str()) < 0) {
+    if (!c.publisher || !open_pub_ack_client(ack_, local)) {
       return connect_failed("Cannot make the sockets to reach " + c.server + " " +
                             vorn::log::sys_error(errno));
     }
-    c.reply_endpoint = vorn::czmq::last_endpoint(c.reply.get());
     void* pub = zsock_resolve(c.publisher.get());
     int on = 1;
     zmq_setsockopt(pub, ZMQ_XPUB_NODROP, &on, sizeof on);
@@ -279,7 +269,6 @@ class publisher_loop {
     // So a broken connection stays broken, and the missing answer makes a new one.
     zsock_set_reconnect_ivl(c.publisher.get(), -1);
     zsock_set_linger(c.publisher.get(), 0);
-    zsock_set_linger(c.reply.get(), 0);
     static std::atomic<int> monitors{0};
     const std::string monitor_endpoint =
         "inproc://vorn-publisher-monitor-" + std::to_string(++monitors);
@@ -419,7 +408,7 @@ class publisher_loop {
   // Asks "PUB_ACK" every 500 ms until the server answers; false after 10 s
   // without an answer, or when the stop leaves no more time.
   bool checkpoint(connection& c) {
-    const int32_t number = number_++;
+    const int32_t number = next_pub_ack_number(ack_);
     int64_t deadline = zclock_mono() + kAnswerTimeoutMs;
     int64_t next_request = 0;
     bool stopping = false;
@@ -435,10 +424,10 @@ class publisher_loop {
       if (now >= next_request) {
         // Queued behind the batch; a full queue just means a later request.
         zsock_set_sndtimeo(c.publisher.get(), 0);
-        send_pub_ack_request(c.publisher.get(), config_, c.reply_endpoint, number);
+        send_pub_ack_request(ack_, c.publisher.get(), config_, number);
         next_request = now + kRequestIntervalMs;
       }
-      zmq_pollitem_t items[] = {{zsock_resolve(c.reply.get()), 0, ZMQ_POLLIN, 0},
+      zmq_pollitem_t items[] = {{zsock_resolve(ack_.reply.get()), 0, ZMQ_POLLIN, 0},
                                 {zsock_resolve(c.monitor.get()), 0, ZMQ_POLLIN, 0},
                                 {nullptr, vorn::stop::stop_fd(), ZMQ_POLLIN, 0}};
       // Once stopping, the stop descriptor would wake every poll at once.
@@ -447,11 +436,8 @@ class publisher_loop {
       if (zmq_poll(items, count, wait) <= 0) {
         continue;
       }
-      if (items[0].revents & ZMQ_POLLIN) {
-        vorn::czmq::Message answer(zmsg_recv(c.reply.get()));
-        if (answer && is_pub_ack_answer(answer.get(), number)) {
-          return true;
-        }
+      if ((items[0].revents & ZMQ_POLLIN) && read_pub_ack_answer(ack_, number)) {
+        return true;
       }
       if (items[1].revents & ZMQ_POLLIN) {
         // What was sent on the closed connection may be lost: no answer
@@ -472,7 +458,8 @@ class publisher_loop {
 
   const daemon_config& config_;
   const std::string directory_;
-  int32_t number_;
+  // Its reply socket is made anew with each connection; its numbers go on.
+  pub_ack_client ack_;
   std::deque<std::string> queue_;
   std::set<std::string> unmovable_;
   std::string announced_;  // the server that answered last

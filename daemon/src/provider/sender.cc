@@ -1,5 +1,6 @@
 #include "daemon/src/provider/sender.h"
 
+#include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -59,29 +60,61 @@ vorn::czmq::Socket connect_result_publisher(const std::string& endpoint) {
   return publisher;
 }
 
+bool open_pub_ack_client(pub_ack_client& client, const std::string& reply_host) {
+  vorn::czmq::init();
+  client.reply.reset();  // the old one first: it may hold the port
+  client.reply.reset(zsock_new(ZMQ_ROUTER));
+  if (!client.reply || zsock_bind(client.reply.get(), "tcp://%s:*", reply_host.c_str()) < 0) {
+    client.reply.reset();
+    return false;
+  }
+  zsock_set_linger(client.reply.get(), 0);
+  client.endpoint = vorn::czmq::last_endpoint(client.reply.get());
+  if (client.next_number == 0) {
+    client.next_number = static_cast<int32_t>(std::random_device{}() % (1u << 30)) + 1;
+  }
+  return true;
+}
+
+int32_t next_pub_ack_number(pub_ack_client& client) {
+  int32_t number = client.next_number;
+  // Past the largest number, start again low rather than overflow.
+  client.next_number = number < INT32_MAX ? number + 1 : 1;
+  return number;
+}
+
+bool send_pub_ack_request(const pub_ack_client& client, zsock_t* publisher,
+                          const daemon_config& config, int32_t number) {
+  return send_pub_ack_request(publisher, config, client.endpoint, number);
+}
+
+bool read_pub_ack_answer(pub_ack_client& client, int32_t number) {
+  vorn::czmq::Message answer(zmsg_recv(client.reply.get()));
+  return answer && is_pub_ack_answer(answer.get(), number);
+}
+
+bool await_pub_ack(pub_ack_client& client, zsock_t* publisher, const daemon_config& config,
+                   int timeout_ms) {
+  const int32_t number = next_pub_ack_number(client);
+  vorn::czmq::Poller poller(zpoller_new(client.reply.get(), nullptr));
+  const int64_t deadline = zclock_mono() + timeout_ms;
+  while (zclock_mono() < deadline) {
+    send_pub_ack_request(client, publisher, config, number);
+    if (zpoller_wait(poller.get(), kRetryIntervalMs) != nullptr &&
+        read_pub_ack_answer(client, number)) {
+      return true;
+    }
+  }
+  return false;
+}
+
 bool request_pub_ack(zsock_t* publisher, const daemon_config& config, const std::string& reply_host,
                      int timeout_ms) {
-  vorn::czmq::init();
-  vorn::czmq::Socket reply(zsock_new(ZMQ_REP));
-  if (!reply || zsock_bind(reply.get(), "tcp://%s:*", reply_host.c_str()) < 0) {
+  pub_ack_client client;
+  if (!open_pub_ack_client(client, reply_host)) {
     VORN_LOG(3) << "Unable to bind pub-ack reply socket on '" << reply_host << "' "
                 << vorn::log::sys_error(errno);
     return false;
   }
-  const std::string endpoint = vorn::czmq::last_endpoint(reply.get());
-  const int32_t number = static_cast<int32_t>(std::random_device{}());
-  vorn::czmq::Poller poller(zpoller_new(reply.get(), nullptr));
-  const int64_t deadline = zclock_mono() + timeout_ms;
-  while (zclock_mono() < deadline) {
-    send_pub_ack_request(publisher, config, endpoint, number);
-    if (zpoller_wait(poller.get(), kRetryIntervalMs) != nullptr) {
-      vorn::czmq::Message answer(zmsg_recv(reply.get()));
-      if (answer && is_pub_ack_answer(answer.get(), number)) {
-        return true;
-      }
-      // A REP socket must answer before it can receive again.
-      zstr_send(reply.get(), "");
-    }
-  }
-  return false;
+  return await_pub_ack(client, publisher, config, timeout_ms);
 }

@@ -33,8 +33,41 @@ bool is_pub_ack_answer(zmsg_t* reply, int32_t number);
 // A PUB socket connected to `endpoint` (e.g. "tcp://head1:1974"); null on failure.
 vorn::czmq::Socket connect_result_publisher(const std::string& endpoint);
 
-// Repeats a "PUB_ACK" request on `publisher` until the server connects back
-// with its number, or `timeout_ms` passes. The reply socket is bound on
-// `reply_host`, which the server must be able to reach. True when answered.
+// The sender's side of the "PUB_ACK" handshake, one for the node's publisher
+// and vorn-send: the reply socket the server connects back to, the requests
+// that name it, and the answers. The server answers each request from a REQ
+// socket that sends once and goes, so the reply socket is a ROUTER: it owes
+// nobody an answer and takes whatever arrives, a stale answer included.
+struct pub_ack_client {
+  vorn::czmq::Socket reply;
+  std::string endpoint;  // tcp://<address>:<port>, as requests name it
+  int32_t next_number = 0;
+};
+
+// Binds the reply socket on `reply_host`, on a port the system picks, in
+// place of the one it had (numbering goes on). False, with errno, when that
+// fails.
+bool open_pub_ack_client(pub_ack_client& client, const std::string& reply_host);
+
+// The number for the next request: numbers grow within a client's life from
+// a random start, so a restarted sender does not repeat a request the server
+// still remembers as answered.
+int32_t next_pub_ack_number(pub_ack_client& client);
+
+// Sends a request for `number` on `publisher` naming the client's endpoint.
+bool send_pub_ack_request(const pub_ack_client& client, zsock_t* publisher,
+                          const daemon_config& config, int32_t number);
+
+// Reads one message that is waiting on the reply socket; true when it
+// answers `number`.
+bool read_pub_ack_answer(pub_ack_client& client, int32_t number);
+
+// Asks "PUB_ACK" on `publisher` every 100 ms until the server answers, or
+// `timeout_ms` passes. True when answered.
+bool await_pub_ack(pub_ack_client& client, zsock_t* publisher, const daemon_config& config,
+                   int timeout_ms);
+
+// The same with a client of its own, bound on `reply_host`, which the
+// server must be able to reach.
 bool request_pub_ack(zsock_t* publisher, const daemon_config& config, const std::string& reply_host,
                      int timeout_ms);

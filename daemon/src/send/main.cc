@@ -116,7 +116,13 @@ int run_program(int argc, char** argv) {
   if (!publisher) {
     return 1;
   }
-  if (!request_pub_ack(publisher.get(), config, reply_host, timeout_s * 1000)) {
+  pub_ack_client ack;
+  if (!open_pub_ack_client(ack, reply_host)) {
+    std::fprintf(stderr, "Cannot bind the acknowledgement socket on '%s' %s\n", reply_host.c_str(),
+                 vorn::log::sys_error(errno).c_str());
+    return 1;
+  }
+  if (!await_pub_ack(ack, publisher.get(), config, timeout_s * 1000)) {
     std::fprintf(stderr, "No acknowledgement from %s within %d s\n", endpoint.c_str(), timeout_s);
     return 1;
   }
@@ -125,7 +131,7 @@ int run_program(int argc, char** argv) {
   }
   // The server answers a request only once everything its sender sent
   // before it is committed: after this one, a reader finds the result.
-  if (!request_pub_ack(publisher.get(), config, reply_host, timeout_s * 1000)) {
+  if (!await_pub_ack(ack, publisher.get(), config, timeout_s * 1000)) {
     std::fprintf(stderr,
                  "Sent result of '%s' to %s, but the server did not confirm within %d s that it "
                  "was stored\n",
