@@ -138,6 +138,10 @@ void read_keys(const vorn::xml::ConfigurationReader& keys, daemon_config& config
   if (auto v = keys.text("accumulate_host", "Multiple accumulate_host elements in '")) {
     copy(config.accumulate_host, *v);
   }
+  if (auto v = keys.text("accumulate_listen_address",
+                         "Multiple accumulate_listen_address elements in '")) {
+    config.accumulate_listen_address = *v;
+  }
   if (auto v = read_path(keys, "accumulate_output_dir",
                          "Multiple accumulate_output_dir elements in '")) {
     copy(config.accumulate_output_dir, *v);
@@ -151,6 +155,16 @@ void read_keys(const vorn::xml::ConfigurationReader& keys, daemon_config& config
   read_port(keys, "broadcast_port", "Multiple broadcast_port elements in '", &port);
   if (port > 0) {
     config.broadcast_port = static_cast<int32_t>(port);
+  }
+  if (auto v = read_path(keys, "curve_certificate", "Multiple curve_certificate elements in '")) {
+    config.curve_certificate = *v;
+  }
+  if (auto v = read_path(keys, "curve_clients_dir", "Multiple curve_clients_dir elements in '")) {
+    config.curve_clients_dir = *v;
+  }
+  if (auto v = read_path(keys, "curve_server_certificate",
+                         "Multiple curve_server_certificate elements in '")) {
+    config.curve_server_certificate = *v;
   }
   if (auto v = keys.text("database_backend", "Multiple database_backend elements in '")) {
     auto it = database_backend_names.find(*v);
