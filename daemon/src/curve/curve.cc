@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "util/czmq.h"
+#include "util/fs.h"
 #include "util/log.h"
 
 namespace vorn::curve {
@@ -98,6 +99,7 @@ bool load_certificate(const std::string& path, bool need_secret, certificate* ou
                       std::string* error) {
   // The named file alone counts: zcert_load would read NAME_secret instead
   // when it exists, so a public file would seem to hold the secret.
+  std::string text;
   {
     CloseFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
     if (file.fd < 0) {
@@ -110,8 +112,12 @@ bool load_certificate(const std::string& path, bool need_secret, certificate* ou
     if (!S_ISREG(status.st_mode)) {
       return refuse(path, "not a regular file", error);
     }
+    if (!fs::read_all(file.fd, &text)) {
+      return refuse(path, "cannot read " + log::sys_error(errno), error);
+    }
   }
-  Config root(zconfig_load(path.c_str()));
+  // Parsed from memory: zconfig_load leaks its file handle on a parse error.
+  Config root(zconfig_str_load(text.c_str()));
   const char* public_text = root ? zconfig_get(root.get(), "/curve/public-key", nullptr) : nullptr;
   if (!valid_z85_key(public_text)) {
     return refuse(path, "not a certificate (no valid curve public-key)", error);
