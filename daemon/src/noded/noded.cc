@@ -5,13 +5,17 @@
 #include <syslog.h>
 
 #include <cstdio>
+#include <memory>
 #include <mutex>
+#include <string>
 #include <thread>
 
 #include "daemon/src/config/config.h"
+#include "daemon/src/curve/curve.h"
 #include "daemon/src/provider/publisher.h"
 #include "daemon/src/provider/run_record.h"
 #include "daemon/src/provider/scheduler.h"
+#include "daemon/src/provider/sender.h"
 #include "daemon/src/provider/sleep_mode.h"
 #include "daemon/src/provider/stop.h"
 #include "daemon/src/startup/startup.h"
@@ -86,6 +90,14 @@ int noded_main(int argc, char** argv) {
   if (status >= 0) {
     return status;
   }
+  // Keys that are configured but unusable stop the node: never plaintext
+  // in their place.
+  vorn::curve::settings curve;
+  std::string curve_error;
+  if (!vorn::curve::node_settings(config, &curve, &curve_error)) {
+    VORN_LOG(3) << curve_error;
+    return 1;
+  }
   if (!vorn::fs::make_path(config.provider_output_dir)) {
     VORN_LOG(3) << "Could not create provider output directory '" << config.provider_output_dir
                 << "', aborting";
@@ -102,6 +114,16 @@ int noded_main(int argc, char** argv) {
   zsys_handler_set(nullptr);
   vorn::czmq::init();
   vorn::stop::stop_fd();
+  // One for the process and its whole life: every reply socket the
+  // publisher makes lets in the server's key only.
+  std::unique_ptr<vorn::curve::zap_handler> zap;
+  if (curve.enabled) {
+    zap =
+        std::make_unique<vorn::curve::zap_handler>(only_the_server(curve), "PUB_ACK reply socket");
+    if (!zap->ok()) {
+      return 1;
+    }
+  }
 
   if (!write_pid_file(options) && !options.pid_file.empty()) {
     return 1;
@@ -115,7 +137,7 @@ int noded_main(int argc, char** argv) {
               << "', results in '" << config.provider_output_dir << "'";
   bool publisher_failed = false;
   {
-    result_publisher publisher(config);
+    result_publisher publisher(config, curve);
     run_scheduler(config);
     publisher_failed = publisher.failed();
     // The publisher's destructor gives it up to 5 s to finish its checkpoint.

@@ -54,6 +54,7 @@ class Condition {
     current_ = what;
     return true;
   }
+  bool raised() const { return !current_.empty(); }
   // True when a condition was in force: the caller logs that it cleared.
   bool clear() {
     bool was_raised = !current_.empty();
@@ -68,28 +69,56 @@ class Condition {
 struct connection {
   std::string server;  // tcp://<address>:<port>
   vorn::czmq::Socket publisher;
-  // Hears of the publisher's connection closing, refused or broken, so the
-  // loop does not wait for answers that cannot come.
+  // Hears of the publisher's connection closing, refused or broken, or of
+  // its handshake, so the loop does not wait for answers that cannot come.
   vorn::czmq::Socket monitor;
 };
 
-enum class wait_result { ready, timeout, broken };
+constexpr int kMonitoredEvents =
+    ZMQ_EVENT_CLOSED | ZMQ_EVENT_DISCONNECTED | ZMQ_EVENT_HANDSHAKE_SUCCEEDED |
+    ZMQ_EVENT_HANDSHAKE_FAILED_NO_DETAIL | ZMQ_EVENT_HANDSHAKE_FAILED_PROTOCOL |
+    ZMQ_EVENT_HANDSHAKE_FAILED_AUTH;
 
-// Waits up to `ms` for `events` on `socket` (which may be null: just the
-// time), watching the connection and the stop request.
-wait_result wait_for(const connection& c, void* socket, short events, int64_t ms) {
-  zmq_pollitem_t items[] = {{zsock_resolve(c.monitor.get()), 0, ZMQ_POLLIN, 0},
-                            {nullptr, vorn::stop::stop_fd(), ZMQ_POLLIN, 0},
-                            {socket, 0, events, 0}};
-  int count = socket != nullptr ? 3 : 2;
-  if (zmq_poll(items, count, static_cast<long>(ms)) <= 0) {
-    return wait_result::timeout;
+struct link_event {
+  uint16_t id = 0;
+  uint32_t value = 0;  // errno, protocol error or ZAP status, by event
+};
+
+// The next event the monitor holds; false when there is none.
+bool next_link_event(const connection& c, link_event& event) {
+  if ((zsock_events(c.monitor.get()) & ZMQ_POLLIN) == 0) {
+    return false;
   }
-  if ((items[0].revents & ZMQ_POLLIN) || (items[1].revents & ZMQ_POLLIN)) {
-    return wait_result::broken;
+  vorn::czmq::Message message(zmsg_recv(c.monitor.get()));
+  zframe_t* frame = message ? zmsg_first(message.get()) : nullptr;
+  if (frame == nullptr || zframe_size(frame) < sizeof event.id + sizeof event.value) {
+    event = {};
+    return message != nullptr;
   }
-  return wait_result::ready;
+  std::memcpy(&event.id, zframe_data(frame), sizeof event.id);
+  std::memcpy(&event.value, zframe_data(frame) + sizeof event.id, sizeof event.value);
+  return true;
 }
+
+// Why a handshake failed, in the user's words.
+std::string handshake_failure(const link_event& event) {
+  switch (event.id) {
+    case ZMQ_EVENT_HANDSHAKE_FAILED_AUTH:
+      return "the server refused this node's key (status " + std::to_string(event.value) + ")";
+    case ZMQ_EVENT_HANDSHAKE_FAILED_PROTOCOL:
+      if (event.value == ZMQ_PROTOCOL_ERROR_ZMTP_MECHANISM_MISMATCH) {
+        return "the server uses another security mechanism (CURVE on one side only)";
+      }
+      if (event.value == ZMQ_PROTOCOL_ERROR_ZMTP_CRYPTOGRAPHIC) {
+        return "the keys do not match";
+      }
+      return "protocol error " + std::to_string(event.value);
+    default:
+      return "the server closed the connection during the handshake";
+  }
+}
+
+enum class wait_result { ready, timeout, broken };
 
 // "<name>.XXXXXX", as mkstemp makes output files.
 bool is_output_file_name(const char* name) {
@@ -160,8 +189,8 @@ int discovery_port(const std::string& payload, const daemon_config& config) {
 
 class publisher_loop {
  public:
-  explicit publisher_loop(const daemon_config& config)
-      : config_(config), directory_(config.provider_output_dir) {}
+  publisher_loop(const daemon_config& config, const vorn::curve::settings& curve)
+      : config_(config), curve_(curve), directory_(config.provider_output_dir) {}
 
   void run() {
     while (!vorn::stop::stop_requested()) {
@@ -254,9 +283,8 @@ class publisher_loop {
     if (local.empty()) {
       return connect_failed("No route to the accumulate server at " + c.server);
     }
-    vorn::czmq::init();
-    c.publisher.reset(zsock_new(ZMQ_PUB));
-    if (!c.publisher || !open_pub_ack_client(ack_, local)) {
+    c.publisher = new_result_publisher(curve_);
+    if (!c.publisher || !open_pub_ack_client(ack_, local, curve_)) {
       return connect_failed("Cannot make the sockets to reach " + c.server + " " +
                             vorn::log::sys_error(errno));
     }
@@ -273,9 +301,7 @@ class publisher_loop {
     const std::string monitor_endpoint =
         "inproc://vorn-publisher-monitor-" + std::to_string(++monitors);
     c.monitor.reset(zsock_new(ZMQ_PAIR));
-    if (!c.monitor ||
-        zmq_socket_monitor(pub, monitor_endpoint.c_str(),
-                           ZMQ_EVENT_CLOSED | ZMQ_EVENT_DISCONNECTED) != 0 ||
+    if (!c.monitor || zmq_socket_monitor(pub, monitor_endpoint.c_str(), kMonitoredEvents) != 0 ||
         zsock_connect(c.monitor.get(), "%s", monitor_endpoint.c_str()) != 0) {
       return connect_failed("Cannot watch the connection to " + c.server + " " +
                             vorn::log::sys_error(errno));
@@ -290,6 +316,68 @@ class publisher_loop {
       VORN_LOG(5) << "The accumulate server at " << c.server << " is reachable again";
     }
     return true;
+  }
+
+  // Waits up to `ms` for `events` on `socket` (which may be null: just the
+  // time), watching the connection and the stop request.
+  wait_result wait_for(const connection& c, void* socket, short events, int64_t ms) {
+    const int64_t deadline = zclock_mono() + ms;
+    for (;;) {
+      zmq_pollitem_t items[] = {{zsock_resolve(c.monitor.get()), 0, ZMQ_POLLIN, 0},
+                                {nullptr, vorn::stop::stop_fd(), ZMQ_POLLIN, 0},
+                                {socket, 0, events, 0}};
+      int count = socket != nullptr ? 3 : 2;
+      int64_t left = std::max<int64_t>(deadline - zclock_mono(), 0);
+      if (zmq_poll(items, count, static_cast<long>(left)) <= 0) {
+        return wait_result::timeout;
+      }
+      if ((items[0].revents & ZMQ_POLLIN) && connection_lost(c)) {
+        return wait_result::broken;
+      }
+      if (items[1].revents & ZMQ_POLLIN) {
+        return wait_result::broken;
+      }
+      if (count == 3 && (items[2].revents & events)) {
+        return wait_result::ready;
+      }
+    }
+  }
+
+  // Reads what the monitor reported: true when the connection is gone
+  // (closed, or its handshake failed). A failed handshake is logged once
+  // until one succeeds, however often the node tries in between.
+  bool connection_lost(const connection& c) {
+    bool lost = false;
+    link_event event;
+    while (next_link_event(c, event)) {
+      if (event.id == ZMQ_EVENT_HANDSHAKE_SUCCEEDED) {
+        if (handshake_problem_.clear()) {
+          VORN_LOG(5) << "The handshake with the accumulate server at " << c.server
+                      << " succeeds again";
+        }
+        continue;
+      }
+      lost = true;
+      if (event.id == ZMQ_EVENT_HANDSHAKE_FAILED_NO_DETAIL ||
+          event.id == ZMQ_EVENT_HANDSHAKE_FAILED_PROTOCOL ||
+          event.id == ZMQ_EVENT_HANDSHAKE_FAILED_AUTH) {
+        report_handshake_failure(c, event);
+      }
+    }
+    return lost;
+  }
+
+  void report_handshake_failure(const connection& c, const link_event& event) {
+    if (!handshake_problem_.raise(c.server)) {
+      return;
+    }
+    std::string hint = curve_.enabled ? "; is '" + curve_.server.path +
+                                            "' this server's certificate, and does it list "
+                                            "this node's key?"
+                                      : "; does the server require CURVE keys?";
+    VORN_LOG(3) << "The handshake with the accumulate server at " << c.server
+                << " failed: " << handshake_failure(event) << hint
+                << " Nothing is sent until it succeeds";
   }
 
   // Logs a failure to connect while it lasts, once; false after a pause.
@@ -439,7 +527,7 @@ class publisher_loop {
       if ((items[0].revents & ZMQ_POLLIN) && read_pub_ack_answer(ack_, number)) {
         return true;
       }
-      if (items[1].revents & ZMQ_POLLIN) {
+      if ((items[1].revents & ZMQ_POLLIN) && connection_lost(c)) {
         // What was sent on the closed connection may be lost: no answer
         // can vouch for it.
         vorn::stop::wait_for_stop(kRetryAfterCloseMs);
@@ -450,6 +538,10 @@ class publisher_loop {
 
   void report_silence(const connection& c) {
     announced_.clear();
+    // A failed handshake said why already.
+    if (handshake_problem_.raised()) {
+      return;
+    }
     if (!vorn::stop::stop_requested() && silence_.raise(c.server)) {
       VORN_LOG(4) << "The accumulate server at " << c.server
                   << " does not answer; results wait on disk until it does";
@@ -457,6 +549,7 @@ class publisher_loop {
   }
 
   const daemon_config& config_;
+  const vorn::curve::settings& curve_;
   const std::string directory_;
   // Its reply socket is made anew with each connection; its numbers go on.
   pub_ack_client ack_;
@@ -464,14 +557,15 @@ class publisher_loop {
   std::set<std::string> unmovable_;
   std::string announced_;  // the server that answered last
   Condition silence_;
+  Condition handshake_problem_;
   Condition server_problem_;
   Condition directory_problem_;
 };
 
 }  // namespace
 
-result_publisher::result_publisher(const daemon_config& config)
-    : config_(config), thread_([this] { run(); }) {}
+result_publisher::result_publisher(const daemon_config& config, const vorn::curve::settings& curve)
+    : config_(config), curve_(curve), thread_([this] { run(); }) {}
 
 result_publisher::~result_publisher() {
   // Normally requested already; when the scheduler fails with an exception,
@@ -483,7 +577,7 @@ result_publisher::~result_publisher() {
 void result_publisher::run() {
   // An exception escaping a thread would abort the daemon: stop it instead.
   try {
-    publisher_loop loop(config_);
+    publisher_loop loop(config_, curve_);
     loop.run();
   } catch (const std::exception& error) {
     VORN_LOG(3) << "The publisher failed: " << error.what() << "; stopping";

@@ -19,7 +19,9 @@
 // batch: only then are its files deleted. No answer within 10 s: the files
 // stay, the connection is made anew (and the server discovered again), and
 // sending starts again from the oldest file. A result may so be stored twice
-// after a server crash, never lost.
+// after a server crash, never lost. A failed security handshake (the server
+// has another key, or refuses this node's) is logged once until a handshake
+// succeeds; nothing is sent meanwhile.
 //
 // The send queue is bounded and never drops: a slow server makes the
 // publisher wait, and a long backlog is not loaded into memory at once.
@@ -33,11 +35,13 @@
 #include <thread>
 
 #include "daemon/src/config/config.h"
+#include "daemon/src/curve/curve.h"
 
 class result_publisher {
  public:
-  // `config` must outlive the publisher.
-  explicit result_publisher(const daemon_config& config);
+  // `config` and `curve` must outlive the publisher. With CURVE, the process
+  // must run a zap_handler with only_the_server (sender.h).
+  result_publisher(const daemon_config& config, const vorn::curve::settings& curve);
   result_publisher(const result_publisher&) = delete;
   result_publisher& operator=(const result_publisher&) = delete;
   ~result_publisher();
@@ -50,6 +54,7 @@ class result_publisher {
   void run();
 
   const daemon_config& config_;
+  const vorn::curve::settings& curve_;
   std::atomic<bool> failed_{false};
   std::thread thread_;
 };

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <random>
 
 #include "daemon/src/provider/result.h"
@@ -43,9 +44,20 @@ bool send_pub_ack_request(zsock_t* publisher, const daemon_config& config,
   return true;
 }
 
-vorn::czmq::Socket connect_result_publisher(const std::string& endpoint) {
+vorn::czmq::Socket new_result_publisher(const vorn::curve::settings& curve) {
   vorn::czmq::init();
   vorn::czmq::Socket publisher(zsock_new(ZMQ_PUB));
+  if (publisher && curve.enabled &&
+      !vorn::curve::make_client(zsock_resolve(publisher.get()), curve.own,
+                                curve.server.public_key)) {
+    return nullptr;
+  }
+  return publisher;
+}
+
+vorn::czmq::Socket connect_result_publisher(const std::string& endpoint,
+                                            const vorn::curve::settings& curve) {
+  vorn::czmq::Socket publisher = new_result_publisher(curve);
   if (!publisher) {
     return nullptr;
   }
@@ -60,11 +72,28 @@ vorn::czmq::Socket connect_result_publisher(const std::string& endpoint) {
   return publisher;
 }
 
-bool open_pub_ack_client(pub_ack_client& client, const std::string& reply_host) {
+vorn::curve::zap_handler::policy only_the_server(const vorn::curve::settings& curve) {
+  return [server = curve.server.public_key](
+             const std::string& public_key) -> std::optional<std::string> {
+    if (public_key == server) {
+      return std::string();
+    }
+    return std::nullopt;
+  };
+}
+
+bool open_pub_ack_client(pub_ack_client& client, const std::string& reply_host,
+                         const vorn::curve::settings& curve) {
   vorn::czmq::init();
   client.reply.reset();  // the old one first: it may hold the port
   client.reply.reset(zsock_new(ZMQ_ROUTER));
-  if (!client.reply || zsock_bind(client.reply.get(), "tcp://%s:*", reply_host.c_str()) < 0) {
+  if (!client.reply) {
+    return false;
+  }
+  if (curve.enabled) {
+    vorn::curve::make_server(client.reply.get(), curve.own);
+  }
+  if (zsock_bind(client.reply.get(), "tcp://%s:*", reply_host.c_str()) < 0) {
     client.reply.reset();
     return false;
   }
@@ -109,9 +138,9 @@ bool await_pub_ack(pub_ack_client& client, zsock_t* publisher, const daemon_conf
 }
 
 bool request_pub_ack(zsock_t* publisher, const daemon_config& config, const std::string& reply_host,
-                     int timeout_ms) {
+                     int timeout_ms, const vorn::curve::settings& curve) {
   pub_ack_client client;
-  if (!open_pub_ack_client(client, reply_host)) {
+  if (!open_pub_ack_client(client, reply_host, curve)) {
     VORN_LOG(3) << "Unable to bind pub-ack reply socket on '" << reply_host << "' "
                 << vorn::log::sys_error(errno);
     return false;

@@ -9,12 +9,20 @@
 // server is slower than the sender, results wait in the sender's memory
 // instead of being dropped.
 //
+// With CURVE (both keys of vorn::curve::node_settings), the publisher is a
+// CURVE client of the server's key, and the reply socket a CURVE server with
+// the sender's own key that lets in only the server's key (only_the_server,
+// in the process's one zap_handler): else anyone who reaches the reply
+// socket could answer in the server's name, and the sender would delete
+// results the server never stored.
+//
 // Thread safety: each socket belongs to the thread that created it.
 
 #include <cstdint>
 #include <string>
 
 #include "daemon/src/config/config.h"
+#include "daemon/src/curve/curve.h"
 #include "util/czmq.h"
 
 // How long results still queued when the publisher is closed keep being sent
@@ -30,8 +38,16 @@ bool send_pub_ack_request(zsock_t* publisher, const daemon_config& config,
 // last frame holds the number as decimal text, or as 4 raw bytes.
 bool is_pub_ack_answer(zmsg_t* reply, int32_t number);
 
+// A PUB socket for results, not yet connected, with `curve` applied; null on
+// failure.
+vorn::czmq::Socket new_result_publisher(const vorn::curve::settings& curve);
+
 // A PUB socket connected to `endpoint` (e.g. "tcp://head1:1974"); null on failure.
-vorn::czmq::Socket connect_result_publisher(const std::string& endpoint);
+vorn::czmq::Socket connect_result_publisher(const std::string& endpoint,
+                                            const vorn::curve::settings& curve = {});
+
+// The ZAP policy of a sender's reply socket: the server's key, nothing else.
+vorn::curve::zap_handler::policy only_the_server(const vorn::curve::settings& curve);
 
 // The sender's side of the "PUB_ACK" handshake, one for the node's publisher
 // and vorn-send: the reply socket the server connects back to, the requests
@@ -47,7 +63,8 @@ struct pub_ack_client {
 // Binds the reply socket on `reply_host`, on a port the system picks, in
 // place of the one it had (numbering goes on). False, with errno, when that
 // fails.
-bool open_pub_ack_client(pub_ack_client& client, const std::string& reply_host);
+bool open_pub_ack_client(pub_ack_client& client, const std::string& reply_host,
+                         const vorn::curve::settings& curve = {});
 
 // The number for the next request: numbers grow within a client's life from
 // a random start, so a restarted sender does not repeat a request the server
@@ -70,4 +87,4 @@ bool await_pub_ack(pub_ack_client& client, zsock_t* publisher, const daemon_conf
 // The same with a client of its own, bound on `reply_host`, which the
 // server must be able to reach.
 bool request_pub_ack(zsock_t* publisher, const daemon_config& config, const std::string& reply_host,
-                     int timeout_ms);
+                     int timeout_ms, const vorn::curve::settings& curve = {});

@@ -7,9 +7,11 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <string>
 
 #include "daemon/src/config/config.h"
+#include "daemon/src/curve/curve.h"
 #include "daemon/src/provider/result.h"
 #include "daemon/src/provider/sender.h"
 #include "daemon/src/startup/startup.h"
@@ -77,6 +79,12 @@ int run_program(int argc, char** argv) {
   if (read_config(config, config_file.c_str()) != 0) {
     return 1;
   }
+  vorn::curve::settings curve;
+  std::string curve_error;
+  if (!vorn::curve::node_settings(config, &curve, &curve_error)) {
+    std::fprintf(stderr, "%s\n", curve_error.c_str());
+    return 1;
+  }
   std::string server_host =
       config.accumulate_host[0] != '\0' ? config.accumulate_host : "127.0.0.1";
   if (endpoint.empty()) {
@@ -112,12 +120,20 @@ int run_program(int argc, char** argv) {
   result.stdout_data = output;
   result.header.stdout_size = output.size();
 
-  auto publisher = connect_result_publisher(endpoint);
+  std::unique_ptr<vorn::curve::zap_handler> zap;
+  if (curve.enabled) {
+    zap = std::make_unique<vorn::curve::zap_handler>(only_the_server(curve),
+                                                     "acknowledgement socket");
+    if (!zap->ok()) {
+      return 1;
+    }
+  }
+  auto publisher = connect_result_publisher(endpoint, curve);
   if (!publisher) {
     return 1;
   }
   pub_ack_client ack;
-  if (!open_pub_ack_client(ack, reply_host)) {
+  if (!open_pub_ack_client(ack, reply_host, curve)) {
     std::fprintf(stderr, "Cannot bind the acknowledgement socket on '%s' %s\n", reply_host.c_str(),
                  vorn::log::sys_error(errno).c_str());
     return 1;
