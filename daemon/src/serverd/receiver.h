@@ -52,6 +52,20 @@ class answered_requests {
 constexpr size_t kMaxEndpointSize = 256;
 bool valid_reply_endpoint(std::string_view endpoint);
 
+// Whether the numeric address of a reply endpoint is `peer_address`, the
+// address a request came from (ZeroMQ's "Peer-Address"; IPv4 written plain
+// or as IPv4-mapped IPv6 alike). The server connects back only there: a
+// request naming anyone else would make it a reflector against third parties.
+bool endpoint_is_peer(std::string_view endpoint, std::string_view peer_address);
+
+// Where a message came from, as the properties ZeroMQ attaches to it say:
+// the peer's IP address, and with CURVE the peer's public key (Z85). Empty
+// when unknown, as for a message assembled without a socket.
+struct message_origin {
+  std::string_view peer_address;
+  std::string_view user_id;
+};
+
 enum class message_kind {
   nothing,  // no message was waiting
   ignored,  // a request answered already, or a message not understood (logged)
@@ -89,6 +103,9 @@ class received_message {
   size_t count() const { return count_; }
   size_t total_size() const { return total_size_; }
   std::string_view frame(size_t i) const;
+  // The properties of a received message; they stay valid while it holds
+  // its frames. Empty for a message assembled with append().
+  message_origin origin() const;
 
   // True when the message is a well-formed result; then result() reads it.
   bool parse_result();
@@ -113,8 +130,9 @@ class result_receiver {
   // Receives one message from `socket` into `message`; with `wait` false,
   // only one that is waiting already.
   message_kind receive(zsock_t* socket, received_message& message, bool wait = true);
-  // What receive() makes of a message once it is received (never nothing).
-  message_kind classify(received_message& message);
+  // What receive() makes of a message once it is received (never nothing),
+  // given where it came from.
+  message_kind classify(received_message& message, const message_origin& origin);
 
   // The request that receive() last returned as pub_ack.
   const pub_ack_request& request() const { return request_; }

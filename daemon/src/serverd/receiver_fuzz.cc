@@ -4,21 +4,27 @@
 // socket. No socket is opened: the frames are built in memory and handed
 // over with received_message::append, as receive() does with each frame.
 //
-// Input: the frames one after another, separated by the four bytes "\n--\n";
-// n separators make n + 1 frames (an input without one is a single frame),
-// and a frame cannot hold the separator. Seeds in receiver_fuzz_corpus/:
+// Input: one byte that picks where the message came from (its low three
+// bits index kPeers, the peer address ZeroMQ would report), then the frames
+// one after another, separated by the four bytes "\n--\n"; n separators make
+// n + 1 frames (an input without one is a single frame), and a frame cannot
+// hold the separator. Seeds in receiver_fuzz_corpus/:
 // result-* five-frame results (plain; empty outputs and nodes; a header
 // claiming more output than its frame holds; a header frame one byte short;
 // outputs longer than the header says), pub_ack-* requests (IPv4, IPv6, a
-// host name, an odd number frame, port 0), and other-* messages that are
+// host name, an odd number frame, port 0, another address than the
+// requester's, an IPv4-mapped requester), and other-* messages that are
 // neither (four frames without "PUB_ACK", seven frames).
 //
 // Checked besides the sanitizers: the frames kept are the frames given and
 // every byte is counted; a result's outputs lie inside their frames with the
 // sizes its header gives, and its text fields are terminated inside their
 // arrays; a request names the endpoint frame as sent, which
-// valid_reply_endpoint accepts, and once answered it is not returned again.
+// valid_reply_endpoint accepts, with the address the request came from, and
+// once answered it is not returned again.
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <zmq.h>
 
 #include <cstdint>
@@ -36,6 +42,22 @@ namespace {
 constexpr std::string_view kSeparator = "\n--\n";
 
 using vorn::fuzz::check;
+
+struct peer {
+  const char* reported;   // as ZeroMQ's "Peer-Address" gives it
+  const char* canonical;  // the same address as inet_ntop writes it
+};
+// Eight entries, one for each value of the origin byte's low bits.
+constexpr peer kPeers[] = {
+    {"", ""},  // assembled without a socket: no address
+    {"127.0.0.1", "127.0.0.1"},
+    {"::ffff:127.0.0.1", "127.0.0.1"},  // an IPv4 peer of a dual-stack socket
+    {"::1", "::1"},
+    {"10.0.0.7", "10.0.0.7"},
+    {"fe80::1%eth0", "fe80::1"},  // link-local, with its scope
+    {"0:0:0:0:0:0:0:1", "::1"},
+    {"not an address", ""},
+};
 
 std::vector<std::string_view> split_frames(std::string_view input) {
   std::vector<std::string_view> frames;
@@ -68,20 +90,49 @@ void check_result(const received_message& message) {
   check(!result_text(result).empty(), "a result has a text form");
 }
 
-void check_request(result_receiver& receiver, received_message& message) {
+// The address of a valid endpoint as inet_ntop writes it, IPv4 plain.
+std::string canonical_address(const std::string& endpoint) {
+  std::string address = endpoint.substr(6, endpoint.rfind(':') - 6);
+  unsigned char binary[sizeof(in6_addr)];
+  char text[INET6_ADDRSTRLEN];
+  int family = AF_INET;
+  if (address.front() == '[') {
+    family = AF_INET6;
+    address = address.substr(1, address.size() - 2);
+  }
+  if (inet_pton(family, address.c_str(), binary) != 1 ||
+      inet_ntop(family, binary, text, sizeof text) == nullptr) {
+    return "";
+  }
+  std::string out = text;
+  if (out.rfind("::ffff:", 0) == 0 && out.find('.') != std::string::npos) {
+    out = out.substr(7);
+  }
+  return out;
+}
+
+void check_request(result_receiver& receiver, received_message& message,
+                   const message_origin& origin, const peer& from) {
   const pub_ack_request& request = receiver.request();
   check(request.endpoint == message.frame(2), "the endpoint is frame 2 as sent");
   check(valid_reply_endpoint(request.endpoint), "only valid endpoints are answered");
   check(request.endpoint.find('\0') == std::string::npos, "an answered endpoint holds no NUL");
+  check(*from.canonical != '\0' && canonical_address(request.endpoint) == from.canonical,
+        "only the requester's own address is answered");
   receiver.mark_answered(request.key);
-  check(receiver.classify(message) == message_kind::ignored, "an answered request is not repeated");
+  check(receiver.classify(message, origin) == message_kind::ignored,
+        "an answered request is not repeated");
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   vorn::fuzz::quiet_logs();
-  const std::string_view input(reinterpret_cast<const char*>(data), size);
+  std::string_view input(reinterpret_cast<const char*>(data), size);
+  const uint8_t origin_byte = input.empty() ? 0 : data[0];
+  input.remove_prefix(input.empty() ? 0 : 1);
+  const peer& from = kPeers[origin_byte & 7];
+  const message_origin origin{from.reported, {}};
 
   // The endpoint check on its own, with whatever text it is given.
   if (valid_reply_endpoint(input)) {
@@ -113,14 +164,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
 
   result_receiver receiver;
-  switch (receiver.classify(message)) {
+  check(message.origin().peer_address.empty() && message.origin().user_id.empty(),
+        "a message assembled without a socket has no properties");
+  switch (receiver.classify(message, origin)) {
     case message_kind::result:
       check(frames.size() == 5, "a result has five frames");
       check_result(message);
       break;
     case message_kind::pub_ack:
       check(frames.size() == 4 && frames[1] == "PUB_ACK", "a request has four frames");
-      check_request(receiver, message);
+      check_request(receiver, message, origin, from);
       break;
     case message_kind::ignored:
       check(!message.parse_result(), "an ignored message is no result");
