@@ -138,6 +138,10 @@ void read_keys(const vorn::xml::ConfigurationReader& keys, daemon_config& config
   if (auto v = keys.text("accumulate_host", "Multiple accumulate_host elements in '")) {
     copy(config.accumulate_host, *v);
   }
+  if (auto v = keys.text("accumulate_listen_address",
+                         "Multiple accumulate_listen_address elements in '")) {
+    config.accumulate_listen_address = v->empty() ? "*" : *v;
+  }
   if (auto v = read_path(keys, "accumulate_output_dir",
                          "Multiple accumulate_output_dir elements in '")) {
     copy(config.accumulate_output_dir, *v);

@@ -43,6 +43,9 @@ struct daemon_config {
   int32_t broadcast_port = 9077;
   char accumulate_host[1026] = "";
   char accumulate_port[33] = "1974";
+  // Where the result socket binds: "*" (every interface), an address or an
+  // interface name, as ZeroMQ's bind takes it.
+  std::string accumulate_listen_address = "*";
   char accumulate_output_dir[4096] = "/var/cache/vorn";
   // No key sets it; 0 is the production daemon. Non-zero binds the accumulate
   // server to the node's own address on an ephemeral port and opens the
@@ -60,8 +63,9 @@ struct daemon_config {
   int32_t heartbeat_period = 3600;
   int64_t timeout = 60;
   ::timeout_scale timeout_scale = ::timeout_scale::constant;
-  // Largest result message the server accepts, in bytes; larger ones are
-  // dropped by ZeroMQ before they take memory.
+  // Largest frame of a result message the server accepts, in bytes; a
+  // sender of a larger one is disconnected by ZeroMQ before the frame takes
+  // memory. It bounds frames, not whole messages.
   int64_t max_message_size = int64_t{64} << 20;
   // Seconds a stopping server keeps storing what still arrives.
   int32_t drain_timeout = 5;

@@ -44,6 +44,7 @@ TEST(ReadConfigTest, EveryKeyFirstElementWins) {
     std::string message = "";  // empty: "Multiple <key> elements"
   } rows[] = {
       {"accumulate_host", "head1", FIELD(accumulate_host)},
+      {"accumulate_listen_address", "127.0.0.1", FIELD(accumulate_listen_address)},
       {"accumulate_output_dir", "/srv/acc", FIELD(accumulate_output_dir)},
       {"accumulate_port", "2001", FIELD(accumulate_port)},
       {"broadcast_port", "9999", FIELD(broadcast_port)},

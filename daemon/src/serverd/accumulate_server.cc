@@ -15,6 +15,7 @@
 #include "util/czmq.h"
 #include "util/host.h"
 #include "util/log.h"
+#include "util/str.h"
 
 namespace {
 
@@ -31,10 +32,18 @@ constexpr int kReceiveQueue = 100;
 
 // Binds the subscriber where the run mode says; "" on failure (logged).
 std::string bind_subscriber(zsock_t* socket, const daemon_config& config) {
-  int rc;
+  std::string endpoint;
   if (config.run_mode == 0) {
-    rc =
-        zsock_bind(socket, "tcp://%s:%d", "*", static_cast<int>(std::atol(config.accumulate_port)));
+    std::string address = config.accumulate_listen_address;
+    // An IPv6 address needs the socket's IPv6 option and, before the port,
+    // its brackets.
+    if (address.find(':') != std::string::npos) {
+      zsock_set_ipv6(socket, 1);
+      if (address.front() != '[') {
+        address = "[" + address + "]";
+      }
+    }
+    endpoint = "tcp://" + address + ":" + std::to_string(std::atol(config.accumulate_port));
   } else {
     char* host = zsys_hostname();
     std::string address = vorn::host::resolve_host_address(host != nullptr ? host : "");
@@ -42,10 +51,11 @@ std::string bind_subscriber(zsock_t* socket, const daemon_config& config) {
     if (address.empty()) {
       return "";
     }
-    rc = zsock_bind(socket, "tcp://%s:*", address.c_str());
+    endpoint = "tcp://" + address + ":*";
   }
-  if (rc < 0) {
-    VORN_LOG(3) << "Error binding socket (" << errno << "): " << zmq_strerror(errno);
+  if (zsock_bind(socket, "%s", endpoint.c_str()) < 0) {
+    VORN_LOG(3) << "Error binding socket to " << vorn::str::printable(endpoint) << " (" << errno
+                << "): " << zmq_strerror(errno);
     return "";
   }
   return vorn::czmq::last_endpoint(socket);

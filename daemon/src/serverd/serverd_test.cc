@@ -149,7 +149,8 @@ TEST_F(ServerdTest, StartupFailures) {
        {"-c",
         write_config("<accumulate_port>" + std::to_string(taken_port) + "</accumulate_port>", "p")},
        1,
-       "Error binding socket (98): Address already in use"},
+       "Error binding socket to tcp://*:" + std::to_string(taken_port) +
+           " (98): Address already in use"},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.comment);
