@@ -212,7 +212,49 @@ message_kind result_receiver::receive(zsock_t* socket, received_message& message
   return classify(message, message.origin());
 }
 
+std::optional<std::string> result_receiver::allowed_hostname(const message_origin& origin) {
+  std::optional<std::string> hostname;
+  if (!origin.user_id.empty()) {
+    hostname = keys_(std::string(origin.user_id));
+  }
+  if (hostname && !hostname->empty()) {
+    return hostname;
+  }
+  uint64_t suppressed = 0;
+  if (key_warnings_.allow(zclock_mono(), &suppressed)) {
+    VORN_LOG(4) << "Ignoring a message from '" << vorn::str::printable(origin.peer_address)
+                << "' with key '" << vorn::str::printable(origin.user_id) << "': "
+                << (hostname ? "its certificate names no hostname" : "the key is not listed")
+                << (suppressed > 0 ? " (" + std::to_string(suppressed) + " more ignored)" : "");
+  }
+  return std::nullopt;
+}
+
+bool result_receiver::hostname_allowed(const received_message& message,
+                                       const message_origin& origin, const std::string& allowed) {
+  const char* hostname = message.result().header.hostname;
+  if (allowed == kAnyHostname || allowed == hostname) {
+    return true;
+  }
+  uint64_t suppressed = 0;
+  if (hostname_warnings_.allow(zclock_mono(), &suppressed)) {
+    VORN_LOG(4) << "Not storing a result for host '" << vorn::str::printable(hostname) << "' from '"
+                << vorn::str::printable(origin.peer_address) << "': certificate '"
+                << vorn::str::printable(origin.user_id) << "' is for host '"
+                << vorn::str::printable(allowed) << "'"
+                << (suppressed > 0 ? " (" + std::to_string(suppressed) + " more ignored)" : "");
+  }
+  return false;
+}
+
 message_kind result_receiver::classify(received_message& message, const message_origin& origin) {
+  std::optional<std::string> allowed;
+  if (keys_) {
+    allowed = allowed_hostname(origin);
+    if (!allowed) {
+      return message_kind::ignored;
+    }
+  }
   if (message.count() == 4) {
     if (message.frame(1) != "PUB_ACK") {
       return message_kind::ignored;
@@ -246,6 +288,9 @@ message_kind result_receiver::classify(received_message& message, const message_
   }
   if (!message.parse_result()) {
     VORN_LOG(3) << "Unrecognized message format";
+    return message_kind::ignored;
+  }
+  if (allowed && !hostname_allowed(message, origin, *allowed)) {
     return message_kind::ignored;
   }
   VORN_LOG(6) << "Received data provider '" << vorn::str::printable(message.result().header.name)

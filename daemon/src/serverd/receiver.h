@@ -13,6 +13,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_set>
@@ -125,8 +127,22 @@ struct pub_ack_request {
   uint64_t key = 0;  // see answered_requests
 };
 
+// With CURVE, who may send what: for a listed public key (Z85), the
+// hostname its certificate names ("*" for any host, "" for none); nullopt
+// for a key that is not listed, or not any more.
+using key_policy = std::function<std::optional<std::string>(const std::string& public_key)>;
+constexpr const char* kAnyHostname = "*";
+
+// Without a key policy every message counts, as in plaintext. With one,
+// every message is checked against the current policy, not only the
+// connection's handshake, so that a key removed while its connection stays
+// open is refused from then on; a result is stored only when its Hostname is
+// the one its key's certificate names. Refusals are logged, one warning per
+// 10 s of each kind.
 class result_receiver {
  public:
+  explicit result_receiver(key_policy keys = nullptr) : keys_(std::move(keys)) {}
+
   // Receives one message from `socket` into `message`; with `wait` false,
   // only one that is waiting already.
   message_kind receive(zsock_t* socket, received_message& message, bool wait = true);
@@ -142,9 +158,18 @@ class result_receiver {
   void mark_answered(uint64_t key);
 
  private:
+  // The hostname the message's key may send for; nullopt (logged) when the
+  // key is refused.
+  std::optional<std::string> allowed_hostname(const message_origin& origin);
+  bool hostname_allowed(const received_message& message, const message_origin& origin,
+                        const std::string& allowed);
+
+  key_policy keys_;
   pub_ack_request request_;
   answered_requests answered_;
   vorn::log::RateLimit endpoint_warnings_{10000};
+  vorn::log::RateLimit key_warnings_{10000};
+  vorn::log::RateLimit hostname_warnings_{10000};
 };
 
 // Appends the text form of the result to accumulate_output_dir + "/" + name.
