@@ -283,7 +283,7 @@ message_kind result_receiver::classify(received_message& message, const message_
     if (answered_.contains(key, zclock_mono())) {
       return message_kind::ignored;
     }
-    request_ = pub_ack_request{std::string(endpoint), number, key};
+    request_ = pub_ack_request{std::string(endpoint), std::string(origin.user_id), number, key};
     return message_kind::pub_ack;
   }
   if (!message.parse_result()) {

@@ -123,6 +123,7 @@ class received_message {
 
 struct pub_ack_request {
   std::string endpoint;
+  std::string public_key;  // the requester's, with CURVE: its reply socket's too
   int32_t number = 0;
   uint64_t key = 0;  // see answered_requests
 };
