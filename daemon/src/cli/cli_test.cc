@@ -1,6 +1,7 @@
 // Black-box tests of the vorn program against a database written by the real
 // vorn-serverd, with results sent the way nodes and vorn-send send them.
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -168,6 +169,25 @@ class CliTest : public testing::Test {
 // The sets answer the same before the summary table exists (an older
 // server's file, or a server that keeps it), with it, and with rows stored
 // after its catch-up; and again in a copy without the table.
+// A key pair written by `vorn cert new` reads back with `vorn cert show`.
+TEST(CliCertTest, NewThenShow) {
+  TempDir dir;
+  Process made({kVorn, "cert", "new", "node7", "-d", dir.path()}, dir.path());
+  ASSERT_EQ(made.wait_exit(), 0) << made.err();
+  struct stat status;
+  ASSERT_EQ(stat((dir / "node7.cert_secret").c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 0777, 0600u);
+  Process shown({kVorn, "cert", "show", dir / "node7.cert"}, dir.path());
+  ASSERT_EQ(shown.wait_exit(), 0) << shown.err();
+  EXPECT_TRUE(std::regex_match(shown.out(), std::regex("public-key: .{40}\n"
+                                                       "hostname: node7\n"
+                                                       "secret-key: absent .*\n")))
+      << shown.out();
+  Process again({kVorn, "cert", "new", "node7", "-d", dir.path()}, dir.path());
+  EXPECT_EQ(again.wait_exit(), 1);  // never overwrites a key
+  EXPECT_NE(again.err().find("File exists"), std::string::npos) << again.err();
+}
+
 TEST_F(CliTest, LatestFailingAndStaleSetsOfAHandMadeHistory) {
   start_server();
   send({

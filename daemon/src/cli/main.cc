@@ -11,6 +11,7 @@
 #include <cstring>
 #include <ctime>
 #include <iostream>
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -20,6 +21,7 @@
 #include "daemon/src/cli/http.h"
 #include "daemon/src/cli/query.h"
 #include "daemon/src/config/config.h"
+#include "daemon/src/curve/curve.h"
 #include "daemon/src/startup/startup.h"
 #include "util/fs.h"
 #include "util/log.h"
@@ -115,6 +117,50 @@ CLI::Validator accepted(const std::string& what, Parse parse) {
 
 }  // namespace
 
+struct CertRequest {
+  std::string name;
+  std::string dir = ".";
+  bool any_host = false;
+  std::string file;
+};
+
+int cert_new(const CertRequest& request) {
+  std::string error;
+  const std::string hostname = request.any_host ? vorn::curve::kAnyHost : request.name;
+  if (!vorn::curve::write_new_certificate(request.dir, request.name, hostname, &error)) {
+    std::fprintf(stderr, "vorn: %s\n", error.c_str());
+    return 1;
+  }
+  const std::string stem = request.dir + "/" + request.name;
+  std::printf("%s%s (public)\n%s%s (secret, mode 0600)\n", stem.c_str(), vorn::curve::kPublicSuffix,
+              stem.c_str(), vorn::curve::kSecretSuffix);
+  return 0;
+}
+
+struct DestroyConfig {
+  void operator()(zconfig_t* config) const { zconfig_destroy(&config); }
+};
+
+int cert_show(const CertRequest& request) {
+  vorn::curve::certificate cert;
+  std::string error;
+  if (!vorn::curve::load_certificate(request.file, false, &cert, &error)) {
+    std::fprintf(stderr, "vorn: %s\n", error.c_str());
+    return 1;
+  }
+  std::printf("public-key: %s\n", cert.public_key.c_str());
+  std::unique_ptr<zconfig_t, DestroyConfig> root(zconfig_load(request.file.c_str()));
+  zconfig_t* metadata = root ? zconfig_locate(root.get(), "/metadata") : nullptr;
+  for (zconfig_t* item = metadata ? zconfig_child(metadata) : nullptr; item;
+       item = zconfig_next(item)) {
+    const char* value = zconfig_value(item);
+    std::printf("%s: %s\n", zconfig_name(item), value ? value : "");
+  }
+  std::printf("secret-key: %s\n", cert.secret_key.empty() ? "absent (a public certificate)"
+                                                          : "present (keep this file private)");
+  return 0;
+}
+
 int main(int argc, char** argv) {
   if (!vorn::fs::open_standard_descriptors()) {
     return 1;
@@ -193,7 +239,24 @@ int main(int argc, char** argv) {
       ->check(duration)
       ->capture_default_str();
 
+  CertRequest cert_request;
+  CLI::App* cert = app.add_subcommand("cert", "CURVE certificates of the server and the nodes");
+  cert->require_subcommand(1);
+  CLI::App* cert_new_command = cert->add_subcommand(
+      "new", "writes NAME.cert (public) and NAME.cert_secret (mode 0600) for host NAME");
+  cert_new_command->add_option("NAME", cert_request.name, "host name, also the file name")
+      ->required();
+  cert_new_command->add_option("-d,--dir", cert_request.dir, "directory")->capture_default_str();
+  cert_new_command->add_flag("--any-host", cert_request.any_host,
+                             "hostname \"*\": may send results of any host (a relay, vorn-send)");
+  CLI::App* cert_show_command =
+      cert->add_subcommand("show", "prints a certificate's public key and metadata");
+  cert_show_command->add_option("FILE", cert_request.file, "certificate file")->required();
+
   for (CLI::App* command : app.get_subcommands({})) {
+    if (command == cert) {
+      continue;
+    }
     command->footer("Every command also takes -c FILE (the daemon configuration) or --db FILE.");
   }
 
@@ -207,6 +270,12 @@ int main(int argc, char** argv) {
     return 2;
   }
 
+  if (cert_new_command->parsed()) {
+    return cert_new(cert_request);
+  }
+  if (cert_show_command->parsed()) {
+    return cert_show(cert_request);
+  }
   try {
     std::string path = database_path(request);
     if (serve->parsed()) {

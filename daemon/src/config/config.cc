@@ -156,6 +156,16 @@ void read_keys(const vorn::xml::ConfigurationReader& keys, daemon_config& config
   if (port > 0) {
     config.broadcast_port = static_cast<int32_t>(port);
   }
+  if (auto v = read_path(keys, "curve_certificate", "Multiple curve_certificate elements in '")) {
+    config.curve_certificate = *v;
+  }
+  if (auto v = read_path(keys, "curve_clients_dir", "Multiple curve_clients_dir elements in '")) {
+    config.curve_clients_dir = *v;
+  }
+  if (auto v = read_path(keys, "curve_server_certificate",
+                         "Multiple curve_server_certificate elements in '")) {
+    config.curve_server_certificate = *v;
+  }
   if (auto v = keys.text("database_backend", "Multiple database_backend elements in '")) {
     auto it = database_backend_names.find(*v);
     if (it == database_backend_names.end()) {

@@ -43,10 +43,15 @@ struct daemon_config {
   int32_t broadcast_port = 9077;
   char accumulate_host[1026] = "";
   char accumulate_port[33] = "1974";
-  // Where the result socket binds: "*" (every interface), an address or an
-  // interface name, as ZeroMQ's bind takes it.
-  std::string accumulate_listen_address = "*";
   char accumulate_output_dir[4096] = "/var/cache/vorn";
+  // The address the result socket binds, "*" for all interfaces.
+  std::string accumulate_listen_address = "*";
+  // CURVE keys (expanded paths); all empty: plaintext. The program's own
+  // secret certificate, the directory of the certificates allowed to send
+  // (server), the server's public certificate (node).
+  std::string curve_certificate;
+  std::string curve_clients_dir;
+  std::string curve_server_certificate;
   // No key sets it; 0 is the production daemon. Non-zero binds the accumulate
   // server to the node's own address on an ephemeral port and opens the
   // database through database_vfs without recovery; 1 also skips the provider

@@ -44,10 +44,14 @@ TEST(ReadConfigTest, EveryKeyFirstElementWins) {
     std::string message = "";  // empty: "Multiple <key> elements"
   } rows[] = {
       {"accumulate_host", "head1", FIELD(accumulate_host)},
-      {"accumulate_listen_address", "127.0.0.1", FIELD(accumulate_listen_address)},
+      {"accumulate_listen_address", "10.0.0.1", FIELD(accumulate_listen_address)},
       {"accumulate_output_dir", "/srv/acc", FIELD(accumulate_output_dir)},
       {"accumulate_port", "2001", FIELD(accumulate_port)},
       {"broadcast_port", "9999", FIELD(broadcast_port)},
+      {"curve_certificate", "~/k/s.cert_secret", FIELD(curve_certificate),
+       home + "/k/s.cert_secret"},  // expanded
+      {"curve_clients_dir", "/srv/keys", FIELD(curve_clients_dir)},
+      {"curve_server_certificate", "/srv/s.cert", FIELD(curve_server_certificate)},
       {"database_backend", "sqlite3", FIELD(database_backend), "1"},
       {"database_file", "/srv/db/v.db", FIELD(database_file)},
       {"enable_adhoc_clusters", "false", FIELD(enable_adhoc_clusters)},
