@@ -10,6 +10,7 @@
 #include <functional>
 #include <string_view>
 
+#include "daemon/src/curve/curve.h"
 #include "util/czmq.h"
 #include "util/fs.h"
 #include "util/log.h"
@@ -233,7 +234,7 @@ std::optional<std::string> result_receiver::allowed_hostname(const message_origi
 bool result_receiver::hostname_allowed(const received_message& message,
                                        const message_origin& origin, const std::string& allowed) {
   const char* hostname = message.result().header.hostname;
-  if (allowed == kAnyHostname || allowed == hostname) {
+  if (vorn::curve::may_send_for(allowed, hostname)) {
     return true;
   }
   uint64_t suppressed = 0;

@@ -132,7 +132,6 @@ struct pub_ack_request {
 // hostname its certificate names ("*" for any host, "" for none); nullopt
 // for a key that is not listed, or not any more.
 using key_policy = std::function<std::optional<std::string>(const std::string& public_key)>;
-constexpr const char* kAnyHostname = "*";
 
 // Without a key policy every message counts, as in plaintext. With one,
 // every message is checked against the current policy, not only the
