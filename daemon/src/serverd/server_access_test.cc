@@ -252,34 +252,41 @@ TEST_F(ServerAccessTest, ACurveServerHearsListedKeysEachForItsOwnHost) {
   Cert any_host = new_cert("*");
   Cert no_hostname = new_cert(nullptr);
   Cert stranger = new_cert("node17");
+  Cert other_server = new_cert(nullptr);
   list(node17.get(), "node17");
   list(any_host.get(), "admin");
   list(no_hostname.get(), "nameless");
   struct Row {
     const char* comment;
-    zcert_t* key;  // null: plaintext
+    zcert_t* key;            // null: plaintext
+    const char* server_key;  // null: the server's own
     const char* hostname;
     bool stored;  // and so acknowledged
     const char* logged;
   } rows[] = {
-      {"a listed key for its own host", node17.get(), "node17", true, nullptr},
-      {"a listed key for another host", node17.get(), "node18", false,
+      {"a listed key for its own host", node17.get(), nullptr, "node17", true, nullptr},
+      {"a listed key for another host", node17.get(), nullptr, "node18", false,
        "Not storing a result for host 'node18' from '127.0.0.1': certificate '"},
-      {"a key for any host", any_host.get(), "node18", true, nullptr},
-      {"a certificate without hostname", no_hostname.get(), "node17", false, " not accepted)."},
-      {"an unlisted key", stranger.get(), "node17", false, " not accepted)."},
-      {"plaintext", nullptr, "node17", false, "not a CURVE client of this server"},
+      {"a key for any host", any_host.get(), nullptr, "node18", true, nullptr},
+      {"a certificate without hostname", no_hostname.get(), nullptr, "node17", false,
+       " not accepted)."},
+      {"an unlisted key", stranger.get(), nullptr, "node17", false, " not accepted)."},
+      {"a listed key, for another server", node17.get(), zcert_public_txt(other_server.get()),
+       "node17", false, "not a CURVE client of this server"},
+      {"plaintext", nullptr, nullptr, "node17", false, "not a CURVE client of this server"},
   };
   int n = 0;
   for (const Row& row : rows) {
     SCOPED_TRACE(row.comment);
     auto server = start(keys);
     const std::string provider = "row" + std::to_string(n++);
-    auto sender = row.key != nullptr ? std::make_unique<raw_sender>(port_, row.key, server_key())
-                                     : std::make_unique<raw_sender>(port_);
+    auto sender = row.key != nullptr
+                      ? std::make_unique<raw_sender>(port_, row.key,
+                                                     row.server_key ? row.server_key : server_key())
+                      : std::make_unique<raw_sender>(port_);
     ASSERT_TRUE(sender->connect());
     const std::string answer_at = sender->bind_reply("127.0.0.1");
-    const bool heard = row.stored || row.key == node17.get();
+    const bool heard = row.stored || (row.key == node17.get() && row.server_key == nullptr);
     EXPECT_EQ(sender->acknowledged(answer_at, 1, milliseconds(heard ? 10000 : 2000)), heard);
     sender->send({kTopic, result_frame(provider, row.hostname), "x", "", ""});
     if (heard) {
