@@ -28,6 +28,7 @@ chmod 644 "$demo"/providers/*.xml
 cat >"$demo/vornd.xml" <<XML
 <configuration>
   <accumulate_host>127.0.0.1</accumulate_host>
+  <accumulate_listen_address>127.0.0.1</accumulate_listen_address>
   <accumulate_port>$port</accumulate_port>
   <enable_discovery>false</enable_discovery>
   <enable_adhoc_clusters>false</enable_adhoc_clusters>

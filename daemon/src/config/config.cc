@@ -140,7 +140,7 @@ void read_keys(const vorn::xml::ConfigurationReader& keys, daemon_config& config
   }
   if (auto v = keys.text("accumulate_listen_address",
                          "Multiple accumulate_listen_address elements in '")) {
-    config.accumulate_listen_address = *v;
+    config.accumulate_listen_address = v->empty() ? "*" : *v;
   }
   if (auto v = read_path(keys, "accumulate_output_dir",
                          "Multiple accumulate_output_dir elements in '")) {

@@ -68,8 +68,9 @@ struct daemon_config {
   int32_t heartbeat_period = 3600;
   int64_t timeout = 60;
   ::timeout_scale timeout_scale = ::timeout_scale::constant;
-  // Largest result message the server accepts, in bytes; larger ones are
-  // dropped by ZeroMQ before they take memory.
+  // Largest frame of a result message the server accepts, in bytes; a
+  // sender of a larger one is disconnected by ZeroMQ before the frame takes
+  // memory. It bounds frames, not whole messages.
   int64_t max_message_size = int64_t{64} << 20;
   // Seconds a stopping server keeps storing what still arrives.
   int32_t drain_timeout = 5;

@@ -2,10 +2,15 @@
 
 #include <sys/socket.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <deque>
+#include <memory>
+#include <optional>
+#include <string>
 #include <utility>
 
 #include "daemon/src/provider/result.h"
@@ -15,6 +20,7 @@
 #include "util/czmq.h"
 #include "util/host.h"
 #include "util/log.h"
+#include "util/str.h"
 
 namespace {
 
@@ -31,10 +37,18 @@ constexpr int kReceiveQueue = 100;
 
 // Binds the subscriber where the run mode says; "" on failure (logged).
 std::string bind_subscriber(zsock_t* socket, const daemon_config& config) {
-  int rc;
+  std::string endpoint;
   if (config.run_mode == 0) {
-    rc =
-        zsock_bind(socket, "tcp://%s:%d", "*", static_cast<int>(std::atol(config.accumulate_port)));
+    std::string address = config.accumulate_listen_address;
+    // An IPv6 address needs the socket's IPv6 option and, before the port,
+    // its brackets.
+    if (address.find(':') != std::string::npos) {
+      zsock_set_ipv6(socket, 1);
+      if (address.front() != '[') {
+        address = "[" + address + "]";
+      }
+    }
+    endpoint = "tcp://" + address + ":" + std::to_string(std::atol(config.accumulate_port));
   } else {
     char* host = zsys_hostname();
     std::string address = vorn::host::resolve_host_address(host != nullptr ? host : "");
@@ -42,10 +56,11 @@ std::string bind_subscriber(zsock_t* socket, const daemon_config& config) {
     if (address.empty()) {
       return "";
     }
-    rc = zsock_bind(socket, "tcp://%s:*", address.c_str());
+    endpoint = "tcp://" + address + ":*";
   }
-  if (rc < 0) {
-    VORN_LOG(3) << "Error binding socket (" << errno << "): " << zmq_strerror(errno);
+  if (zsock_bind(socket, "%s", endpoint.c_str()) < 0) {
+    VORN_LOG(3) << "Error binding socket to " << vorn::str::printable(endpoint) << " (" << errno
+                << "): " << zmq_strerror(errno);
     return "";
   }
   return vorn::czmq::last_endpoint(socket);
@@ -93,6 +108,60 @@ class waiting_requests {
   std::deque<std::pair<pub_ack_request, uint64_t>> waiting_;
 };
 
+// Handshakes the result socket failed before any key was looked at: a peer
+// without CURVE, or with another server key. The ZAP handler logs the
+// refusals it decides itself.
+class handshake_failures {
+ public:
+  explicit handshake_failures(zsock_t* socket) {
+    const std::string endpoint = "inproc://vorn-result-handshakes-" + std::to_string(++instances_);
+    if (zmq_socket_monitor(
+            zsock_resolve(socket), endpoint.c_str(),
+            ZMQ_EVENT_HANDSHAKE_FAILED_NO_DETAIL | ZMQ_EVENT_HANDSHAKE_FAILED_PROTOCOL) != 0) {
+      VORN_LOG(4) << "Cannot watch the handshakes of the result socket "
+                  << vorn::log::sys_error(zmq_errno());
+      return;
+    }
+    monitor_.reset(zsock_new(ZMQ_PAIR));
+    if (monitor_ && zsock_connect(monitor_.get(), "%s", endpoint.c_str()) != 0) {
+      monitor_.reset();
+    }
+  }
+
+  // The socket to poll; null when there is none.
+  void* socket() const { return monitor_ ? zsock_resolve(monitor_.get()) : nullptr; }
+
+  // Reads the events that wait, and logs them as one warning per 10 s.
+  void read() {
+    for (;;) {
+      vorn::czmq::Message event(zmsg_recv_nowait(monitor_.get()));
+      if (!event) {
+        break;
+      }
+      zframe_t* head = zmsg_first(event.get());
+      if (head != nullptr && zframe_size(head) >= 6) {
+        std::memcpy(&last_error_, zframe_data(head) + 2, sizeof last_error_);
+      }
+      ++unreported_;
+    }
+    uint64_t suppressed = 0;
+    if (unreported_ > 0 && warnings_.allow(zclock_mono(), &suppressed)) {
+      VORN_LOG(4) << "Refused " << unreported_
+                  << " peer(s) on the result socket in the handshake since the last report: not "
+                     "a CURVE client of this server (ZeroMQ protocol error 0x"
+                  << std::hex << last_error_ << std::dec << ")";
+      unreported_ = 0;
+    }
+  }
+
+ private:
+  static inline std::atomic<int> instances_{0};
+  vorn::czmq::Socket monitor_;
+  uint64_t unreported_ = 0;
+  uint32_t last_error_ = 0;
+  vorn::log::RateLimit warnings_{10000};
+};
+
 void warn_dropped(vorn::log::RateLimit& limit, size_t dropped) {
   uint64_t suppressed = 0;
   if (limit.allow(zclock_mono(), &suppressed)) {
@@ -103,7 +172,21 @@ void warn_dropped(vorn::log::RateLimit& limit, size_t dropped) {
 
 }  // namespace
 
-bool run_accumulate_server(daemon_options& options, const daemon_config& config, database* store) {
+bool run_accumulate_server(daemon_options& options, const daemon_config& config, database* store,
+                           const vorn::curve::settings& curve) {
+  // With CURVE, the directory is looked at for every handshake (by the ZAP
+  // handler) and every message (by the receiver).
+  std::unique_ptr<vorn::curve::key_directory> keys;
+  std::unique_ptr<vorn::curve::zap_handler> zap;
+  if (curve.enabled) {
+    keys = std::make_unique<vorn::curve::key_directory>(curve.clients_dir);
+    zap = std::make_unique<vorn::curve::zap_handler>(vorn::curve::listed_with_hostname(*keys),
+                                                     "the result socket");
+    if (!zap->ok()) {
+      options.endpoint.set_value("");
+      return false;
+    }
+  }
   vorn::czmq::Socket subscriber(zsock_new(ZMQ_SUB));
   if (subscriber) {
     // What a flooding sender may have waiting in the server's memory, beyond
@@ -116,6 +199,13 @@ bool run_accumulate_server(daemon_options& options, const daemon_config& config,
     // ZeroMQ's default queue of 100 pending connections makes the kernel
     // drop most of them, to be retried seconds later.
     zsock_set_backlog(subscriber.get(), kConnectBacklog);
+    if (curve.enabled) {
+      vorn::curve::make_server(subscriber.get(), curve.own);
+    }
+  }
+  std::optional<handshake_failures> refused;
+  if (subscriber && curve.enabled) {
+    refused.emplace(subscriber.get());
   }
   std::string endpoint = subscriber ? bind_subscriber(subscriber.get(), config) : "";
   options.endpoint.set_value(endpoint);
@@ -129,9 +219,11 @@ bool run_accumulate_server(daemon_options& options, const daemon_config& config,
   // Without a database, results go to text files.
   database* db = config.database_backend == database_backend_kind::none ? nullptr : store;
   result_writer writer(db, config);
-  result_receiver receiver;
+  result_receiver receiver(
+      keys ? key_policy([&keys](const std::string& public_key) { return keys->lookup(public_key); })
+           : nullptr);
   waiting_requests waiting;
-  pub_ack_answerer answerer;
+  pub_ack_answerer answerer(curve.enabled ? std::optional(curve.own) : std::nullopt);
   vorn::log::RateLimit drop_warnings(10000);
   // When the first stop signal was seen; a drain lasts drain_timeout at most.
   int64_t stop_seen_ms = -1;
@@ -194,13 +286,19 @@ bool run_accumulate_server(daemon_options& options, const daemon_config& config,
     // While the queue is full, or a request waits for its commit, the socket
     // is not the only thing to watch: look again soon.
     int wait_ms = slot == nullptr || !waiting.empty() ? result_writer::kPauseMs : kPollMs;
-    zmq_pollitem_t item = {socket, 0, static_cast<short>(slot != nullptr ? ZMQ_POLLIN : 0), 0};
-    int ready = zmq_poll(&item, 1, wait_ms);
+    zmq_pollitem_t items[] = {
+        {socket, 0, static_cast<short>(slot != nullptr ? ZMQ_POLLIN : 0), 0},
+        {refused ? refused->socket() : nullptr, 0, ZMQ_POLLIN, 0},
+    };
+    int ready = zmq_poll(items, items[1].socket != nullptr ? 2 : 1, wait_ms);
     if (ready < 0 && zmq_errno() == ETERM) {
       VORN_LOG(5) << "The ZeroMQ context is ending. Stopping at once";
       break;
     }
-    if (ready > 0) {
+    if (items[1].revents & ZMQ_POLLIN) {
+      refused->read();
+    }
+    if (items[0].revents & ZMQ_POLLIN) {
       more_waiting = true;
       last_message_ms = zclock_mono();
     } else if (!options.running && slot != nullptr && zclock_mono() - last_message_ms >= kPollMs) {

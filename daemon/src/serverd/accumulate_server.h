@@ -1,7 +1,7 @@
 #pragma once
 // The accumulate server: the receiving end of the result transport.
 //
-// It binds one SUB socket on accumulate_port (all interfaces), subscribes to
+// It binds one SUB socket on accumulate_port (accumulate_listen_address), subscribes to
 // its partition's topic, and stores every result in the database, or as a
 // text dump in accumulate_output_dir when there is none. It answers a
 // "PUB_ACK" request only once every row received before it is committed.
@@ -16,9 +16,14 @@
 #include <string>
 
 #include "daemon/src/config/config.h"
+#include "daemon/src/curve/curve.h"
 #include "daemon/src/database/database.h"
 #include "daemon/src/serverd/daemon_options.h"
 
 // True after an orderly stop, false when it could not start. `store` may be
-// null. The endpoint slot of `options` is fulfilled in every case.
-bool run_accumulate_server(daemon_options& options, const daemon_config& config, database* store);
+// null. The endpoint slot of `options` is fulfilled in every case. With
+// `curve` enabled, the socket is a CURVE server that hears only the keys
+// listed in curve.clients_dir at the time, each for its own host (see
+// result_receiver), and refused handshakes are logged.
+bool run_accumulate_server(daemon_options& options, const daemon_config& config, database* store,
+                           const vorn::curve::settings& curve = {});

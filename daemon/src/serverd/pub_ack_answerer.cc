@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "util/czmq.h"
@@ -34,8 +35,10 @@ void close_socket(void* socket, int linger_ms) {
 
 }  // namespace
 
-pub_ack_answerer::pub_ack_answerer()
-    : context_(zmq_ctx_new()), wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+pub_ack_answerer::pub_ack_answerer(std::optional<vorn::curve::certificate> own)
+    : own_(std::move(own)),
+      context_(zmq_ctx_new()),
+      wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
   if (context_ != nullptr) {
     zmq_ctx_set(context_, ZMQ_MAX_SOCKETS, kMaxSockets);
   }
@@ -129,6 +132,7 @@ void pub_ack_answerer::run() {
       int immediate = 1;
       if (socket == nullptr ||
           zmq_setsockopt(socket, ZMQ_IMMEDIATE, &immediate, sizeof immediate) != 0 ||
+          (own_ && !vorn::curve::make_client(socket, *own_, request.public_key)) ||
           zmq_connect(socket, request.endpoint.c_str()) != 0) {
         int error = errno;
         uint64_t suppressed = 0;

@@ -14,6 +14,9 @@
 // Sockets that cannot be made (descriptors or the context's sockets
 // exhausted) cost that answer, never the process.
 //
+// With CURVE, each answer is a CURVE client with the server's own key, of
+// the requester's key: a node's reply socket is a CURVE server with its own.
+//
 // Thread safety: answer() may be called from any thread; the destructor
 // from the owner's.
 
@@ -22,10 +25,12 @@
 #include <cstdint>
 #include <deque>
 #include <mutex>
+#include <optional>
 #include <thread>
 #include <unordered_set>
 #include <vector>
 
+#include "daemon/src/curve/curve.h"
 #include "daemon/src/serverd/receiver.h"
 #include "util/fs.h"
 
@@ -35,7 +40,8 @@ class pub_ack_answerer {
   static constexpr int kAnswerTimeoutMs = 2000;
   static constexpr int kLingerMs = 100;
 
-  pub_ack_answerer();
+  // `own`: the server's certificate when results travel with CURVE.
+  explicit pub_ack_answerer(std::optional<vorn::curve::certificate> own = std::nullopt);
   pub_ack_answerer(const pub_ack_answerer&) = delete;
   pub_ack_answerer& operator=(const pub_ack_answerer&) = delete;
   // Gives up the answers still under way.
@@ -52,6 +58,7 @@ class pub_ack_answerer {
   void run();
   void finished(const std::vector<uint64_t>& done, const std::vector<uint64_t>& delivered);
 
+  std::optional<vorn::curve::certificate> own_;
   void* context_;
   vorn::fs::Fd wake_;  // eventfd: new requests, or stop
   std::mutex mutex_;

@@ -10,6 +10,7 @@
 #include <functional>
 #include <string_view>
 
+#include "daemon/src/curve/curve.h"
 #include "util/czmq.h"
 #include "util/fs.h"
 #include "util/log.h"
@@ -59,21 +60,52 @@ void answered_requests::forget_expired(int64_t now_ms) {
   }
 }
 
-bool valid_reply_endpoint(std::string_view endpoint) {
+namespace {
+
+// The address part of "tcp://ADDRESS:port", brackets included; "" when the
+// endpoint has no such form.
+std::string_view endpoint_address(std::string_view endpoint) {
   constexpr std::string_view kScheme = "tcp://";
-  // zmq_connect reads the endpoint as a C string, so a NUL would cut it short
-  // of what is checked here.
-  if (endpoint.size() > kMaxEndpointSize || endpoint.substr(0, kScheme.size()) != kScheme ||
-      endpoint.find('\0') != std::string_view::npos) {
-    return false;
+  if (endpoint.substr(0, kScheme.size()) != kScheme) {
+    return {};
   }
   std::string_view rest = endpoint.substr(kScheme.size());
   size_t colon = rest.rfind(':');
-  if (colon == std::string_view::npos) {
+  return colon == std::string_view::npos ? std::string_view() : rest.substr(0, colon);
+}
+
+// A numeric address as IPv6, IPv4 as its mapped form (::ffff:a.b.c.d), so
+// that the two ways of writing an IPv4 peer compare equal. An IPv6 scope
+// ("%eth0") is not part of the address. False when `text` is not numeric.
+bool parse_address(std::string_view text, in6_addr* out) {
+  if (text.size() > 2 && text.front() == '[' && text.back() == ']') {
+    text = text.substr(1, text.size() - 2);
+  }
+  std::string address(text.substr(0, text.find('%')));
+  in_addr v4;
+  if (inet_pton(AF_INET, address.c_str(), &v4) == 1) {
+    std::memset(out, 0, sizeof *out);
+    out->s6_addr[10] = 0xff;
+    out->s6_addr[11] = 0xff;
+    std::memcpy(&out->s6_addr[12], &v4, sizeof v4);
+    return true;
+  }
+  return inet_pton(AF_INET6, address.c_str(), out) == 1;
+}
+
+}  // namespace
+
+bool valid_reply_endpoint(std::string_view endpoint) {
+  // zmq_connect reads the endpoint as a C string, so a NUL would cut it short
+  // of what is checked here.
+  if (endpoint.size() > kMaxEndpointSize || endpoint.find('\0') != std::string_view::npos) {
     return false;
   }
-  std::string address(rest.substr(0, colon));
-  std::string_view port = rest.substr(colon + 1);
+  std::string_view address = endpoint_address(endpoint);
+  if (address.empty()) {
+    return false;
+  }
+  std::string_view port = endpoint.substr(endpoint.rfind(':') + 1);
   if (port.empty() || port.size() > 5 ||
       port.find_first_not_of("0123456789") != std::string_view::npos ||
       std::stoi(std::string(port)) == 0 || std::stoi(std::string(port)) > 65535) {
@@ -81,9 +113,17 @@ bool valid_reply_endpoint(std::string_view endpoint) {
   }
   unsigned char binary[sizeof(in6_addr)];
   if (address.size() > 2 && address.front() == '[' && address.back() == ']') {
-    return inet_pton(AF_INET6, address.substr(1, address.size() - 2).c_str(), binary) == 1;
+    return inet_pton(AF_INET6, std::string(address.substr(1, address.size() - 2)).c_str(),
+                     binary) == 1;
   }
-  return inet_pton(AF_INET, address.c_str(), binary) == 1;
+  return inet_pton(AF_INET, std::string(address).c_str(), binary) == 1;
+}
+
+bool endpoint_is_peer(std::string_view endpoint, std::string_view peer_address) {
+  in6_addr named;
+  in6_addr peer;
+  return parse_address(endpoint_address(endpoint), &named) && parse_address(peer_address, &peer) &&
+         std::memcmp(&named, &peer, sizeof named) == 0;
 }
 
 received_message::received_message() {
@@ -138,6 +178,19 @@ std::string_view received_message::frame(size_t i) const {
   return {static_cast<const char*>(zmq_msg_data(m)), zmq_msg_size(m)};
 }
 
+message_origin received_message::origin() const {
+  if (count_ == 0) {
+    return {};
+  }
+  // Every frame of a message carries the same properties.
+  auto* first = const_cast<zmq_msg_t*>(&frames_[0]);
+  auto property = [first](const char* name) {
+    const char* value = zmq_msg_gets(first, name);
+    return value != nullptr ? std::string_view(value) : std::string_view();
+  };
+  return {property("Peer-Address"), property("User-Id")};
+}
+
 bool received_message::parse_result() {
   // Frame 0, the topic, is not looked at.
   if (count_ != 5 || !parse_result_header(frame(1), header_) ||
@@ -157,21 +210,65 @@ message_kind result_receiver::receive(zsock_t* socket, received_message& message
   if (!message.receive(zsock_resolve(socket), wait ? 0 : ZMQ_DONTWAIT)) {
     return message_kind::nothing;
   }
-  return classify(message);
+  return classify(message, message.origin());
 }
 
-message_kind result_receiver::classify(received_message& message) {
+std::optional<std::string> result_receiver::allowed_hostname(const message_origin& origin) {
+  std::optional<std::string> hostname;
+  if (!origin.user_id.empty()) {
+    hostname = keys_(std::string(origin.user_id));
+  }
+  if (hostname && !hostname->empty()) {
+    return hostname;
+  }
+  uint64_t suppressed = 0;
+  if (key_warnings_.allow(zclock_mono(), &suppressed)) {
+    VORN_LOG(4) << "Ignoring a message from '" << vorn::str::printable(origin.peer_address)
+                << "' with key '" << vorn::str::printable(origin.user_id) << "': "
+                << (hostname ? "its certificate names no hostname" : "the key is not listed")
+                << (suppressed > 0 ? " (" + std::to_string(suppressed) + " more ignored)" : "");
+  }
+  return std::nullopt;
+}
+
+bool result_receiver::hostname_allowed(const received_message& message,
+                                       const message_origin& origin, const std::string& allowed) {
+  const char* hostname = message.result().header.hostname;
+  if (vorn::curve::may_send_for(allowed, hostname)) {
+    return true;
+  }
+  uint64_t suppressed = 0;
+  if (hostname_warnings_.allow(zclock_mono(), &suppressed)) {
+    VORN_LOG(4) << "Not storing a result for host '" << vorn::str::printable(hostname) << "' from '"
+                << vorn::str::printable(origin.peer_address) << "': certificate '"
+                << vorn::str::printable(origin.user_id) << "' is for host '"
+                << vorn::str::printable(allowed) << "'"
+                << (suppressed > 0 ? " (" + std::to_string(suppressed) + " more ignored)" : "");
+  }
+  return false;
+}
+
+message_kind result_receiver::classify(received_message& message, const message_origin& origin) {
+  std::optional<std::string> allowed;
+  if (keys_) {
+    allowed = allowed_hostname(origin);
+    if (!allowed) {
+      return message_kind::ignored;
+    }
+  }
   if (message.count() == 4) {
     if (message.frame(1) != "PUB_ACK") {
       return message_kind::ignored;
     }
     std::string_view endpoint = message.frame(2);
-    if (!valid_reply_endpoint(endpoint)) {
+    if (!valid_reply_endpoint(endpoint) || !endpoint_is_peer(endpoint, origin.peer_address)) {
       uint64_t suppressed = 0;
       if (endpoint_warnings_.allow(zclock_mono(), &suppressed)) {
         VORN_LOG(4) << "Ignoring PUB_ACK request for endpoint '"
-                    << vorn::str::printable(endpoint.substr(0, 80))
-                    << "': only tcp:// with a numeric address and a port is answered"
+                    << vorn::str::printable(endpoint.substr(0, 80)) << "' from '"
+                    << vorn::str::printable(origin.peer_address)
+                    << "': only tcp:// with the sender's own numeric address and a port is "
+                       "answered"
                     << (suppressed > 0 ? " (" + std::to_string(suppressed) + " more ignored)" : "");
       }
       return message_kind::ignored;
@@ -187,11 +284,14 @@ message_kind result_receiver::classify(received_message& message) {
     if (answered_.contains(key, zclock_mono())) {
       return message_kind::ignored;
     }
-    request_ = pub_ack_request{std::string(endpoint), number, key};
+    request_ = pub_ack_request{std::string(endpoint), std::string(origin.user_id), number, key};
     return message_kind::pub_ack;
   }
   if (!message.parse_result()) {
     VORN_LOG(3) << "Unrecognized message format";
+    return message_kind::ignored;
+  }
+  if (allowed && !hostname_allowed(message, origin, *allowed)) {
     return message_kind::ignored;
   }
   VORN_LOG(6) << "Received data provider '" << vorn::str::printable(message.result().header.name)

@@ -13,6 +13,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_set>
@@ -52,6 +54,20 @@ class answered_requests {
 constexpr size_t kMaxEndpointSize = 256;
 bool valid_reply_endpoint(std::string_view endpoint);
 
+// Whether the numeric address of a reply endpoint is `peer_address`, the
+// address a request came from (ZeroMQ's "Peer-Address"; IPv4 written plain
+// or as IPv4-mapped IPv6 alike). The server connects back only there: a
+// request naming anyone else would make it a reflector against third parties.
+bool endpoint_is_peer(std::string_view endpoint, std::string_view peer_address);
+
+// Where a message came from, as the properties ZeroMQ attaches to it say:
+// the peer's IP address, and with CURVE the peer's public key (Z85). Empty
+// when unknown, as for a message assembled without a socket.
+struct message_origin {
+  std::string_view peer_address;
+  std::string_view user_id;
+};
+
 enum class message_kind {
   nothing,  // no message was waiting
   ignored,  // a request answered already, or a message not understood (logged)
@@ -89,6 +105,9 @@ class received_message {
   size_t count() const { return count_; }
   size_t total_size() const { return total_size_; }
   std::string_view frame(size_t i) const;
+  // The properties of a received message; they stay valid while it holds
+  // its frames. Empty for a message assembled with append().
+  message_origin origin() const;
 
   // True when the message is a well-formed result; then result() reads it.
   bool parse_result();
@@ -104,17 +123,32 @@ class received_message {
 
 struct pub_ack_request {
   std::string endpoint;
+  std::string public_key;  // the requester's, with CURVE: its reply socket's too
   int32_t number = 0;
   uint64_t key = 0;  // see answered_requests
 };
 
+// With CURVE, who may send what: for a listed public key (Z85), the
+// hostname its certificate names ("*" for any host, "" for none); nullopt
+// for a key that is not listed, or not any more.
+using key_policy = std::function<std::optional<std::string>(const std::string& public_key)>;
+
+// Without a key policy every message counts, as in plaintext. With one,
+// every message is checked against the current policy, not only the
+// connection's handshake, so that a key removed while its connection stays
+// open is refused from then on; a result is stored only when its Hostname is
+// the one its key's certificate names. Refusals are logged, one warning per
+// 10 s of each kind.
 class result_receiver {
  public:
+  explicit result_receiver(key_policy keys = nullptr) : keys_(std::move(keys)) {}
+
   // Receives one message from `socket` into `message`; with `wait` false,
   // only one that is waiting already.
   message_kind receive(zsock_t* socket, received_message& message, bool wait = true);
-  // What receive() makes of a message once it is received (never nothing).
-  message_kind classify(received_message& message);
+  // What receive() makes of a message once it is received (never nothing),
+  // given where it came from.
+  message_kind classify(received_message& message, const message_origin& origin);
 
   // The request that receive() last returned as pub_ack.
   const pub_ack_request& request() const { return request_; }
@@ -124,9 +158,18 @@ class result_receiver {
   void mark_answered(uint64_t key);
 
  private:
+  // The hostname the message's key may send for; nullopt (logged) when the
+  // key is refused.
+  std::optional<std::string> allowed_hostname(const message_origin& origin);
+  bool hostname_allowed(const received_message& message, const message_origin& origin,
+                        const std::string& allowed);
+
+  key_policy keys_;
   pub_ack_request request_;
   answered_requests answered_;
   vorn::log::RateLimit endpoint_warnings_{10000};
+  vorn::log::RateLimit key_warnings_{10000};
+  vorn::log::RateLimit hostname_warnings_{10000};
 };
 
 // Appends the text form of the result to accumulate_output_dir + "/" + name.

@@ -4,25 +4,38 @@
 // socket. No socket is opened: the frames are built in memory and handed
 // over with received_message::append, as receive() does with each frame.
 //
-// Input: the frames one after another, separated by the four bytes "\n--\n";
-// n separators make n + 1 frames (an input without one is a single frame),
-// and a frame cannot hold the separator. Seeds in receiver_fuzz_corpus/:
+// Input: one byte that picks where the message came from (its low three
+// bits index kPeers, the peer address ZeroMQ would report; the next three
+// kKeys, the public key; bit 6 switches the CURVE key policy on), then the frames
+// one after another, separated by the four bytes "\n--\n"; n separators make
+// n + 1 frames (an input without one is a single frame), and a frame cannot
+// hold the separator. Seeds in receiver_fuzz_corpus/:
 // result-* five-frame results (plain; empty outputs and nodes; a header
 // claiming more output than its frame holds; a header frame one byte short;
 // outputs longer than the header says), pub_ack-* requests (IPv4, IPv6, a
-// host name, an odd number frame, port 0), and other-* messages that are
+// host name, an odd number frame, port 0, another address than the
+// requester's, an IPv4-mapped requester; with the key policy, a listed and
+// an unlisted key), result-key-* results under the key policy (for its own
+// host, another host, a prefix of its host, any host with "*", a key without
+// hostname, an unlisted key, no key) and other-* messages that are
 // neither (four frames without "PUB_ACK", seven frames).
 //
 // Checked besides the sanitizers: the frames kept are the frames given and
 // every byte is counted; a result's outputs lie inside their frames with the
 // sizes its header gives, and its text fields are terminated inside their
 // arrays; a request names the endpoint frame as sent, which
-// valid_reply_endpoint accepts, and once answered it is not returned again.
+// valid_reply_endpoint accepts, with the address the request came from, and
+// once answered it is not returned again; with the key policy, only listed
+// keys with a hostname are heard, and a result only for that host or any
+// host with "*".
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <zmq.h>
 
 #include <cstdint>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -36,6 +49,47 @@ namespace {
 constexpr std::string_view kSeparator = "\n--\n";
 
 using vorn::fuzz::check;
+
+struct peer {
+  const char* reported;   // as ZeroMQ's "Peer-Address" gives it
+  const char* canonical;  // the same address as inet_ntop writes it
+};
+// Eight entries, one for each value of the origin byte's low bits.
+constexpr peer kPeers[] = {
+    {"", ""},  // assembled without a socket: no address
+    {"127.0.0.1", "127.0.0.1"},
+    {"::ffff:127.0.0.1", "127.0.0.1"},  // an IPv4 peer of a dual-stack socket
+    {"::1", "::1"},
+    {"10.0.0.7", "10.0.0.7"},
+    {"fe80::1%eth0", "fe80::1"},  // link-local, with its scope
+    {"0:0:0:0:0:0:0:1", "::1"},
+    {"not an address", ""},
+};
+
+struct key {
+  const char* public_key;
+  const char* hostname;  // nullptr: not listed
+};
+// Eight entries, for the origin byte's bits 3 to 5.
+constexpr key kKeys[] = {
+    {"", nullptr},  // no key: a plaintext peer
+    {"rq:rM>}U?@Lns47E1%kR.o@n%FcmmsL/@{H8]yf7", "node01"},
+    {"Yne@$w-vo<fVvi]a<NY6T1ed:M$fCG*[IaLV{hID", "*"},
+    {"D:)Q[IlAW!ahhC2ac:9*A}h:p?([4%wOTJ%JR%cs", ""},  // no hostname metadata
+    {"Yne@$w-vo<fVvi]a<NY6T1ed:M$fCG*[IaLV{hIE", nullptr},
+    {"x-ee1w4TNFz=)9Y0aE%wNc]x.RP<R:*Yj(:kz6Bm", "node0"},  // a prefix is another host
+    {"TbvzL1b=R}v1ey{n[?hN7AL8V{#[7i^6n@WK:Hwr", "node17"},
+    {"rq:rM>}U?@Lns47E1%kR.o@n%FcmmsL/@{H8]yf8", nullptr},
+};
+
+std::optional<std::string> listed_hostname(const std::string& public_key) {
+  for (const key& k : kKeys) {
+    if (public_key == k.public_key && k.hostname != nullptr) {
+      return std::string(k.hostname);
+    }
+  }
+  return std::nullopt;
+}
 
 std::vector<std::string_view> split_frames(std::string_view input) {
   std::vector<std::string_view> frames;
@@ -68,20 +122,51 @@ void check_result(const received_message& message) {
   check(!result_text(result).empty(), "a result has a text form");
 }
 
-void check_request(result_receiver& receiver, received_message& message) {
+// The address of a valid endpoint as inet_ntop writes it, IPv4 plain.
+std::string canonical_address(const std::string& endpoint) {
+  std::string address = endpoint.substr(6, endpoint.rfind(':') - 6);
+  unsigned char binary[sizeof(in6_addr)];
+  char text[INET6_ADDRSTRLEN];
+  int family = AF_INET;
+  if (address.front() == '[') {
+    family = AF_INET6;
+    address = address.substr(1, address.size() - 2);
+  }
+  if (inet_pton(family, address.c_str(), binary) != 1 ||
+      inet_ntop(family, binary, text, sizeof text) == nullptr) {
+    return "";
+  }
+  std::string out = text;
+  if (out.rfind("::ffff:", 0) == 0 && out.find('.') != std::string::npos) {
+    out = out.substr(7);
+  }
+  return out;
+}
+
+void check_request(result_receiver& receiver, received_message& message,
+                   const message_origin& origin, const peer& from) {
   const pub_ack_request& request = receiver.request();
   check(request.endpoint == message.frame(2), "the endpoint is frame 2 as sent");
   check(valid_reply_endpoint(request.endpoint), "only valid endpoints are answered");
   check(request.endpoint.find('\0') == std::string::npos, "an answered endpoint holds no NUL");
+  check(*from.canonical != '\0' && canonical_address(request.endpoint) == from.canonical,
+        "only the requester's own address is answered");
   receiver.mark_answered(request.key);
-  check(receiver.classify(message) == message_kind::ignored, "an answered request is not repeated");
+  check(receiver.classify(message, origin) == message_kind::ignored,
+        "an answered request is not repeated");
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   vorn::fuzz::quiet_logs();
-  const std::string_view input(reinterpret_cast<const char*>(data), size);
+  std::string_view input(reinterpret_cast<const char*>(data), size);
+  const uint8_t origin_byte = input.empty() ? 0 : data[0];
+  input.remove_prefix(input.empty() ? 0 : 1);
+  const peer& from = kPeers[origin_byte & 7];
+  const key& by = kKeys[(origin_byte >> 3) & 7];
+  const bool with_keys = (origin_byte & 0x40) != 0;
+  const message_origin origin{from.reported, by.public_key};
 
   // The endpoint check on its own, with whatever text it is given.
   if (valid_reply_endpoint(input)) {
@@ -112,18 +197,30 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     check(message.frame(i) == frames[i], "a kept frame holds what was sent");
   }
 
-  result_receiver receiver;
-  switch (receiver.classify(message)) {
+  result_receiver receiver(with_keys ? key_policy(listed_hostname) : nullptr);
+  // Whom the key policy lets speak at all, and for which hosts.
+  const bool heard = !with_keys || (by.hostname != nullptr && *by.hostname != '\0');
+  auto may_send_for = [&](const char* hostname) {
+    return !with_keys || (heard && (std::strcmp(by.hostname, "*") == 0 ||
+                                    std::strcmp(by.hostname, hostname) == 0));
+  };
+  check(message.origin().peer_address.empty() && message.origin().user_id.empty(),
+        "a message assembled without a socket has no properties");
+  switch (receiver.classify(message, origin)) {
     case message_kind::result:
       check(frames.size() == 5, "a result has five frames");
+      check(heard, "a result comes from a listed key with a hostname");
+      check(may_send_for(message.result().header.hostname), "a key sends only for its own host");
       check_result(message);
       break;
     case message_kind::pub_ack:
       check(frames.size() == 4 && frames[1] == "PUB_ACK", "a request has four frames");
-      check_request(receiver, message);
+      check(heard, "a request comes from a listed key with a hostname");
+      check_request(receiver, message, origin, from);
       break;
     case message_kind::ignored:
-      check(!message.parse_result(), "an ignored message is no result");
+      check(!message.parse_result() || !may_send_for(message.result().header.hostname),
+            "an ignored message is no result its key may send");
       break;
     case message_kind::nothing:
       check(false, "a received message is never nothing");

@@ -71,6 +71,9 @@ TEST(ReceiverTest, PubAckIsAnsweredOncePerEndpointAndNumber) {
       {"another tag", {"PUB_ACK?", endpoint, number(7)}, nullptr},
       {"not a TCP endpoint", {"PUB_ACK", "ipc:///tmp/vorn-ack", number(7)}, nullptr},
       {"a host name is never looked up", {"PUB_ACK", "tcp://localhost:1", number(7)}, nullptr},
+      {"another address than the requester's",
+       {"PUB_ACK", "tcp://127.0.0.2" + endpoint.substr(endpoint.rfind(':')), number(8)},
+       nullptr},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.comment);
@@ -106,6 +109,29 @@ TEST(ReceiverTest, OnlyNumericTcpEndpointsAreAnswered) {
   };
   for (const Row& row : rows) {
     EXPECT_EQ(valid_reply_endpoint(row.endpoint), row.valid) << row.endpoint;
+  }
+}
+
+TEST(ReceiverTest, OnlyTheRequestersOwnAddressIsAnswered) {
+  struct Row {
+    const char* endpoint;
+    const char* peer;  // as ZeroMQ's "Peer-Address" gives it
+    bool answered;
+  } rows[] = {
+      {"tcp://127.0.0.1:5000", "127.0.0.1", true},
+      {"tcp://127.0.0.1:5000", "::ffff:127.0.0.1", true},  // IPv4 on a dual-stack socket
+      {"tcp://[::ffff:127.0.0.1]:5000", "127.0.0.1", true},
+      {"tcp://[::1]:5000", "::1", true},
+      {"tcp://[0:0::1]:5000", "::1", true},            // another spelling
+      {"tcp://[fe80::1]:5000", "fe80::1%eth0", true},  // the scope is not the address
+      {"tcp://127.0.0.2:5000", "127.0.0.1", false},
+      {"tcp://[::1]:5000", "127.0.0.1", false},
+      {"tcp://127.0.0.1:5000", "", false},  // no address known: a message without a socket
+      {"tcp://127.0.0.1:5000", "127.0.0.1.", false},
+  };
+  for (const Row& row : rows) {
+    EXPECT_EQ(endpoint_is_peer(row.endpoint, row.peer), row.answered)
+        << row.endpoint << " from " << row.peer;
   }
 }
 

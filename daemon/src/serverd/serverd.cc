@@ -11,6 +11,7 @@
 
 #include "daemon/src/adhoc_cluster/beacon.h"
 #include "daemon/src/config/config.h"
+#include "daemon/src/curve/curve.h"
 #include "daemon/src/database/database.h"
 #include "daemon/src/serverd/accumulate_server.h"
 #include "daemon/src/serverd/daemon_options.h"
@@ -76,6 +77,15 @@ int serverd_main(int argc, char** argv) {
     return status;
   }
 
+  // A CURVE key that cannot be used is an error, never a fall-back to
+  // plaintext.
+  vorn::curve::settings curve;
+  std::string curve_error;
+  if (!vorn::curve::server_settings(config, &curve, &curve_error)) {
+    VORN_LOG(3) << curve_error;
+    return 1;
+  }
+
   if (!vorn::fs::make_path(config.accumulate_output_dir)) {
     VORN_LOG(3) << "Could not create accumulate output directory '" << config.accumulate_output_dir
                 << "', aborting";
@@ -119,7 +129,7 @@ int serverd_main(int argc, char** argv) {
     return 1;
   }
 
-  bool served = run_accumulate_server(options, config, store.get());
+  bool served = run_accumulate_server(options, config, store.get(), curve);
 
   closelog();
   store.reset();

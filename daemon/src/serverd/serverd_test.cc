@@ -145,11 +145,18 @@ TEST_F(ServerdTest, StartupFailures) {
        {"-c", write_config("<database_file>" + blocker + "/d/v.db</database_file>", "d")},
        1,
        "Could not create database output directory '" + blocker + "/d', aborting"},
+      {"a listen address not of this machine",
+       {"-c",
+        write_config("<accumulate_listen_address>192.0.2.1</accumulate_listen_address>", "l")},
+       1,
+       "Error binding socket to tcp://192.0.2.1:" + std::to_string(port_) +
+           " (99): Cannot assign requested address"},
       {"port in use",
        {"-c",
         write_config("<accumulate_port>" + std::to_string(taken_port) + "</accumulate_port>", "p")},
        1,
-       "Error binding socket (98): Address already in use"},
+       "Error binding socket to tcp://*:" + std::to_string(taken_port) +
+           " (98): Address already in use"},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.comment);
