@@ -29,6 +29,7 @@ using vorn::test::wait_until;
 
 const std::string kNoded = VORN_NODED_PATH;
 const std::string kSend = VORN_SEND_PATH;
+const std::string kServerd = VORN_SERVERD_PATH;
 
 int output_files(const std::string& directory) {
   int count = 0;
@@ -283,6 +284,60 @@ TEST_F(NodeCurveTest, ServerWithAnotherKeyGetsNothingAndIsLoggedOnce) {
   EXPECT_EQ(node->wait_exit(milliseconds(20000)), 0) << node->err();
   EXPECT_EQ(occurrences(node->err(), failed), 2) << node->err();
   EXPECT_EQ(occurrences(node->err(), "succeeds again"), 1) << node->err();
+}
+
+// The real server with CURVE: a listed node delivers its backlog and
+// vorn-send its result; a node the server does not list gets nothing in,
+// keeps its files and says why once.
+TEST_F(NodeCurveTest, CurveServerStoresWhatListedSendersSend) {
+  const int kFiles = 200;
+  ::mkdir(out().c_str(), 0755);
+  for (int i = 0; i < kFiles; ++i) {
+    ASSERT_EQ(write_output_file(vorn::test::sample_result("backlog", std::to_string(i)), out()), 1);
+  }
+  ::mkdir((dir_ / "clients").c_str(), 0700);
+  vorn::test::write_file(dir_ / "clients/node.cert",
+                         vorn::test::read_file(dir_ / "keys/node.cert"));
+  const std::string db = dir_ / "vorn.db";
+  const std::string server_cfg = dir_ / "server.xml";
+  vorn::test::write_file(
+      server_cfg,
+      vorn::test::config_xml("<accumulate_listen_address>127.0.0.1</accumulate_listen_address>"
+                             "<accumulate_port>" +
+                             std::to_string(port_) + "</accumulate_port><database_file>" + db +
+                             "</database_file><accumulate_output_dir>" + (dir_ / "acc") +
+                             "</accumulate_output_dir><curve_certificate>" + server_key_.path +
+                             "</curve_certificate><curve_clients_dir>" + (dir_ / "clients") +
+                             "</curve_clients_dir>"));
+  Process server({kServerd, "-d", "-c", server_cfg}, dir_.path());
+  auto stored = [&](const std::string& provider) {
+    auto r = vorn::test::query(db, "SELECT count(*) FROM vorn_1 WHERE Provider='" + provider + "'");
+    return r.empty() ? 0 : std::stoi(r[0][0]);
+  };
+
+  auto node = start_node(config(node_keys()));
+  EXPECT_TRUE(wait_until([&] { return stored("backlog") == kFiles && output_files(out()) == 0; },
+                         milliseconds(60000)))
+      << node->err() << server.err();
+  Process send({kSend, "-c", config(node_keys()), "sent", "/dev/null"}, dir_.path());
+  EXPECT_EQ(send.wait_exit(milliseconds(30000)), 0) << send.err() << server.err();
+  EXPECT_EQ(stored("sent"), 1);
+  node->send_signal(SIGTERM);
+  EXPECT_EQ(node->wait_exit(milliseconds(20000)), 0) << node->err();
+
+  // Another node with a key of its own that the server does not list.
+  node_key_ = new_key("unlisted");
+  out_ = dir_ / "out-unlisted";
+  backlog();
+  node = start_node(config(node_keys()));
+  const std::string failed = "failed: the server refused this node's key";
+  ASSERT_TRUE(node->wait_for_err(failed, milliseconds(30000))) << node->err();
+  EXPECT_FALSE(node->wait_for_err("Delivering results", milliseconds(4000))) << node->err();
+  node->send_signal(SIGTERM);
+  EXPECT_EQ(node->wait_exit(milliseconds(20000)), 0) << node->err();
+  EXPECT_EQ(occurrences(node->err(), failed), 1) << node->err();
+  EXPECT_EQ(output_files(out()), 1);
+  EXPECT_EQ(stored("waiting"), 0);
 }
 
 // A configured key that cannot be used stops either program at start with
