@@ -13,11 +13,14 @@
 #include <stdlib.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <iterator>
 #include <memory>
@@ -27,6 +30,7 @@
 #include <thread>
 #include <vector>
 
+#include "daemon/src/curve/curve.h"
 #include "daemon/src/provider/result.h"
 #include "util/str.h"
 
@@ -94,6 +98,52 @@ inline void write_server_config(const std::string& path, int port, const std::st
                       << "<accumulate_output_dir>" << dir << "/acc</accumulate_output_dir>"
                       << "<database_file>" << db << "</database_file>" << extra
                       << "</configuration>\n";
+}
+
+// CURVE keys for a benchmark in `dir`: the server's pair in dir/server, and
+// `nodes` pairs in dir/clients (the server's curve_clients_dir, which skips
+// the secret files), each with hostname "*" so that any host name passes.
+struct CurveKeys {
+  std::string dir;
+  int nodes = 0;
+
+  // The server's configuration keys for them.
+  std::string server_config() const {
+    return "<curve_certificate>" + dir + "/server/server.cert_secret</curve_certificate>" +
+           "<curve_clients_dir>" + dir + "/clients</curve_clients_dir>";
+  }
+  // Node `i`'s settings, as vorn::curve::node_settings would make them.
+  bool node_settings(int i, vorn::curve::settings* out) const {
+    std::string error;
+    out->enabled = true;
+    bool ok = vorn::curve::load_certificate(dir + "/clients/node" + std::to_string(i) +
+                                                vorn::curve::kSecretSuffix,
+                                            true, &out->own, &error) &&
+              vorn::curve::load_certificate(dir + "/server/server" + vorn::curve::kPublicSuffix,
+                                            false, &out->server, &error);
+    if (!ok) {
+      std::fprintf(stderr, "%s\n", error.c_str());
+    }
+    return ok;
+  }
+};
+
+inline bool make_curve_keys(const std::string& dir, int nodes, CurveKeys* keys) {
+  std::string error;
+  keys->dir = dir;
+  keys->nodes = nodes;
+  bool ok = ::mkdir(dir.c_str(), 0700) == 0 && ::mkdir((dir + "/server").c_str(), 0700) == 0 &&
+            ::mkdir((dir + "/clients").c_str(), 0700) == 0 &&
+            vorn::curve::write_new_certificate(dir + "/server", "server", "server", &error);
+  for (int i = 0; ok && i < nodes; ++i) {
+    ok = vorn::curve::write_new_certificate(dir + "/clients", "node" + std::to_string(i),
+                                            vorn::curve::kAnyHost, &error);
+  }
+  if (!ok) {
+    std::fprintf(stderr, "cannot make CURVE keys in %s: %s\n", dir.c_str(),
+                 error.empty() ? std::strerror(errno) : error.c_str());
+  }
+  return ok;
 }
 
 // Starts a program; its standard error goes to `log` unless that is empty.
