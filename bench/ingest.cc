@@ -6,7 +6,8 @@
 //   ingest [-q] [-r RUNS] [-s SENDERS] [-o OUTPUT_BYTES] [-b PATH_TO_VORN_SERVERD]
 //
 // The main row (4 senders, 1 KiB unless -s and -o say otherwise) is measured
-// RUNS times (default 5); -q measures only that row.
+// RUNS times (default 5), each time also with CURVE (a key per sender), for
+// the cost of authentication and encryption; -q measures only that row.
 
 #include <fcntl.h>
 #include <sys/time.h>
@@ -57,13 +58,20 @@ struct Load {
 
 // Each sender completes the handshake, then sends its share. A result's
 // duration field carries the time it was sent, for the latency probe.
-void run_senders(const Load& load, const std::string& endpoint, Clock::time_point* start_sending) {
+// With `curve` enabled they are CURVE clients of the server's key, each
+// with a key of its own.
+void run_senders(const Load& load, const std::string& endpoint, const vorn::bench::CurveKeys* curve,
+                 Clock::time_point* start_sending) {
   daemon_config config;
   std::vector<vorn::czmq::Socket> publishers;
   for (int s = 0; s < load.senders; ++s) {
-    publishers.push_back(connect_result_publisher(endpoint));
+    vorn::curve::settings settings;
+    if (curve != nullptr && !curve->node_settings(s, &settings)) {
+      std::exit(1);
+    }
+    publishers.push_back(connect_result_publisher(endpoint, settings));
     if (!publishers.back() ||
-        !request_pub_ack(publishers.back().get(), config, "127.0.0.1", 20000)) {
+        !request_pub_ack(publishers.back().get(), config, "127.0.0.1", 20000, settings)) {
       std::fprintf(stderr, "sender %d: no acknowledgement from %s\n", s, endpoint.c_str());
       std::exit(1);
     }
@@ -149,26 +157,28 @@ struct ServerRun {
   double stored_per_s = 0;
   long lost = 0;
   long peak_rss_kib = 0;
+  double cpu_s = 0;               // the server's, from start to stop
   std::vector<double> latencies;  // seconds, when probed
 };
 
 // The real server, storing into a fresh database. The clock runs from the
 // first result sent until the last row is visible to another connection.
 ServerRun measure_server(const std::string& serverd, const Load& load, const std::string& dir,
-                         bool probe_latency) {
+                         bool probe_latency, const vorn::bench::CurveKeys* curve = nullptr) {
   int port = vorn::bench::free_port();
   std::string config_path = dir + "/vornd.xml";
   std::string db = dir + "/vorn.db";
   for (const char* suffix : {"", "-wal", "-shm"}) {
     unlink((db + suffix).c_str());
   }
-  vorn::bench::write_server_config(config_path, port, dir, db);
+  vorn::bench::write_server_config(config_path, port, dir, db,
+                                   curve != nullptr ? curve->server_config() : "");
   pid_t server = vorn::bench::spawn({serverd, "-c", config_path}, "");
   ServerRun run;
   Clock::time_point start;
   std::atomic<bool> sent{false};
   std::thread senders([&] {
-    run_senders(load, "tcp://127.0.0.1:" + std::to_string(port), &start);
+    run_senders(load, "tcp://127.0.0.1:" + std::to_string(port), curve, &start);
     sent = true;
   });
   // The database exists once the server has answered the handshakes.
@@ -195,6 +205,8 @@ ServerRun measure_server(const std::string& serverd, const Load& load, const std
   }
   senders.join();
   run.peak_rss_kib = vorn::bench::proc_status_kib(server, "VmHWM");
+  run.cpu_s = static_cast<double>(vorn::bench::cpu_ticks(server)) /
+              static_cast<double>(::sysconf(_SC_CLK_TCK));
   vorn::bench::stop(server);
   run.lost = load.total - Reader(db).last_rowid();
   run.stored_per_s = last / elapsed;
@@ -212,7 +224,7 @@ double measure_receive_only(const Load& load) {
   Clock::time_point start;
   std::atomic<bool> handshakes_done{false};
   std::thread senders([&] {
-    run_senders(load, "tcp://127.0.0.1:" + std::to_string(port), &start);
+    run_senders(load, "tcp://127.0.0.1:" + std::to_string(port), nullptr, &start);
     handshakes_done = true;
   });
   received_message message;
@@ -434,8 +446,23 @@ int main(int argc, char** argv) {
     measure_row(serverd, dir, row);
     print_row(row);
   }
+  // The main row once more with CURVE after each plaintext run, so that
+  // both see the same machine. Each sender has a key of its own; the
+  // process's ZAP handler lets only the server answer their handshakes.
+  vorn::bench::CurveKeys keys;
+  vorn::curve::settings any_sender;
+  if (!vorn::bench::make_curve_keys(dir + "/keys", main_row.load.senders, &keys) ||
+      !keys.node_settings(0, &any_sender)) {
+    return 1;
+  }
+  vorn::curve::zap_handler zap(only_the_server(any_sender), "the benchmark's reply sockets");
+  if (!zap.ok()) {
+    return 1;
+  }
+  std::vector<ServerRun> curve_runs;
   for (int i = 0; i < main_runs; ++i) {
     measure_row(serverd, dir, main_row);
+    curve_runs.push_back(measure_server(serverd, main_row.load, dir, false, &keys));
   }
   print_row(main_row);
 
@@ -456,6 +483,25 @@ int main(int argc, char** argv) {
     std::printf("  goal 100000/s and 0.5 of bulk: %s and %s\n", s >= 100000 ? "met" : "not met",
                 r >= 0.5 ? "met" : "not met");
   }
+
+  std::vector<double> curve_stored;
+  std::vector<double> curve_ratio;
+  std::vector<double> plain_cpu_ns;
+  std::vector<double> curve_cpu_ns;
+  const double results = static_cast<double>(main_row.load.total);
+  for (size_t i = 0; i < curve_runs.size(); ++i) {
+    curve_stored.push_back(curve_runs[i].stored_per_s);
+    curve_ratio.push_back(curve_runs[i].stored_per_s / main_row.runs[i].stored_per_s * 100);
+    plain_cpu_ns.push_back(main_row.runs[i].cpu_s / results * 1e9);
+    curve_cpu_ns.push_back(curve_runs[i].cpu_s / results * 1e9);
+  }
+  std::printf("\nThe same with CURVE (each run right after a plaintext one):\n");
+  print_values("CURVE stored/s", curve_stored);
+  print_values("CURVE/plain, percent", curve_ratio);
+  print_values("server CPU/result, ns", plain_cpu_ns);
+  print_values("  the same, CURVE", curve_cpu_ns);
+  const double curve_r = median(curve_ratio) / 100;
+  std::printf("  goal 0.7 of plaintext: %s\n", curve_r >= 0.7 ? "met" : "not met");
 
   // Arrival to commit, with the senders paced at half the stored rate so
   // that results do not queue on their way: the time from sending to the
@@ -482,6 +528,9 @@ int main(int argc, char** argv) {
     }
   }
   for (const ServerRun& run : main_row.runs) {
+    lost += run.lost;
+  }
+  for (const ServerRun& run : curve_runs) {
     lost += run.lost;
   }
   std::printf("lost: %ld\n", lost);

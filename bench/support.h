@@ -17,8 +17,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -116,9 +116,9 @@ struct CurveKeys {
   bool node_settings(int i, vorn::curve::settings* out) const {
     std::string error;
     out->enabled = true;
-    bool ok = vorn::curve::load_certificate(dir + "/clients/node" + std::to_string(i) +
-                                                vorn::curve::kSecretSuffix,
-                                            true, &out->own, &error) &&
+    bool ok = vorn::curve::load_certificate(
+                  dir + "/clients/node" + std::to_string(i) + vorn::curve::kSecretSuffix, true,
+                  &out->own, &error) &&
               vorn::curve::load_certificate(dir + "/server/server" + vorn::curve::kPublicSuffix,
                                             false, &out->server, &error);
     if (!ok) {

@@ -656,6 +656,9 @@ TEST_F(CliTest, StatusPageInHeadlessChromium) {
       EXPECT_EQ(
           browser.wait_for("return document.getElementById('detail-title').textContent", title),
           title);
+      // The pane's result and the grid come from two requests, in either order.
+      EXPECT_EQ(browser.wait_for("return !!document.querySelector('#grid .r.selected')", true),
+                true);
       json boxes = browser.run(R"(
           const box = e => { const r = e.getBoundingClientRect(); return [r.left, r.top, r.right, r.bottom]; };
           const tile = document.querySelector("#grid .r.selected");
