@@ -21,7 +21,8 @@
 // nodes), each with a ZeroMQ context of its own. The server gets the
 // benchmark's descriptor limit, raised to the hard limit; -l starts it with a
 // lower soft limit instead, to see what a service started with fewer
-// descriptors does. -v prints how many answers came in each second.
+// descriptors does. -v prints how many answers came in each second and
+// which of the server's threads were busy.
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -285,6 +286,34 @@ std::string descriptor_limit(pid_t pid) {
   return "soft " + std::to_string(soft) + ", hard " + std::to_string(hard);
 }
 
+// CPU of each thread of a process with more than `min_ticks`, as
+// "name: seconds" (names repeat: each ZeroMQ context has its own I/O thread).
+std::string busy_threads(pid_t pid, long long min_ticks) {
+  const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
+  std::unique_ptr<DIR, CloseDirectory> dir(::opendir(tasks.c_str()));
+  std::string text;
+  while (dir) {
+    const dirent* entry = ::readdir(dir.get());
+    if (entry == nullptr) {
+      break;
+    }
+    if (entry->d_name[0] == '.') {
+      continue;
+    }
+    const long long ticks = vorn::bench::stat_cpu_ticks(tasks + "/" + entry->d_name + "/stat");
+    if (ticks <= min_ticks) {
+      continue;
+    }
+    std::string name = vorn::bench::read_file(tasks + "/" + entry->d_name + "/comm");
+    name.erase(name.find_last_not_of('\n') + 1);
+    char seconds[32];
+    std::snprintf(seconds, sizeof seconds, "%.2f s",
+                  static_cast<double>(ticks) / static_cast<double>(::sysconf(_SC_CLK_TCK)));
+    text += (text.empty() ? "" : ", ") + name + " " + seconds;
+  }
+  return text;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -479,6 +508,12 @@ int main(int argc, char** argv) {
   peak_descriptors = std::max(peak_descriptors, open_descriptors(server));
   const long peak_rss = vorn::bench::proc_status_kib(server, "VmHWM");
   const long long cpu = vorn::bench::cpu_ticks(server) - cpu_before;
+  const std::string server_threads = busy_threads(server, ::sysconf(_SC_CLK_TCK) / 10);
+  // The simulated nodes share the machine's cores with the server.
+  long long nodes_cpu = 0;
+  for (const Group& group : groups) {
+    nodes_cpu += vorn::bench::cpu_ticks(group.pid);
+  }
 
   for (Group& group : groups) {
     char stop = 'S';
@@ -525,7 +560,10 @@ int main(int argc, char** argv) {
       peak_rss / 1024.0, static_cast<double>(peak_rss) / o.nodes, idle_rss / 1024.0,
       static_cast<double>(cpu) / static_cast<double>(::sysconf(_SC_CLK_TCK)), handshakes_s,
       peak_descriptors, WIFEXITED(server_status) ? WEXITSTATUS(server_status) : -1);
+  std::printf("  node processes: CPU %.2f s\n",
+              static_cast<double>(nodes_cpu) / static_cast<double>(::sysconf(_SC_CLK_TCK)));
   if (o.histogram) {
+    std::printf("  server threads over 0.1 s of CPU: %s\n", server_threads.c_str());
     // Answers in each second of the run: a connection that waited for the
     // server's accept queue shows as a late cluster.
     std::vector<int> per_second(static_cast<size_t>(last) + 1);
