@@ -570,6 +570,21 @@ int main(int argc, char** argv) {
     for (double t : times) {
       ++per_second[static_cast<size_t>(t)];
     }
+    // A process whose nodes all repeat in step gets one burst of answers a
+    // second: its last answer shows it.
+    std::vector<double> process_last(groups.size(), -1);
+    for (const NodeReport& r : reports) {
+      for (size_t g = 0; g < groups.size(); ++g) {
+        if (r.index >= groups[g].first && r.index < groups[g].first + groups[g].count) {
+          process_last[g] = std::max(process_last[g], r.answered_s);
+        }
+      }
+    }
+    std::printf("  last answer in each node process:");
+    for (double t : process_last) {
+      std::printf(" %.1f s", t);
+    }
+    std::printf("\n");
     std::printf("  answers per second of the run:");
     for (size_t i = 0; i < per_second.size(); ++i) {
       std::printf(" %zu:%d", i, per_second[i]);
