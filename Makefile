@@ -83,6 +83,7 @@ bench: build
 	$(BUILD_DIR)/bench/node
 	$(BUILD_DIR)/bench/cli
 	$(BUILD_DIR)/bench/handshake -n $(HANDSHAKE_NODES)
+	$(BUILD_DIR)/bench/handshake -n $(HANDSHAKE_NODES) -C
 	$(BUILD_DIR)/bench/pub_ack_flood -n $(FLOOD_REQUESTS)
 
 format:

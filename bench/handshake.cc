@@ -6,14 +6,23 @@
 // connects back with the request's number.
 //
 //   handshake [-n NODES] [-p PROCESSES] [-r RESULTS] [-g GOAL_S] [-l NOFILE] [-b vorn-serverd]
-//             [-v]
+//             [-C] [-v]
+//
+// -C runs the same with CURVE: each node has a key pair of its own, listed
+// in the server's client directory, its publisher is a CURVE client of the
+// server's key and its reply socket a CURVE server with its own key that
+// lets in only the server's (each node process has one ZAP handler for all
+// its nodes), as a node daemon does. Run once without and once with -C, the
+// server's peak RSS per node and CPU show what the encryption and the key
+// checks cost.
 //
 // A process may hold 20,000 descriptors here and each node costs a few, so
 // the nodes are spread over PROCESSES child processes (default 10 for 10,000
 // nodes), each with a ZeroMQ context of its own. The server gets the
 // benchmark's descriptor limit, raised to the hard limit; -l starts it with a
 // lower soft limit instead, to see what a service started with fewer
-// descriptors does. -v prints how many answers came in each second.
+// descriptors does. -v prints how many answers came in each second and
+// which of the server's threads were busy.
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -60,6 +69,7 @@ struct Options {
   double goal_s = 60;
   long server_nofile = 0;  // 0: the hard limit
   std::string serverd = VORN_SERVERD_PATH;
+  bool curve = false;
   bool histogram = false;
 };
 
@@ -104,9 +114,9 @@ struct Node {
 // sockets, says it is ready, and on the parent's word (the start time)
 // connects them to the server and asks until each is answered or the time
 // is up; then it reports and keeps its sockets until told to stop, so that
-// no result still on its way is dropped.
+// no result still on its way is dropped. With `keys`, node i uses key pair i.
 [[noreturn]] void run_node_group(int first, int count, int port, int results, double give_up_s,
-                                 int control, int report) {
+                                 const vorn::bench::CurveKeys* keys, int control, int report) {
   // Gone with the benchmark, whatever ends it.
   ::prctl(PR_SET_PDEATHSIG, SIGKILL);
   if (::getppid() == 1) {
@@ -118,6 +128,22 @@ struct Node {
   zsys_set_max_sockets(static_cast<size_t>(2 * count + 64));
   vorn::czmq::init();
   daemon_config config;
+  std::vector<vorn::curve::settings> curve(static_cast<size_t>(count));
+  std::unique_ptr<vorn::curve::zap_handler> zap;
+  if (keys != nullptr) {
+    for (int i = 0; i < count; ++i) {
+      if (!keys->node_settings(first + i, &curve[static_cast<size_t>(i)])) {
+        ::_exit(1);
+      }
+    }
+    // The nodes of a process share the server's key, so one policy serves
+    // them all.
+    zap = std::make_unique<vorn::curve::zap_handler>(only_the_server(curve.front()),
+                                                     "the nodes' reply sockets");
+    if (!zap->ok()) {
+      ::_exit(1);
+    }
+  }
   std::mt19937 random(static_cast<unsigned>(first) + 1);
   std::vector<Node> nodes(static_cast<size_t>(count));
   for (int i = 0; i < count; ++i) {
@@ -125,6 +151,10 @@ struct Node {
     n.report.index = first + i;
     n.number = static_cast<int32_t>(random());
     n.reply.reset(zsock_new(ZMQ_REP));
+    // CURVE options take effect for connections made after they are set.
+    if (n.reply && keys != nullptr) {
+      vorn::curve::make_server(n.reply.get(), curve[static_cast<size_t>(i)].own);
+    }
     // ZeroMQ's own wildcard lets the kernel pick the port; CZMQ's tries one
     // port after another from the same first one, which for thousands of
     // sockets means millions of failed binds.
@@ -141,8 +171,9 @@ struct Node {
     ::_exit(1);
   }
   const std::string server = "tcp://127.0.0.1:" + std::to_string(port);
-  for (Node& n : nodes) {
-    n.publisher = connect_result_publisher(server);
+  for (size_t i = 0; i < nodes.size(); ++i) {
+    Node& n = nodes[i];
+    n.publisher = connect_result_publisher(server, curve[i]);
     if (!n.publisher) {
       ::_exit(1);
     }
@@ -206,6 +237,7 @@ struct Node {
     zsock_set_linger(n.publisher.get(), 0);
   }
   nodes.clear();
+  zap.reset();
   zsys_shutdown();
   ::_exit(0);
 }
@@ -254,12 +286,40 @@ std::string descriptor_limit(pid_t pid) {
   return "soft " + std::to_string(soft) + ", hard " + std::to_string(hard);
 }
 
+// CPU of each thread of a process with more than `min_ticks`, as
+// "name: seconds" (names repeat: each ZeroMQ context has its own I/O thread).
+std::string busy_threads(pid_t pid, long long min_ticks) {
+  const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
+  std::unique_ptr<DIR, CloseDirectory> dir(::opendir(tasks.c_str()));
+  std::string text;
+  while (dir) {
+    const dirent* entry = ::readdir(dir.get());
+    if (entry == nullptr) {
+      break;
+    }
+    if (entry->d_name[0] == '.') {
+      continue;
+    }
+    const long long ticks = vorn::bench::stat_cpu_ticks(tasks + "/" + entry->d_name + "/stat");
+    if (ticks <= min_ticks) {
+      continue;
+    }
+    std::string name = vorn::bench::read_file(tasks + "/" + entry->d_name + "/comm");
+    name.erase(name.find_last_not_of('\n') + 1);
+    char seconds[32];
+    std::snprintf(seconds, sizeof seconds, "%.2f s",
+                  static_cast<double>(ticks) / static_cast<double>(::sysconf(_SC_CLK_TCK)));
+    text += (text.empty() ? "" : ", ") + name + " " + seconds;
+  }
+  return text;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   Options o;
   int opt;
-  while ((opt = getopt(argc, argv, "n:p:r:g:l:b:vh")) != -1) {
+  while ((opt = getopt(argc, argv, "n:p:r:g:l:b:Cvh")) != -1) {
     switch (opt) {
       case 'n':
         o.nodes = std::max(1, std::atoi(optarg));
@@ -279,6 +339,9 @@ int main(int argc, char** argv) {
       case 'b':
         o.serverd = optarg;
         break;
+      case 'C':
+        o.curve = true;
+        break;
       case 'v':
         o.histogram = true;
         break;
@@ -286,7 +349,7 @@ int main(int argc, char** argv) {
         return vorn::bench::usage(
             argv[0],
             "[-n nodes] [-p processes] [-r results per node] [-g goal seconds]\n"
-            "          [-l server descriptor limit] [-b vorn-serverd] [-v]",
+            "          [-l server descriptor limit] [-b vorn-serverd] [-C: with CURVE] [-v]",
             opt);
     }
   }
@@ -311,7 +374,17 @@ int main(int argc, char** argv) {
   const std::string config = dir.path() + "/vornd.xml";
   const std::string db = dir.path() + "/vorn.db";
   const std::string log = dir.path() + "/serverd.log";
-  vorn::bench::write_server_config(config, port, dir.path(), db);
+  vorn::bench::CurveKeys keys;
+  double keys_s = 0;
+  if (o.curve) {
+    const Clock::time_point keys_start = Clock::now();
+    if (!vorn::bench::make_curve_keys(dir.path() + "/keys", o.nodes, &keys)) {
+      return 1;
+    }
+    keys_s = seconds_since(keys_start);
+  }
+  vorn::bench::write_server_config(config, port, dir.path(), db,
+                                   o.curve ? keys.server_config() : "");
   const long server_nofile = o.server_nofile;
   // -d: warnings (the dropped requests) reach the log file.
   pid_t server = vorn::bench::spawn({o.serverd, "-d", "-c", config}, log, [server_nofile] {
@@ -348,8 +421,8 @@ int main(int argc, char** argv) {
         groups[static_cast<size_t>(earlier)].control.reset();
         groups[static_cast<size_t>(earlier)].report.reset();
       }
-      run_node_group(group.first, group.count, port, o.results, o.goal_s * kGiveUpGoals, control[0],
-                     report[1]);
+      run_node_group(group.first, group.count, port, o.results, o.goal_s * kGiveUpGoals,
+                     o.curve ? &keys : nullptr, control[0], report[1]);
     }
     ::close(control[0]);
     ::close(report[1]);
@@ -363,13 +436,18 @@ int main(int argc, char** argv) {
     ready = read_all(group.report.get(), &c, 1) && c == 'R' && ready;
   }
   std::printf(
-      "%d nodes handshaking at once with vorn-serverd (%d processes; each node repeats\n"
+      "%d nodes handshaking at once with vorn-serverd, %s (%d processes; each node repeats\n"
       "PUB_ACK every %.0f s until answered, then sends %d results of %zu bytes)\n",
-      o.nodes, o.processes, kRepeatMs / 1000.0, o.results, kResultBytes);
+      o.nodes, o.curve ? "CURVE" : "plaintext", o.processes, kRepeatMs / 1000.0, o.results,
+      kResultBytes);
+  if (o.curve) {
+    std::printf("  keys: %d node pairs and the server's made in %.1f s\n", o.nodes, keys_s);
+  }
   std::printf("  server descriptors: %s\n", descriptor_limit(server).c_str());
 
   std::vector<NodeReport> reports;
   long peak_descriptors = open_descriptors(server);
+  const long idle_rss = vorn::bench::proc_status_kib(server, "VmRSS");
   const long long cpu_before = vorn::bench::cpu_ticks(server);
   const Clock::time_point start = Clock::now();
   const int64_t start_ns =
@@ -430,6 +508,12 @@ int main(int argc, char** argv) {
   peak_descriptors = std::max(peak_descriptors, open_descriptors(server));
   const long peak_rss = vorn::bench::proc_status_kib(server, "VmHWM");
   const long long cpu = vorn::bench::cpu_ticks(server) - cpu_before;
+  const std::string server_threads = busy_threads(server, ::sysconf(_SC_CLK_TCK) / 10);
+  // The simulated nodes share the machine's cores with the server.
+  long long nodes_cpu = 0;
+  for (const Group& group : groups) {
+    nodes_cpu += vorn::bench::cpu_ticks(group.pid);
+  }
 
   for (Group& group : groups) {
     char stop = 'S';
@@ -471,17 +555,36 @@ int main(int argc, char** argv) {
   std::printf("  rows: expected %lld, stored %lld (from %lld hosts), all visible after %.2f s\n",
               expected, stored, hosts, rows_s);
   std::printf(
-      "  server: peak RSS (VmHWM) %.1f MiB, CPU %.2f s over %.2f s, peak descriptors %ld, "
-      "exit status %d\n",
-      peak_rss / 1024.0, static_cast<double>(cpu) / static_cast<double>(::sysconf(_SC_CLK_TCK)),
-      handshakes_s, peak_descriptors, WIFEXITED(server_status) ? WEXITSTATUS(server_status) : -1);
+      "  server: peak RSS (VmHWM) %.1f MiB (%.1f KiB per node; %.1f MiB before the start), CPU "
+      "%.2f s over %.2f s, peak descriptors %ld, exit status %d\n",
+      peak_rss / 1024.0, static_cast<double>(peak_rss) / o.nodes, idle_rss / 1024.0,
+      static_cast<double>(cpu) / static_cast<double>(::sysconf(_SC_CLK_TCK)), handshakes_s,
+      peak_descriptors, WIFEXITED(server_status) ? WEXITSTATUS(server_status) : -1);
+  std::printf("  node processes: CPU %.2f s\n",
+              static_cast<double>(nodes_cpu) / static_cast<double>(::sysconf(_SC_CLK_TCK)));
   if (o.histogram) {
+    std::printf("  server threads over 0.1 s of CPU: %s\n", server_threads.c_str());
     // Answers in each second of the run: a connection that waited for the
     // server's accept queue shows as a late cluster.
     std::vector<int> per_second(static_cast<size_t>(last) + 1);
     for (double t : times) {
       ++per_second[static_cast<size_t>(t)];
     }
+    // A process whose nodes all repeat in step gets one burst of answers a
+    // second: its last answer shows it.
+    std::vector<double> process_last(groups.size(), -1);
+    for (const NodeReport& r : reports) {
+      for (size_t g = 0; g < groups.size(); ++g) {
+        if (r.index >= groups[g].first && r.index < groups[g].first + groups[g].count) {
+          process_last[g] = std::max(process_last[g], r.answered_s);
+        }
+      }
+    }
+    std::printf("  last answer in each node process:");
+    for (double t : process_last) {
+      std::printf(" %.1f s", t);
+    }
+    std::printf("\n");
     std::printf("  answers per second of the run:");
     for (size_t i = 0; i < per_second.size(); ++i) {
       std::printf(" %zu:%d", i, per_second[i]);

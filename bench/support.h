@@ -242,9 +242,10 @@ inline long proc_status_kib(pid_t pid, const std::string& field) {
   return 0;
 }
 
-// User and system CPU time of a process, in clock ticks.
-inline long long cpu_ticks(pid_t pid) {
-  std::string text = read_file("/proc/" + std::to_string(pid) + "/stat");
+// User and system CPU time from a stat file of /proc (a process's, or a
+// thread's under /proc/PID/task), in clock ticks.
+inline long long stat_cpu_ticks(const std::string& stat_path) {
+  std::string text = read_file(stat_path);
   size_t paren = text.rfind(')');
   if (paren == std::string::npos) {
     return 0;
@@ -258,6 +259,11 @@ inline long long cpu_ticks(pid_t pid) {
     }
   }
   return ticks;
+}
+
+// User and system CPU time of a process, in clock ticks.
+inline long long cpu_ticks(pid_t pid) {
+  return stat_cpu_ticks("/proc/" + std::to_string(pid) + "/stat");
 }
 
 struct CloseDatabase {
