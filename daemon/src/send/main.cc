@@ -36,8 +36,26 @@ void usage(const char* program) {
       program, installation().config_file.c_str());
 }
 
-bool is_local(const std::string& host) {
-  return host == "127.0.0.1" || host == "localhost" || host == "*";
+// Where the server will answer: it answers only at the address the request
+// came from, which is this machine's end of the route towards the server
+// (not necessarily the address of its host name, on a machine with several
+// interfaces). "" when the endpoint is not tcp://HOST:PORT or has no route.
+std::string reply_address_towards(const std::string& endpoint) {
+  const std::string scheme = "tcp://";
+  const size_t colon = endpoint.rfind(':');
+  if (endpoint.compare(0, scheme.size(), scheme) != 0 || colon == std::string::npos ||
+      colon < scheme.size()) {
+    return "";
+  }
+  std::string host = endpoint.substr(scheme.size(), colon - scheme.size());
+  if (host == "*" || host == "localhost") {
+    host = "127.0.0.1";
+  }
+  std::string error;
+  const std::string address = vorn::host::resolve_host_address(host, &error);
+  return address.empty()
+             ? ""
+             : vorn::host::local_address_towards(address, std::atoi(endpoint.c_str() + colon + 1));
 }
 
 int run_program(int argc, char** argv) {
@@ -91,10 +109,7 @@ int run_program(int argc, char** argv) {
     endpoint = "tcp://" + server_host + ":" + config.accumulate_port;
   }
   if (reply_host.empty()) {
-    char* host = zsys_hostname();
-    reply_host =
-        is_local(server_host) ? "127.0.0.1" : vorn::host::resolve_host_address(host ? host : "");
-    zstr_free(&host);
+    reply_host = reply_address_towards(endpoint);
     if (reply_host.empty()) {
       std::fprintf(stderr, "Cannot tell this node's address; name it with -r\n");
       return 1;
