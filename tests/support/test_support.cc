@@ -1,6 +1,7 @@
 #include "tests/support/test_support.h"
 
 #include <arpa/inet.h>
+#include <dirent.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <signal.h>
@@ -174,6 +175,25 @@ int Process::wait_exit(milliseconds timeout) {
 
 void Process::send_signal(int signal_number) const {
   ::kill(pid_, signal_number);
+}
+
+int output_files(const std::string& directory) {
+  int count = 0;
+  if (DIR* dir = ::opendir(directory.c_str())) {
+    while (dirent* entry = ::readdir(dir)) {
+      count += entry->d_type == DT_REG ? 1 : 0;
+    }
+    ::closedir(dir);
+  }
+  return count;
+}
+
+int occurrences(const std::string& text, const std::string& part) {
+  int count = 0;
+  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
+    ++count;
+  }
+  return count;
 }
 
 bool process_alive(pid_t pid) {

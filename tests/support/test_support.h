@@ -33,6 +33,13 @@ class TempDir {
 std::string read_file(const std::string& path);
 void write_file(const std::string& path, const std::string& content, int mode = 0644);
 
+// Regular files in a directory (a node's output files waiting; sub-directories
+// such as rejected/ are not counted); 0 when it cannot be read.
+int output_files(const std::string& directory);
+
+// How many times `part` occurs in `text` (a log line, say).
+int occurrences(const std::string& text, const std::string& part);
+
 // Polls `condition` until it holds or the time is up; true when it held.
 bool wait_until(const std::function<bool()>& condition, milliseconds timeout);
 

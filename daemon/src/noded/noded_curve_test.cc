@@ -2,7 +2,6 @@
 // vorn-send with generated keys and configurations, against a stand-in for
 // the result server that also plays the forger.
 
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -23,6 +22,8 @@ namespace {
 
 using vorn::curve::certificate;
 using vorn::test::milliseconds;
+using vorn::test::occurrences;
+using vorn::test::output_files;
 using vorn::test::Process;
 using vorn::test::TempDir;
 using vorn::test::wait_until;
@@ -30,25 +31,6 @@ using vorn::test::wait_until;
 const std::string kNoded = VORN_NODED_PATH;
 const std::string kSend = VORN_SEND_PATH;
 const std::string kServerd = VORN_SERVERD_PATH;
-
-int output_files(const std::string& directory) {
-  int count = 0;
-  if (DIR* dir = ::opendir(directory.c_str())) {
-    while (dirent* entry = ::readdir(dir)) {
-      count += entry->d_type == DT_REG ? 1 : 0;
-    }
-    ::closedir(dir);
-  }
-  return count;
-}
-
-int occurrences(const std::string& text, const std::string& part) {
-  int count = 0;
-  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
-    ++count;
-  }
-  return count;
-}
 
 // Sets up the REQ socket that answers a node's PUB_ACK request.
 using Echo = std::function<void(zsock_t* req)>;

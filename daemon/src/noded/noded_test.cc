@@ -6,7 +6,6 @@
 #include <sys/time.h>
 #include <unistd.h>
 
-#include <dirent.h>
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -23,6 +22,7 @@
 namespace {
 
 using vorn::test::milliseconds;
+using vorn::test::output_files;
 using vorn::test::Process;
 using vorn::test::query;
 using vorn::test::TempDir;
@@ -30,19 +30,6 @@ using vorn::test::wait_until;
 
 const std::string kNoded = VORN_NODED_PATH;
 const std::string kServerd = VORN_SERVERD_PATH;
-
-// Output files waiting in a directory (sub-directories such as rejected/
-// are not counted).
-int output_files(const std::string& directory) {
-  int count = 0;
-  if (DIR* dir = ::opendir(directory.c_str())) {
-    while (dirent* entry = ::readdir(dir)) {
-      count += entry->d_type == DT_REG ? 1 : 0;
-    }
-    ::closedir(dir);
-  }
-  return count;
-}
 
 class NodeTest : public testing::Test {
  protected:
