@@ -172,18 +172,20 @@ class CliTest : public testing::Test {
 // A key pair written by `vorn cert new` reads back with `vorn cert show`.
 TEST(CliCertTest, NewThenShow) {
   TempDir dir;
-  Process made({kVorn, "cert", "new", "node7", "-d", dir.path()}, dir.path());
+  // Into a directory that does not exist yet, as README's first key does.
+  const std::string keys = dir / "keys";
+  Process made({kVorn, "cert", "new", "node7", "-d", keys}, dir.path());
   ASSERT_EQ(made.wait_exit(), 0) << made.err();
   struct stat status;
-  ASSERT_EQ(stat((dir / "node7.cert_secret").c_str(), &status), 0);
+  ASSERT_EQ(stat((keys + "/node7.cert_secret").c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 0777, 0600u);
-  Process shown({kVorn, "cert", "show", dir / "node7.cert"}, dir.path());
+  Process shown({kVorn, "cert", "show", keys + "/node7.cert"}, dir.path());
   ASSERT_EQ(shown.wait_exit(), 0) << shown.err();
   EXPECT_TRUE(std::regex_match(shown.out(), std::regex("public-key: .{40}\n"
                                                        "hostname: node7\n"
                                                        "secret-key: absent .*\n")))
       << shown.out();
-  Process again({kVorn, "cert", "new", "node7", "-d", dir.path()}, dir.path());
+  Process again({kVorn, "cert", "new", "node7", "-d", keys}, dir.path());
   EXPECT_EQ(again.wait_exit(), 1);  // never overwrites a key
   EXPECT_NE(again.err().find("File exists"), std::string::npos) << again.err();
 }

@@ -146,6 +146,12 @@ bool write_new_certificate(const std::string& dir, const std::string& name,
              "': it must be a file name, not empty, without '/', not starting with '.'";
     return false;
   }
+  // The directory of a first key is made, as `vorn cert new NAME -d keys` in
+  // a fresh place expects (make_path logs why when it cannot).
+  if (!fs::make_path(dir)) {
+    *error = "Cannot use the directory '" + dir + "' for certificates";
+    return false;
+  }
   const std::string public_path = dir + "/" + name + kPublicSuffix;
   const std::string secret_path = public_path + "_secret";
   // Both names are reserved before anything is written, so that no existing

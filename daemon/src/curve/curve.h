@@ -53,7 +53,8 @@ bool load_certificate(const std::string& path, bool need_secret, certificate* ou
                       std::string* error);
 
 // Writes a new key pair as DIR/NAME.cert and DIR/NAME.cert_secret (0600) with
-// hostname metadata `hostname`. Refuses a NAME that is not a plain file name
+// hostname metadata `hostname`, making DIR when missing. Refuses a NAME that
+// is not a plain file name
 // and files that exist already. False with the reason in `error`.
 bool write_new_certificate(const std::string& dir, const std::string& name,
                            const std::string& hostname, std::string* error);

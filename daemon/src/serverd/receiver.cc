@@ -237,6 +237,7 @@ bool result_receiver::hostname_allowed(const received_message& message,
   if (vorn::curve::may_send_for(allowed, hostname)) {
     return true;
   }
+  refused_keys_[std::string(origin.user_id)] = zclock_mono();
   uint64_t suppressed = 0;
   if (hostname_warnings_.allow(zclock_mono(), &suppressed)) {
     VORN_LOG(4) << "Not storing a result for host '" << vorn::str::printable(hostname) << "' from '"
@@ -284,6 +285,16 @@ message_kind result_receiver::classify(received_message& message, const message_
     if (answered_.contains(key, zclock_mono())) {
       return message_kind::ignored;
     }
+    if (recently_refused(origin.user_id, zclock_mono())) {
+      uint64_t suppressed = 0;
+      if (unanswered_warnings_.allow(zclock_mono(), &suppressed)) {
+        VORN_LOG(4) << "Not answering PUB_ACK from '" << vorn::str::printable(origin.peer_address)
+                    << "' with key '" << vorn::str::printable(origin.user_id)
+                    << "': results it sent for another host were not stored, and it keeps them"
+                    << (suppressed > 0 ? " (" + std::to_string(suppressed) + " more)" : "");
+      }
+      return message_kind::ignored;
+    }
     request_ = pub_ack_request{std::string(endpoint), std::string(origin.user_id), number, key};
     return message_kind::pub_ack;
   }
@@ -298,6 +309,21 @@ message_kind result_receiver::classify(received_message& message, const message_
               << "' from " << vorn::str::printable(message.result().header.hostname) << " ("
               << message.total_size() << " bytes)";
   return message_kind::result;
+}
+
+bool result_receiver::recently_refused(std::string_view user_id, int64_t now_ms) {
+  if (refused_keys_.empty() || user_id.empty()) {
+    return false;
+  }
+  auto it = refused_keys_.find(std::string(user_id));
+  if (it == refused_keys_.end()) {
+    return false;
+  }
+  if (now_ms - it->second < kRefusedKeyMs) {
+    return true;
+  }
+  refused_keys_.erase(it);
+  return false;
 }
 
 void result_receiver::mark_answered(uint64_t key) {

@@ -17,6 +17,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <unordered_set>
 #include <utility>
 
@@ -164,12 +165,25 @@ class result_receiver {
   bool hostname_allowed(const received_message& message, const message_origin& origin,
                         const std::string& allowed);
 
+  // Whether the key's results were refused within kRefusedKeyMs.
+  bool recently_refused(std::string_view user_id, int64_t now_ms);
+
+  // A sender whose results are refused (its host is not its certificate's)
+  // must not be told that they are stored: a node would delete them. Its
+  // requests go unanswered until it has sent none that is refused for this
+  // long, and its results wait on its disk meanwhile.
+  static constexpr int64_t kRefusedKeyMs = 60000;
+
   key_policy keys_;
   pub_ack_request request_;
   answered_requests answered_;
+  // Key (Z85) -> when a result it sent was last refused. Only listed keys
+  // get here, so the directory bounds it.
+  std::unordered_map<std::string, int64_t> refused_keys_;
   vorn::log::RateLimit endpoint_warnings_{10000};
   vorn::log::RateLimit key_warnings_{10000};
   vorn::log::RateLimit hostname_warnings_{10000};
+  vorn::log::RateLimit unanswered_warnings_{10000};
 };
 
 // Appends the text form of the result to accumulate_output_dir + "/" + name.
