@@ -18,6 +18,7 @@
 #include <nlohmann/json.hpp>
 
 #include "daemon/src/database/latest.h"
+#include "daemon/src/provider/result.h"
 #include "daemon/src/provider/sender.h"
 #include "tests/support/netns.h"
 #include "tests/support/results.h"
@@ -271,6 +272,60 @@ TEST_F(CliTest, LatestFailingAndStaleSetsOfAHandMadeHistory) {
       << tsv.out;
 }
 
+// A run killed at its time-out exits with 0; the last line of its standard
+// error alone says it failed, and every reader shows it.
+TEST_F(CliTest, TimedOutResultsAreFailing) {
+  start_server();
+  const std::string line = time_out_line(60);
+  struct Row {
+    const char* comment;
+    Sent sent;
+    bool timed_out;
+  } rows[] = {
+      {"the line ends standard error", {"hang", "node1", "None", 0, 10, "hung\n", line}, true},
+      {"after a line about cut output",
+       {"cut", "node1", "None", 0, 10, "cut\n",
+        "x\nvorn: standard error cut at 9 bytes, 1 bytes discarded\n" + line},
+       true},
+      {"the same text quoted mid-stream",
+       {"quote", "node1", "None", 0, 10, "quoted\n", "a\n" + line + "b\n"},
+       false},
+      {"a plain failure", {"fail", "node1", "None", 2, 10, "failed\n"}, false},
+  };
+  std::vector<Sent> sent;
+  for (const Row& row : rows) {
+    sent.push_back(row.sent);
+  }
+  send(sent);
+  EXPECT_EQ(first_lines(vorn_json({"failing"})),
+            (std::vector<std::string>{"cut", "failed", "hung"}));
+  std::map<std::string, bool> timed_out;
+  for (const json& o : vorn_json({"latest"})) {
+    timed_out[o.at("provider")] = o.at("timed_out");
+  }
+  Outcome tsv = vorn({"latest", "--db", db_path()});
+  EXPECT_EQ(tsv.status, 0) << tsv.err;
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.comment);
+    EXPECT_EQ(timed_out[row.sent.provider], row.timed_out);
+    std::string exit = std::to_string(row.sent.exit_status) + (row.timed_out ? " T" : "");
+    EXPECT_TRUE(std::regex_search(
+        tsv.out, std::regex("\t" + row.sent.provider + "\tnode1\tNone\t" + exit + "\t")))
+        << tsv.out;
+  }
+  auto server = serve();
+  auto metrics = get("/metrics");
+  ASSERT_TRUE(metrics);
+  EXPECT_NE(metrics->body.find(
+                "vorn_result_timed_out{provider=\"hang\",host=\"node1\",option_set=\"None\"} 1\n"),
+            std::string::npos)
+      << metrics->body;
+  EXPECT_NE(metrics->body.find(
+                "vorn_result_timed_out{provider=\"quote\",host=\"node1\",option_set=\"None\"} 0\n"),
+            std::string::npos)
+      << metrics->body;
+}
+
 TEST_F(CliTest, ShowAndHistory) {
   start_server();
   // The real sender, with every byte value in the output.
@@ -415,6 +470,7 @@ TEST_F(CliTest, MetricsReadBackByThePrometheusParser) {
       {"all\\\"\n", "node\"1\"", "None", 4, 20, "b\n"},
       {"bad\xff utf-8", "node2", "None", 0, 30, "c\n"},
       {"plain", "node2", "", 1, 40, "d\n"},
+      {"hung", "node2", "None", 0, 50, "e\n", time_out_line(60)},
   };
   send(sent);
   auto server = serve();
@@ -444,8 +500,9 @@ TEST_F(CliTest, MetricsReadBackByThePrometheusParser) {
   }
   EXPECT_EQ(types["vorn_result_exit_status"], "gauge");
   EXPECT_EQ(types["vorn_results_total"], "counter");
-  EXPECT_EQ((values[{"vorn_results_total", "", "", ""}]), 4);
-  EXPECT_EQ(values.size(), 3 * sent.size() + 1) << parser.out();
+  EXPECT_EQ(types["vorn_result_timed_out"], "gauge");
+  EXPECT_EQ((values[{"vorn_results_total", "", "", ""}]), 5);
+  EXPECT_EQ(values.size(), 4 * sent.size() + 1) << parser.out();
   for (const Sent& r : sent) {
     std::string provider = r.provider == "bad\xff utf-8" ? "bad\xEF\xBF\xBD utf-8" : r.provider;
     SCOPED_TRACE(provider);
@@ -453,6 +510,8 @@ TEST_F(CliTest, MetricsReadBackByThePrometheusParser) {
     EXPECT_EQ((values[{"vorn_result_timestamp_seconds", provider, r.host, r.option_set}]),
               now_ - r.age);
     EXPECT_EQ((values[{"vorn_result_duration_seconds", provider, r.host, r.option_set}]), 2.5);
+    EXPECT_EQ((values[{"vorn_result_timed_out", provider, r.host, r.option_set}]),
+              r.provider == "hung" ? 1 : 0);
   }
 
   // The JSON of the API is the command line's; ages may have moved on.
@@ -586,7 +645,7 @@ TEST_F(CliTest, StatusPageInHeadlessChromium) {
       {"disk", "node1", "None", 0, 5, "disk fine\n"},
       {"disk", "node2", "None", 1, 5, "disk <b>full</b>\n", "no space\n"},
       {"load", "node1", "None", 0, 3600, "load old\n"},
-      {"load", "node2", "None", 0, 5, "load fine\n"},
+      {"load", "node2", "None", 0, 5, "load hung\n", time_out_line(60)},
       {"load", "node3", "None", 2, 3600, "load old failure\n"},
   };
   // Columns enough to make the grid wider than the window.
@@ -636,9 +695,11 @@ TEST_F(CliTest, StatusPageInHeadlessChromium) {
         {"a tile that is fine", "<a class=\"r ok\" href=\"#rowid=1\" data-rowid=\"1\">0</a>"},
         {"an old result is stale", "<a class=\"r ok stale\" href=\"#rowid=3\""},
         {"an old failure", "<a class=\"r fail stale\" href=\"#rowid=5\""},
+        {"killed at its time-out: failing, exit 0",
+         "<a class=\"r fail timed-out\" href=\"#rowid=4\" data-rowid=\"4\">0 T</a>"},
         {"counts",
          "id=\"count-hosts\">4<[\\s\\S]*id=\"count-providers\">10<[\\s\\S]*id=\"count-keys\">13<"
-         "[\\s\\S]*id=\"count-stored\">13<[\\s\\S]*id=\"count-failing\">2<[\\s\\S]*id=\"count-"
+         "[\\s\\S]*id=\"count-stored\">13<[\\s\\S]*id=\"count-failing\">3<[\\s\\S]*id=\"count-"
          "stale\">2<"},
         {"the time of a refresh", "id=\"timing\">refreshed in [0-9]+ ms"},
         {"the linked result's output, as text",

@@ -191,6 +191,12 @@ std::string valid_utf8(const std::string& text) {
 
 namespace {
 
+// The exit status, and " T" when the run was killed at its time-out (its
+// status then says nothing).
+std::string exit_text(const Summary& row) {
+  return std::to_string(row.exit_status) + (row.timed_out ? " T" : "");
+}
+
 // The fields every JSON form of a result shares.
 nlohmann::json identity_json(const Summary& row) {
   return {{"rowid", row.rowid},
@@ -198,6 +204,7 @@ nlohmann::json identity_json(const Summary& row) {
           {"host", row.host},
           {"option_set", row.option_set},
           {"exit_status", row.exit_status},
+          {"timed_out", row.timed_out},
           {"timestamp", row.timestamp},
           {"duration_seconds", row.duration}};
 }
@@ -230,7 +237,7 @@ std::string json_line(const nlohmann::json& value) {
 
 std::string tsv_line(const Summary& row, int64_t now) {
   return std::to_string(row.rowid) + "\t" + escape_tsv(row.provider) + "\t" + escape_tsv(row.host) +
-         "\t" + escape_tsv(row.option_set) + "\t" + std::to_string(row.exit_status) + "\t" +
+         "\t" + escape_tsv(row.option_set) + "\t" + exit_text(row) + "\t" +
          format_age(now - row.timestamp) + "\t" + format_duration(row.duration) + "\t" +
          escape_tsv(row.stdout_first_line) + "\n";
 }
@@ -241,9 +248,8 @@ std::string table(const std::vector<Summary>& rows, int64_t now, const TableStyl
   lines.push_back({"ROWID", "PROVIDER", "HOST", "OPTIONS", "EXIT", "AGE", "DURATION", "OUTPUT"});
   for (const Summary& row : rows) {
     lines.push_back({std::to_string(row.rowid), printable(row.provider), printable(row.host),
-                     printable(row.option_set), std::to_string(row.exit_status),
-                     format_age(now - row.timestamp), format_duration(row.duration),
-                     printable(row.stdout_first_line)});
+                     printable(row.option_set), exit_text(row), format_age(now - row.timestamp),
+                     format_duration(row.duration), printable(row.stdout_first_line)});
   }
   const size_t columns = lines[0].size();
   std::vector<size_t> widths(columns, 0);
@@ -265,7 +271,7 @@ std::string table(const std::vector<Summary>& rows, int64_t now, const TableStyl
   }
   std::string out;
   for (size_t l = 0; l < lines.size(); ++l) {
-    bool failed = l > 0 && rows[l - 1].exit_status != 0;
+    bool failed = l > 0 && is_failing(rows[l - 1]);
     std::string line = failed ? "! " : "  ";
     for (size_t c = 0; c + 1 < columns; ++c) {
       const std::string& cell = lines[l][c];

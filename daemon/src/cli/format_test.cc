@@ -81,19 +81,24 @@ TEST(Format, BytesFromTheWire) {
 TEST(Format, Listings) {
   Summary ok{7, "disk", "node1", "None", 0, 1000, 0.25, "fine\tand\\well"};
   Summary bad{12, "load\n", "node2", "None", 3, 880, 75, "\x1b[2Jgone away now"};
+  // Killed at its time-out: exit status 0, and failing all the same.
+  Summary hung{13, "hang", "node3", "None", 0, 940, 60, "", true};
   EXPECT_EQ(vorn::cli::tsv_line(ok, 1042),
             "7\tdisk\tnode1\tNone\t0\t42s\t0.25s\tfine\\tand\\\\well\n");
+  EXPECT_EQ(vorn::cli::tsv_line(hung, 1000), "13\thang\tnode3\tNone\t0 T\t1m\t1m00s\t\n");
   EXPECT_EQ(vorn::cli::json_line(vorn::cli::summary_json(bad, 1000)),
             "{\"age_seconds\":120,\"duration_seconds\":75.0,\"exit_status\":3,\"host\":\"node2\","
             "\"option_set\":\"None\",\"provider\":\"load\\n\",\"rowid\":12,"
-            "\"stdout_first_line\":\"\\u001b[2Jgone away now\",\"timestamp\":880}\n");
+            "\"stdout_first_line\":\"\\u001b[2Jgone away now\",\"timed_out\":false,"
+            "\"timestamp\":880}\n");
+  EXPECT_EQ(vorn::cli::summary_json(hung, 1000).at("timed_out"), true);
   // Failing rows marked, control characters shown instead of obeyed, the
   // output cut to the terminal's width.
-  EXPECT_EQ(
-      vorn::cli::table({ok, bad}, 1000, {70, false}),
-      "  ROWID  PROVIDER  HOST   OPTIONS  EXIT  AGE  DURATION  OUTPUT\n"
-      "      7  disk      node1  None        0  0s   0.25s     fine\\tand\\well\n"
-      "!    12  load\\x0A  node2  None        3  2m   1m15s     \\x1B[2Jgone a\xE2\x80\xA6\n");
+  EXPECT_EQ(vorn::cli::table({ok, bad, hung}, 1000, {70, false}),
+            "  ROWID  PROVIDER  HOST   OPTIONS  EXIT  AGE  DURATION  OUTPUT\n"
+            "      7  disk      node1  None        0  0s   0.25s     fine\\tand\\well\n"
+            "!    12  load\\x0A  node2  None        3  2m   1m15s     \\x1B[2Jgone a\xE2\x80\xA6\n"
+            "!    13  hang      node3  None      0 T  1m   1m00s\n");
 }
 
 }  // namespace

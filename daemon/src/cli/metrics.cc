@@ -49,7 +49,7 @@ std::string escape_label_value(const std::string& value) {
 }
 
 std::string exposition(const std::vector<Summary>& latest, int64_t results_total) {
-  // The labels of each key are escaped once and shared by its three series.
+  // The labels of each key are escaped once and shared by its four series.
   std::vector<std::string> labels;
   labels.reserve(latest.size());
   for (const Summary& row : latest) {
@@ -58,7 +58,7 @@ std::string exposition(const std::vector<Summary>& latest, int64_t results_total
                      escape_label_value(row.option_set) + "\"} ");
   }
   std::string out;
-  out.reserve(latest.size() * 3 * 96 + 1024);
+  out.reserve(latest.size() * 4 * 96 + 1024);
   auto family = [&](const char* name, const char* help, auto value) {
     out += std::string("# HELP ") + name + " " + help + "\n# TYPE " + name + " gauge\n";
     for (size_t i = 0; i < latest.size(); ++i) {
@@ -71,6 +71,10 @@ std::string exposition(const std::vector<Summary>& latest, int64_t results_total
   family("vorn_result_exit_status",
          "Exit status of the latest result of each provider, host and option set.",
          [](const Summary& row) { return std::to_string(row.exit_status); });
+  family("vorn_result_timed_out",
+         "1 when the latest result was killed at its time-out (its exit status then says "
+         "nothing), else 0.",
+         [](const Summary& row) { return std::string(row.timed_out ? "1" : "0"); });
   family("vorn_result_timestamp_seconds", "End of the run of the latest result, in Unix seconds.",
          [](const Summary& row) { return std::to_string(row.timestamp); });
   family("vorn_result_duration_seconds", "Run time of the latest result.",

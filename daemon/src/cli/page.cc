@@ -84,7 +84,7 @@ constexpr const char* kPage = R"html(<!DOCTYPE html>
   <label><input type="checkbox" id="failing-first"> failing hosts first</label>
   <span id="shown"></span>
   <span class="legend"><span class="r ok">0</span> exit 0 <span class="r fail">1</span> failing
-    <span class="r ok stale">0</span> <span class="r fail stale">1</span> older than
+    <span class="r fail timed-out">0 T</span> timed out <span class="r ok stale">0</span> <span class="r fail stale">1</span> older than
     <span id="stale-after"></span></span>
   <span id="updated"></span>
   <span id="timing"></span>
@@ -154,11 +154,11 @@ function textWidth(text, font) {
   return measure.measureText(text).width;
 }
 
-function tileWidth(exitStatus) {
-  let w = tileWidths.get(exitStatus);
+function tileWidth(label) {
+  let w = tileWidths.get(label);
   if (w === undefined) {
-    w = Math.max(14, textWidth(String(exitStatus), fonts.tile)) + tileExtra;
-    tileWidths.set(exitStatus, w);
+    w = Math.max(14, textWidth(label, fonts.tile)) + tileExtra;
+    tileWidths.set(label, w);
   }
   return w;
 }
@@ -211,7 +211,10 @@ function draw(results) {
     }
     cell.push(r);
     r.stale = r.age_seconds > staleAfter;
-    host.failing += r.exit_status !== 0;
+    // Killed at its time-out, a run may still exit with 0: failing all the same.
+    r.failing = r.exit_status !== 0 || r.timed_out === true;
+    r.label = r.timed_out ? r.exit_status + " T" : String(r.exit_status);
+    host.failing += r.failing;
     host.stale += r.stale;
     byRowid.set(String(r.rowid), r);
     // Rowids are given in order and never taken back, so the newest result
@@ -236,7 +239,7 @@ function draw(results) {
     hostWidth = Math.max(hostWidth, textWidth(h.name, fonts.body));
     for (const [p, cell] of h.cells) {
       let w = 0;
-      for (const r of cell) w += tileWidth(r.exit_status);
+      for (const r of cell) w += tileWidth(r.label);
       if (w > widths.get(p)) widths.set(p, w);
     }
   }
@@ -259,11 +262,12 @@ function draw(results) {
         if (cell.length > 1) cell.sort((a, b) => byName(a.option_set, b.option_set));
         for (const r of cell) {
           const a = document.createElement("a");
-          a.className = "r " + (r.exit_status === 0 ? "ok" : "fail") + (r.stale ? " stale" : "") +
+          a.className = "r " + (r.failing ? "fail" : "ok") + (r.timed_out ? " timed-out" : "") +
+                        (r.stale ? " stale" : "") +
                         (String(r.rowid) === view.rowid ? " selected" : "");
           a.setAttribute("href", "#rowid=" + r.rowid + hrefTail);
           a.setAttribute("data-rowid", r.rowid);
-          a.textContent = r.exit_status;
+          a.textContent = r.label;
           td.appendChild(a);
         }
       }
@@ -344,7 +348,7 @@ async function showDetail() {
     const r = await response.json();
     if (view.rowid !== rowid) return;
     $("detail-title").textContent = r.provider + " on " + r.host;
-    const meta = [["rowid", r.rowid], ["option set", r.option_set], ["exit status", r.exit_status],
+    const meta = [["rowid", r.rowid], ["option set", r.option_set], ["exit status", r.exit_status + (r.timed_out ? ", killed after the time-out" : "")],
                   ["ended", new Date(r.timestamp * 1000).toLocaleString()],
                   ["duration", r.duration_seconds === null ? "-" : r.duration_seconds.toFixed(3) + " s"],
                   ["nodes", r.node_names || "-"]];
@@ -382,7 +386,8 @@ function describeTile(event) {
   const r = byRowid.get(a.dataset.rowid);
   if (!r) return;
   a.title = r.provider + " on " + r.host + ", option set " + r.option_set + ": exit status " +
-            r.exit_status + ", " + age(r.age_seconds) + " ago\n" + r.stdout_first_line;
+            r.exit_status + (r.timed_out ? ", timed out" : "") + ", " + age(r.age_seconds) +
+            " ago\n" + r.stdout_first_line;
 }
 
 $("grid").addEventListener("mouseover", describeTile);

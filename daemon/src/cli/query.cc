@@ -10,6 +10,8 @@
 #include <tuple>
 #include <utility>
 
+#include "daemon/src/provider/result.h"
+
 namespace vorn::cli {
 
 namespace {
@@ -20,11 +22,15 @@ constexpr int kBusyTimeoutMs = 10000;
 
 // The columns of a Summary, in the order read_summary takes them; ?9 says
 // whether to read the start of the output, whose first 1024 bytes hold the
-// first line (a longer one is cut).
+// first line (a longer one is cut). The end of standard error tells a run
+// killed at its time-out (daemon/src/provider/result.h); only that much of it
+// is read.
 constexpr const char* kSummaryColumns =
     "r.rowid, coalesce(r.Provider, ''), coalesce(r.Hostname, ''), coalesce(r.OptionID, ''), "
     "coalesce(r.Exit_status, 0), coalesce(r.Timestamp, 0), coalesce(r.Duration, 0), "
-    "CASE WHEN ?9 THEN substr(r.STDOUT, 1, 1024) END";
+    "CASE WHEN ?9 THEN substr(r.STDOUT, 1, 1024) END, "
+    "substr(CAST(r.STDERR AS BLOB), -64)";
+static_assert(kTimeOutLineMax == 64, "the tail read above holds the whole line");
 
 // The rowid of each key's newest row. With the server's summary table
 // (daemon/src/database/latest.h): its rows, and the rows stored after the
@@ -132,6 +138,7 @@ Summary read_summary(const Statement& s) {
   row.timestamp = s.integer(5);
   row.duration = s.real(6);
   row.stdout_first_line = first_line(s.bytes(7));
+  row.timed_out = killed_at_time_out(s.bytes(8));
   return row;
 }
 
@@ -239,13 +246,13 @@ std::optional<Result> Store::result(int64_t rowid) {
   }
   Result row;
   static_cast<Summary&>(row) = read_summary(s);
-  row.stdout_data = s.bytes(8);
+  row.stdout_data = s.bytes(9);
   row.stdout_first_line = first_line(row.stdout_data);
-  row.stderr_data = s.bytes(9);
-  row.node_names = s.bytes(10);
-  row.num_nodes = s.integer(11);
-  row.version = s.integer(12);
-  row.stored_at = s.integer(13);
+  row.stderr_data = s.bytes(10);
+  row.node_names = s.bytes(11);
+  row.num_nodes = s.integer(12);
+  row.version = s.integer(13);
+  row.stored_at = s.integer(14);
   return row;
 }
 
@@ -275,7 +282,7 @@ std::vector<Summary> stale(const std::vector<Summary>& latest, int64_t now, int6
 std::vector<Summary> failing(const std::vector<Summary>& latest) {
   std::vector<Summary> rows;
   std::copy_if(latest.begin(), latest.end(), std::back_inserter(rows),
-               [](const Summary& row) { return row.exit_status != 0; });
+               [](const Summary& row) { return is_failing(row); });
   return rows;
 }
 

@@ -48,7 +48,15 @@ struct Summary {
   int64_t timestamp = 0;  // end of the run, Unix seconds
   double duration = 0;    // seconds
   std::string stdout_first_line;
+  // Killed at its time-out: standard error ends with the runner's line saying
+  // so (daemon/src/provider/result.h), whatever the exit status.
+  bool timed_out = false;
 };
+
+// A non-zero exit status, or killed at the time-out.
+inline bool is_failing(const Summary& row) {
+  return row.exit_status != 0 || row.timed_out;
+}
 
 // One stored result in full.
 struct Result : Summary {
@@ -109,7 +117,7 @@ class Store {
 // option sets) that ended more than `older_than` seconds before `now`.
 std::vector<Summary> stale(const std::vector<Summary>& latest, int64_t now, int64_t older_than);
 
-// The results among `latest` whose exit status is not 0.
+// The results among `latest` that are failing (is_failing).
 std::vector<Summary> failing(const std::vector<Summary>& latest);
 
 // Stores for concurrent requests: each thread borrows one, and gives it back

@@ -20,6 +20,7 @@
 #include <thread>
 #include <vector>
 
+#include "daemon/src/provider/result.h"
 #include "daemon/src/provider/run_record.h"
 #include "daemon/src/provider/stop.h"
 #include "util/fs.h"
@@ -132,6 +133,15 @@ void note_cut(popen3_job& job) {
                          std::to_string(s.discarded) + " bytes discarded\n";
     }
   }
+}
+
+// The line that marks a run killed at its time-out (result.h), on a line of
+// its own.
+void note_time_out(popen3_job& job) {
+  if (!job.stderr_data.empty() && job.stderr_data.back() != '\n') {
+    job.stderr_data += '\n';
+  }
+  job.stderr_data += time_out_line(job.timeout);
 }
 
 // Process table: pid -> (parent pid, state letter), from /proc.
@@ -410,6 +420,7 @@ int popen3(popen3_job& job) {
   double elapsed = std::difftime(std::time(nullptr), start);
   int status = -1;
   pid_t waited;
+  bool expired = false;
   if (job.stopped) {
     VORN_LOG(5) << "Stopping: killing the command " << job.command;
     job.timed_out = true;
@@ -417,6 +428,7 @@ int popen3(popen3_job& job) {
   } else if (elapsed >= static_cast<double>(job.timeout) || rc < 0) {
     VORN_LOG(3) << "The following command has timed out and will be killed: " << job.command;
     job.timed_out = true;
+    expired = rc == 0;
     waited = kill_child(pid, &status, 3.0, 10.0);
   } else {
     waited = ::waitpid(pid, &status, 0);
@@ -441,6 +453,9 @@ int popen3(popen3_job& job) {
   }
   vorn::runs::ended(pid);
   note_cut(job);
+  if (expired) {
+    note_time_out(job);
+  }
   errno = wait_error;
   job.exit_status = (status & 0xff00) >> 8;
   job.pid = waited;

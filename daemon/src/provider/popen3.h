@@ -48,8 +48,10 @@ struct popen3_job {
   double duration = 0;  // whole seconds, measured with time()
   int32_t pid = -2;     // the final wait's result: child pid, 0 given up, -1 failed
   int32_t exit_status = -2;
-  bool timed_out = false;  // the kill sequence was started
-  bool stopped = false;    // ... because the daemon is stopping
+  // The kill sequence was started. When the time-out did it, stderr_data ends
+  // with time_out_line (result.h), after any line about cut output.
+  bool timed_out = false;
+  bool stopped = false;  // ... because the daemon is stopping
 };
 
 // Returns 0, or -1 when a system call failed while the child was watched or

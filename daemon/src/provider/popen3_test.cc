@@ -13,6 +13,7 @@
 #include <memory>
 #include <sstream>
 
+#include "daemon/src/provider/result.h"
 #include "tests/support/test_support.h"
 
 namespace {
@@ -144,6 +145,8 @@ TEST(Popen3Test, TimeOutKillsTheWholeGroup) {
       {"both pipes closed at once: the time-out still ends it", "exec >/dev/null 2>&1; sleep 12", 2,
        4, 2},
       {"a command that ignores SIGTERM gets SIGKILL after 3 s", "trap '' TERM; sleep 30", 4.5, 7},
+      {"error output without a final newline: the note starts a line",
+       "printf partial >&2; sleep 30", 1, 3},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.comment);
@@ -159,7 +162,14 @@ TEST(Popen3Test, TimeOutKillsTheWholeGroup) {
     ASSERT_GT(r.job.pid, 0);
     EXPECT_TRUE(vorn::test::wait_until([&] { return group_gone(r.job.pid); },
                                        vorn::test::milliseconds(2000)));
+    // Killed by a signal, the run still exits with 0: only the last line of
+    // its error output tells.
     EXPECT_EQ(r.job.exit_status, 0);
+    const std::string note =
+        "vorn: killed after the time-out of " + std::to_string(row.timeout) + " s\n";
+    ASSERT_GE(r.job.stderr_data.size(), note.size());
+    EXPECT_EQ(r.job.stderr_data.substr(r.job.stderr_data.size() - note.size()), note);
+    EXPECT_TRUE(killed_at_time_out(r.job.stderr_data)) << r.job.stderr_data;
   }
 }
 
@@ -213,7 +223,8 @@ TEST(Popen3Test, OutputIsCappedPerStream) {
       {"head -c 3000000 /dev/zero", 30, 1000000, note + "2000000"},  // standard output
       {"head -c 3000000 /dev/zero >&2", 30, 0,
        std::string(1000000, '\0') + "vorn: standard error cut at 1000000 bytes, 2000000"},
-      {"yes", 1, 1000000, note},  // without end: bounded until the time-out
+      // Without end: bounded until the time-out, whose line comes last.
+      {"yes", 1, 1000000, note},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.command);
@@ -226,7 +237,10 @@ TEST(Popen3Test, OutputIsCappedPerStream) {
     }
     EXPECT_EQ(r.job.stderr_data.substr(0, row.err_prefix.size()), row.err_prefix);
     std::string rest = r.job.stderr_data.substr(row.err_prefix.size());
-    EXPECT_EQ(rest.substr(rest.find_first_not_of("0123456789")), " bytes discarded\n") << rest;
+    EXPECT_EQ(rest.substr(rest.find_first_not_of("0123456789")),
+              row.timeout == 1 ? " bytes discarded\nvorn: killed after the time-out of 1 s\n"
+                               : " bytes discarded\n")
+        << rest;
   }
 }
 

@@ -2,6 +2,7 @@
 
 #include <czmq.h>
 
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -45,6 +46,41 @@ int send_result(const provider_result& result, const daemon_config& config, zsoc
   return 1;
 }
 
+namespace {
+
+constexpr std::string_view kTimeOutStart = "vorn: killed after the time-out of ";
+constexpr std::string_view kTimeOutEnd = " s\n";
+
+}  // namespace
+
+std::string time_out_line(int64_t seconds) {
+  return std::string(kTimeOutStart) + std::to_string(seconds) + std::string(kTimeOutEnd);
+}
+
+bool killed_at_time_out(std::string_view stderr_data) {
+  if (stderr_data.size() < kTimeOutEnd.size() ||
+      stderr_data.substr(stderr_data.size() - kTimeOutEnd.size()) != kTimeOutEnd) {
+    return false;
+  }
+  std::string_view rest = stderr_data.substr(0, stderr_data.size() - kTimeOutEnd.size());
+  size_t digits = 0;
+  while (digits < rest.size() &&
+         std::isdigit(static_cast<unsigned char>(rest[rest.size() - 1 - digits]))) {
+    ++digits;
+  }
+  if (digits == 0) {
+    return false;
+  }
+  rest.remove_suffix(digits);
+  if (rest.size() < kTimeOutStart.size() ||
+      rest.substr(rest.size() - kTimeOutStart.size()) != kTimeOutStart) {
+    return false;
+  }
+  rest.remove_suffix(kTimeOutStart.size());
+  // A line of its own, not the end of a longer one.
+  return rest.empty() || rest.back() == '\n';
+}
+
 std::string result_text(const result_view& result, api_text api) {
   const result_header& h = result.header;
   std::ostringstream text;
@@ -53,7 +89,11 @@ std::string result_text(const result_view& result, api_text api) {
        << "Duration: " << h.duration << "\n"
        << "Timestamp: " << h.timestamp.tv_sec << "." << std::setw(6) << std::setfill('0')
        << h.timestamp.tv_usec << std::setfill(' ') << "\n"
-       << "Exit status: " << h.exit_status << "\n"
+       << "Exit status: " << h.exit_status
+       << (api == api_text::number && killed_at_time_out(result.stderr_data)
+               ? " (killed after the time-out)"
+               : "")
+       << "\n"
        << "Encoding: " << h.encoding << "\n"
        << "API: "
        << (api == api_text::number ? std::to_string(h.api)

@@ -95,10 +95,22 @@ std::string accumulate_topic(const daemon_config& config);
 // when sending failed (reported on standard error).
 int send_result(const provider_result& result, const daemon_config& config, zsock_t* socket);
 
+// A run killed at its time-out may still exit with status 0 (the decoded
+// wait status of a signal), so the runner ends its standard error with this
+// line: "vorn: killed after the time-out of N s" and a newline, after any
+// line about cut output. A result is one that timed out exactly when its
+// standard error ends with such a line; the same text anywhere else is only
+// output. The line is at most kTimeOutLineMax bytes long, so the last
+// kTimeOutLineMax bytes of standard error tell.
+constexpr size_t kTimeOutLineMax = 64;
+std::string time_out_line(int64_t seconds);
+bool killed_at_time_out(std::string_view stderr_data);
+
 // How the API field appears in the text form: the server's text dump keeps
 // the raw byte its readers expect; people read the number.
 enum class api_text { raw_byte, number };
 
 // The text form of a result: one "Field: value" line per header field, then
-// the outputs and the node list as they are (bytes unchanged).
+// the outputs and the node list as they are (bytes unchanged). For people
+// (api_text::number), the exit status of a run killed at its time-out says so.
 std::string result_text(const result_view& result, api_text api = api_text::raw_byte);

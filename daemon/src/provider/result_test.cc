@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <cstring>
 
 #include "tests/support/results.h"
@@ -22,6 +23,44 @@ TEST(ResultHeaderTest, ForeignTextFieldsAreCutInsideTheirField) {
   EXPECT_EQ(std::string(got.name), std::string(63, 'n'));
   EXPECT_EQ(std::string(got.hostname), std::string(255, 'h'));
   EXPECT_EQ(std::string(got.option_id), std::string(59, 'i'));
+}
+
+// Only a line of its own at the very end of standard error marks a run killed
+// at its time-out.
+TEST(ResultTimeOutTest, OnlyTheFinalLineCounts) {
+  const std::string line = time_out_line(60);
+  EXPECT_EQ(line, "vorn: killed after the time-out of 60 s\n");
+  EXPECT_LE(time_out_line(INT64_MAX).size(), kTimeOutLineMax);
+  struct Row {
+    const char* comment;
+    std::string stderr_data;
+    bool timed_out;
+  } rows[] = {
+      {"the line alone", line, true},
+      {"after output and a cut line",
+       "oops\nvorn: standard error cut at 10 bytes, 5 bytes discarded\n" + line, true},
+      {"quoted in the middle", "a\n" + line + "b\n", false},
+      {"without its newline", line.substr(0, line.size() - 1), false},
+      {"the end of a longer line", "x" + line, false},
+      {"no number", "vorn: killed after the time-out of  s\n", false},
+      {"nothing", "", false},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.comment);
+    EXPECT_EQ(killed_at_time_out(row.stderr_data), row.timed_out);
+  }
+}
+
+// People reading a result learn it at the exit status; the server's dump keeps
+// its fields as they were.
+TEST(ResultTimeOutTest, TextForPeopleSaysSoAtTheExitStatus) {
+  provider_result r = vorn::test::sample_result("x", "o");
+  r.header.exit_status = 0;
+  r.stderr_data = time_out_line(5);
+  r.header.stderr_size = r.stderr_data.size();
+  EXPECT_NE(result_text(r, api_text::number).find("Exit status: 0 (killed after the time-out)\n"),
+            std::string::npos);
+  EXPECT_NE(result_text(r).find("Exit status: 0\n"), std::string::npos);
 }
 
 }  // namespace
