@@ -20,6 +20,7 @@
 
 #include "daemon/src/database/latest.h"
 #include "util/czmq.h"
+#include "util/fs.h"
 #include "util/log.h"
 #include "util/str.h"
 
@@ -100,7 +101,13 @@ class wal_checkpointer {
     }
     wake_.notify_one();
     thread_.join();
+    if (keep_wal_) {
+      connection_->keepWalOnClose();
+    }
   }
+
+  // Set before the destructor runs: see sqlite::abandon_file.
+  void keep_wal_on_close() { keep_wal_ = true; }
 
  private:
   void run() {
@@ -124,6 +131,7 @@ class wal_checkpointer {
   std::mutex mutex_;
   std::condition_variable wake_;
   bool stopping_ = false;
+  bool keep_wal_ = false;
   std::thread thread_;
 };
 
@@ -208,11 +216,20 @@ std::string bad_file_name(const std::string& path) {
 
 }  // namespace
 
-sqlite::sqlite(const daemon_config& config) {
+sqlite::sqlite(const daemon_config& config) : config_(config) {
+  open();
+}
+
+void sqlite::open() {
+  const daemon_config& config = config_;
   connection_ = connect(config);
   if (!connection_) {
     return;
   }
+  struct stat st;
+  identity_known_ = ::stat(config.database_file.c_str(), &st) == 0;
+  device_ = st.st_dev;
+  inode_ = st.st_ino;
   if (connection_->setBusyTimeout(config.database_busy_timeout_ms, &give_up_at_) != 0) {
     VORN_LOG(4) << "Could not set busy timeout value for database. "
                 << "Concurrent writes may fail.";
@@ -253,12 +270,70 @@ sqlite::sqlite(const daemon_config& config) {
 sqlite::~sqlite() {
   if (connection_) {
     force_summary_ = true;
-    if (flush() != commit_result::committed) {
+    // A file replaced at the end was logged as such; what it held was
+    // committed there.
+    commit_result result = flush();
+    if (result == commit_result::retry || result == commit_result::lost) {
       VORN_LOG(1) << "Database unavailable at shutdown (" << last_error_
                   << "). Stored results lost!";
     }
   }
   checkpointer_.reset();
+}
+
+bool sqlite::file_in_place() {
+  if (!identity_known_) {
+    return true;
+  }
+  struct stat st;
+  if (::stat(config_.database_file.c_str(), &st) == 0 && st.st_dev == device_ &&
+      st.st_ino == inode_) {
+    return true;
+  }
+  int error = errno;
+  VORN_LOG(1) << "The database file '" << config_.database_file << "' was "
+              << (error == ENOENT ? "removed" : "replaced")
+              << " while the server ran; opening it anew. Results not yet acknowledged will be "
+                 "sent again by their senders";
+  abandon_file();
+  reopen();
+  return false;
+}
+
+void sqlite::abandon_file() {
+  // Closing the last connection would delete "<path>-wal" and "<path>-shm"
+  // by name: those of whatever file now lies at the path.
+  if (checkpointer_) {
+    checkpointer_->keep_wal_on_close();
+    checkpointer_.reset();
+  }
+  connection_->keepWalOnClose();
+  connection_.reset();
+  in_transaction_ = false;
+  transaction_lost_ = false;
+  uncommitted_ = 0;
+  // Rowids of the lost file mean nothing in the new one, whose vorn_latest
+  // is made from its own rows.
+  latest_.clear();
+  summary_pending_.clear();
+}
+
+bool sqlite::reopen() {
+  if (vorn::fs::make_path(vorn::str::dirname(config_.database_file))) {
+    // Created as at start-up, with the same mode. The descriptor is closed
+    // before SQLite opens the file: closing it later would drop SQLite's locks.
+    {
+      vorn::fs::Fd created(
+          ::open(config_.database_file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
+    }
+    open();
+  }
+  if (!connection_) {
+    last_error_ = "cannot open the database file '" + config_.database_file + "' anew";
+    return false;
+  }
+  VORN_LOG(5) << "Writing results into a new database file '" << config_.database_file << "'";
+  return true;
 }
 
 void sqlite::give_up_waiting_at(int64_t mono_ms) {
@@ -325,6 +400,9 @@ bool sqlite::write_summary() {
 }
 
 commit_result sqlite::flush() {
+  if (!connection_ && !reopen()) {
+    return commit_result::retry;
+  }
   if (transaction_lost_) {
     transaction_lost_ = false;
     last_error_ = "the transaction was rolled back by a refused row";
@@ -336,6 +414,9 @@ commit_result sqlite::flush() {
     return commit_result::retry;
   }
   int rc = in_transaction_ ? connection_->issueCommand("COMMIT") : 0;
+  if (rc == 0 && !file_in_place()) {
+    return commit_result::file_replaced;
+  }
   if (rc == 0) {
     in_transaction_ = false;
     uncommitted_ = 0;
@@ -363,6 +444,9 @@ commit_result sqlite::flush() {
 }
 
 write_status sqlite::write(const result_view& record) {
+  if (!connection_ && !reopen()) {
+    return write_status::retry;
+  }
   if (transaction_lost_) {
     transaction_lost_ = false;
     last_error_ = "the transaction was rolled back by a refused row";

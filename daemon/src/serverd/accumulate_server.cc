@@ -12,6 +12,7 @@
 #include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "daemon/src/provider/result.h"
 #include "daemon/src/serverd/pub_ack_answerer.h"
@@ -100,6 +101,16 @@ class waiting_requests {
       waiting_.pop_front();
     }
     return dropped;
+  }
+
+  // Empties the list and returns the keys of the requests it held.
+  std::vector<uint64_t> take_keys() {
+    std::vector<uint64_t> keys;
+    for (const auto& waiting : waiting_) {
+      keys.push_back(waiting.first.key);
+    }
+    waiting_.clear();
+    return keys;
   }
 
   bool empty() const { return waiting_.empty(); }
@@ -232,8 +243,19 @@ bool run_accumulate_server(daemon_options& options, const daemon_config& config,
   int64_t last_message_ms = zclock_mono();
   // Messages that wait are taken without a poll each: a poll is a system call.
   bool more_waiting = false;
+  uint64_t file_replacements = 0;
   for (;;) {
-    if (size_t dropped = waiting.answer_committed(answerer, writer.committed())) {
+    uint64_t committed = writer.committed();
+    if (writer.file_replacements() != file_replacements) {
+      // What the senders of the waiting requests sent before them may lie in
+      // the lost file: they are never answered (a repeat neither), and send
+      // it all again into the new one.
+      file_replacements = writer.file_replacements();
+      for (uint64_t key : waiting.take_keys()) {
+        receiver.mark_answered(key);
+      }
+    }
+    if (size_t dropped = waiting.answer_committed(answerer, committed)) {
       warn_dropped(drop_warnings, dropped);
     }
     // A request counts as answered once its answer went out, not when it was

@@ -275,6 +275,45 @@ TEST_F(ServerdTest, VornSendDeliversAResultThatSqliteReadsBack) {
   EXPECT_EQ(server->wait_exit(), 0);
 }
 
+// The database file removed under the running server (as an administrator's
+// rm would, log and index too): every result answered afterwards must be
+// found in a database at the path, and the removal is alerted.
+TEST_F(ServerdTest, ADatabaseFileRemovedWhileRunningIsOpenedAnew) {
+  std::string config = write_config();
+  auto server = start({"-d", "-c", config});
+  ASSERT_TRUE(server->wait_for_err(kReady));
+  std::string output_file = dir_ / "out.txt";
+  vorn::test::write_file(output_file, "x");
+  auto send = [&](const std::string& name) {
+    Process sender({VORN_SEND_PATH, "-c", config, "-t", "2", name, output_file}, dir_.path());
+    return sender.wait_exit() == 0;
+  };
+  ASSERT_TRUE(send("before"));
+  for (const char* suffix : {"", "-wal", "-shm"}) {
+    std::filesystem::remove(db_path() + suffix);
+  }
+  std::vector<std::string> answered;
+  for (int i = 0; i < 5; ++i) {
+    std::string name = "after" + std::to_string(i);
+    if (send(name)) {
+      answered.push_back(name);
+    }
+  }
+  EXPECT_GE(answered.size(), 4u) << "results sent after the new file is open are answered";
+  for (const std::string& name : answered) {
+    EXPECT_EQ(
+        vorn::test::query(db_path(), "SELECT count(*) FROM vorn_1 WHERE Provider = '" + name + "'"),
+        (std::vector<std::vector<std::string>>{{"1"}}))
+        << name << " was answered";
+  }
+  EXPECT_NE(server->err().find("The database file '" + db_path() +
+                               "' was removed while the server ran; opening it anew"),
+            std::string::npos)
+      << server->err();
+  server->send_signal(SIGTERM);
+  EXPECT_EQ(server->wait_exit(), 0);
+}
+
 // The answer to a PUB_ACK means that everything the sender sent before the
 // request is committed, so another connection sees it all; a SIGTERM lets
 // the server store what is still on its way. Each sender's results are
