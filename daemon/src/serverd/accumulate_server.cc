@@ -11,6 +11,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -243,17 +244,24 @@ bool run_accumulate_server(daemon_options& options, const daemon_config& config,
   int64_t last_message_ms = zclock_mono();
   // Messages that wait are taken without a poll each: a poll is a system call.
   bool more_waiting = false;
+  // When the database file is found removed or replaced, what a sender sent
+  // before its next request may lie in the lost file, committed before the
+  // removal or since. So the requests waiting then are never answered (a
+  // repeat neither), nor the next request of each connection that had sent
+  // results not followed by a request: their senders send it all again, into
+  // the new file.
   uint64_t file_replacements = 0;
+  std::unordered_set<int> unasked;      // connections with results since their last request
+  std::unordered_set<int> unconfirmed;  // connections whose next request goes unanswered
   for (;;) {
     uint64_t committed = writer.committed();
     if (writer.file_replacements() != file_replacements) {
-      // What the senders of the waiting requests sent before them may lie in
-      // the lost file: they are never answered (a repeat neither), and send
-      // it all again into the new one.
       file_replacements = writer.file_replacements();
       for (uint64_t key : waiting.take_keys()) {
         receiver.mark_answered(key);
       }
+      unconfirmed.merge(unasked);
+      unasked.clear();
     }
     if (size_t dropped = waiting.answer_committed(answerer, committed)) {
       warn_dropped(drop_warnings, dropped);
@@ -293,11 +301,16 @@ bool run_accumulate_server(daemon_options& options, const daemon_config& config,
         VORN_LOG(6) << "Draining queue of accumulated data providers";
       }
       if (kind == message_kind::result) {
+        unasked.insert(slot->connection());
         slot = writer.push();
       } else if (kind == message_kind::pub_ack) {
+        int connection = slot->connection();
+        unasked.erase(connection);
         // The answer tells the sender that what it sent before the request
         // is stored: it waits for the commit of everything queued so far.
-        if (waiting.add(receiver.request(), writer.last_queued())) {
+        if (unconfirmed.erase(connection) > 0) {
+          receiver.mark_answered(receiver.request().key);
+        } else if (waiting.add(receiver.request(), writer.last_queued())) {
           writer.request_commit(writer.last_queued());
         } else {
           warn_dropped(drop_warnings, 1);
