@@ -101,13 +101,7 @@ class wal_checkpointer {
     }
     wake_.notify_one();
     thread_.join();
-    if (keep_wal_) {
-      connection_->keepWalOnClose();
-    }
   }
-
-  // Set before the destructor runs: see sqlite::abandon_file.
-  void keep_wal_on_close() { keep_wal_ = true; }
 
  private:
   void run() {
@@ -131,7 +125,6 @@ class wal_checkpointer {
   std::mutex mutex_;
   std::condition_variable wake_;
   bool stopping_ = false;
-  bool keep_wal_ = false;
   std::thread thread_;
 };
 
@@ -189,6 +182,18 @@ std::unique_ptr<database> try_open_database(const daemon_config& config, open_fa
   return store;
 }
 
+file_identity identify(const std::string& path) {
+  struct stat st;
+  if (::stat(path.c_str(), &st) != 0) {
+    return {};
+  }
+  return {true, st.st_dev, st.st_ino};
+}
+
+bool same_file(const file_identity& a, const file_identity& b) {
+  return a.known && b.known && a.device == b.device && a.inode == b.inode;
+}
+
 bool exists(const std::string& path) {
   struct stat st;
   return ::lstat(path.c_str(), &st) == 0;
@@ -226,10 +231,7 @@ void sqlite::open() {
   if (!connection_) {
     return;
   }
-  struct stat st;
-  identity_known_ = ::stat(config.database_file.c_str(), &st) == 0;
-  device_ = st.st_dev;
-  inode_ = st.st_ino;
+  file_ = identify(config.database_file);
   if (connection_->setBusyTimeout(config.database_busy_timeout_ms, &give_up_at_) != 0) {
     VORN_LOG(4) << "Could not set busy timeout value for database. "
                 << "Concurrent writes may fail.";
@@ -282,17 +284,20 @@ sqlite::~sqlite() {
 }
 
 bool sqlite::file_in_place() {
-  if (!identity_known_) {
+  if (!file_.known) {
     return true;
   }
-  struct stat st;
-  if (::stat(config_.database_file.c_str(), &st) == 0 && st.st_dev == device_ &&
-      st.st_ino == inode_) {
+  file_identity now = identify(config_.database_file);
+  if (same_file(now, file_)) {
+    // SQLite makes the log and its index at the first transaction.
+    if (!wal_.known) {
+      wal_ = identify(config_.database_file + "-wal");
+      shm_ = identify(config_.database_file + "-shm");
+    }
     return true;
   }
-  int error = errno;
   VORN_LOG(1) << "The database file '" << config_.database_file << "' was "
-              << (error == ENOENT ? "removed" : "replaced")
+              << (now.known ? "replaced" : "removed")
               << " while the server ran; opening it anew. Results not yet acknowledged will be "
                  "sent again by their senders";
   abandon_file();
@@ -301,14 +306,19 @@ bool sqlite::file_in_place() {
 }
 
 void sqlite::abandon_file() {
-  // Closing the last connection would delete "<path>-wal" and "<path>-shm"
-  // by name: those of whatever file now lies at the path.
-  if (checkpointer_) {
-    checkpointer_->keep_wal_on_close();
-    checkpointer_.reset();
-  }
-  connection_->keepWalOnClose();
+  checkpointer_.reset();
   connection_.reset();
+  // SQLite leaves the log of a file that moved where it is. Still at the
+  // path, it would be read into whatever file is opened there: the old
+  // file's own log and index go, and only they.
+  for (const auto& [suffix, identity] : {std::pair{"-wal", wal_}, std::pair{"-shm", shm_}}) {
+    std::string path = config_.database_file + suffix;
+    if (same_file(identify(path), identity) && ::unlink(path.c_str()) != 0) {
+      VORN_LOG(3) << "Could not remove '" << path << "', the log of the lost database file "
+                  << vorn::log::sys_error(errno);
+    }
+  }
+  file_ = wal_ = shm_ = file_identity{};
   in_transaction_ = false;
   transaction_lost_ = false;
   uncommitted_ = 0;

@@ -91,6 +91,13 @@ class database {
 
 class wal_checkpointer;
 
+// Which file a path named when looked at; known false when it named none.
+struct file_identity {
+  bool known = false;
+  dev_t device = 0;
+  ino_t inode = 0;
+};
+
 class sqlite : public database {
  public:
   // vorn_latest is brought up to date with the commit that comes this long
@@ -119,7 +126,7 @@ class sqlite : public database {
   // After a commit: true unless the path no longer names the opened file,
   // in which case that file is let go and a fresh one opened (logged).
   bool file_in_place();
-  // Lets the file go without touching what now lies at its path.
+  // Lets the file go, with the log and index of its own at the path.
   void abandon_file();
   // Opens the file at the path after abandon_file; false (last_error) when
   // it cannot be opened, to be tried again with the next write.
@@ -128,10 +135,11 @@ class sqlite : public database {
   const daemon_config& config_;
   storix1::Owned<storix1::Connection> connection_;
   std::unique_ptr<wal_checkpointer> checkpointer_;
-  // The identity of the opened file; unknown when it could not be read.
-  bool identity_known_ = false;
-  dev_t device_ = 0;
-  ino_t inode_ = 0;
+  // The opened file, its write-ahead log and its index, as they were found
+  // at the path after opening.
+  file_identity file_;
+  file_identity wal_;
+  file_identity shm_;
   int uncommitted_ = 0;  // rows in the open transaction
   int open_error_ = 0;
   bool in_transaction_ = false;

@@ -90,11 +90,6 @@ int Connection::setBusyTimeout(int milliseconds, const std::atomic<int64_t>* giv
   return rc;
 }
 
-int Connection::keepWalOnClose() {
-  int keep = 1;
-  return sqlite3_file_control(db_.get(), "main", SQLITE_FCNTL_PERSIST_WAL, &keep);
-}
-
 int Connection::issueCommand(const char* sql) {
   char* message = nullptr;
   int rc = sqlite3_exec(db_.get(), sql, nullptr, nullptr, &message);

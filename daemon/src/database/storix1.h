@@ -88,9 +88,6 @@ class Connection : public Handle {
   int64_t lastInsertRowid() const { return sqlite3_last_insert_rowid(db_.get()); }
   // False also after an error that rolled the transaction back by itself.
   bool inTransaction() const { return sqlite3_get_autocommit(db_.get()) == 0; }
-  // Leaves the write-ahead log and its index in place when the connection
-  // closes, instead of deleting them by name.
-  int keepWalOnClose();
   // Runs one statement; rows it may yield are discarded.
   int issueCommand(const char* sql);
   int getDataWriter(const char* sql, DataWriter** writer);
