@@ -304,13 +304,15 @@ bool run_accumulate_server(daemon_options& options, const daemon_config& config,
         unasked.insert(slot->connection());
         slot = writer.push();
       } else if (kind == message_kind::pub_ack) {
-        int connection = slot->connection();
-        unasked.erase(connection);
         // The answer tells the sender that what it sent before the request
         // is stored: it waits for the commit of everything queued so far.
+        // A request dropped here covers nothing: its sender repeats it.
+        int connection = slot->connection();
         if (unconfirmed.erase(connection) > 0) {
+          unasked.erase(connection);
           receiver.mark_answered(receiver.request().key);
         } else if (waiting.add(receiver.request(), writer.last_queued())) {
+          unasked.erase(connection);
           writer.request_commit(writer.last_queued());
         } else {
           warn_dropped(drop_warnings, 1);
