@@ -20,6 +20,7 @@
 
 #include "daemon/src/database/latest.h"
 #include "util/czmq.h"
+#include "util/fs.h"
 #include "util/log.h"
 #include "util/str.h"
 
@@ -181,6 +182,18 @@ std::unique_ptr<database> try_open_database(const daemon_config& config, open_fa
   return store;
 }
 
+file_identity identify(const std::string& path) {
+  struct stat st;
+  if (::stat(path.c_str(), &st) != 0) {
+    return {};
+  }
+  return {true, st.st_dev, st.st_ino};
+}
+
+bool same_file(const file_identity& a, const file_identity& b) {
+  return a.known && b.known && a.device == b.device && a.inode == b.inode;
+}
+
 bool exists(const std::string& path) {
   struct stat st;
   return ::lstat(path.c_str(), &st) == 0;
@@ -208,11 +221,17 @@ std::string bad_file_name(const std::string& path) {
 
 }  // namespace
 
-sqlite::sqlite(const daemon_config& config) {
+sqlite::sqlite(const daemon_config& config) : config_(config) {
+  open();
+}
+
+void sqlite::open() {
+  const daemon_config& config = config_;
   connection_ = connect(config);
   if (!connection_) {
     return;
   }
+  file_ = identify(config.database_file);
   if (connection_->setBusyTimeout(config.database_busy_timeout_ms, &give_up_at_) != 0) {
     VORN_LOG(4) << "Could not set busy timeout value for database. "
                 << "Concurrent writes may fail.";
@@ -253,12 +272,78 @@ sqlite::sqlite(const daemon_config& config) {
 sqlite::~sqlite() {
   if (connection_) {
     force_summary_ = true;
-    if (flush() != commit_result::committed) {
+    // A file replaced at the end was logged as such; what it held was
+    // committed there.
+    commit_result result = flush();
+    if (result == commit_result::retry || result == commit_result::lost) {
       VORN_LOG(1) << "Database unavailable at shutdown (" << last_error_
                   << "). Stored results lost!";
     }
   }
   checkpointer_.reset();
+}
+
+bool sqlite::file_in_place() {
+  if (!file_.known) {
+    return true;
+  }
+  file_identity now = identify(config_.database_file);
+  if (same_file(now, file_)) {
+    // SQLite makes the log and its index at the first transaction.
+    if (!wal_.known) {
+      wal_ = identify(config_.database_file + "-wal");
+      shm_ = identify(config_.database_file + "-shm");
+    }
+    return true;
+  }
+  VORN_LOG(1) << "The database file '" << config_.database_file << "' was "
+              << (now.known ? "replaced" : "removed")
+              << " while the server ran; opening it anew. Results not yet acknowledged will be "
+                 "sent again by their senders";
+  abandon_file();
+  reopen();
+  return false;
+}
+
+void sqlite::abandon_file() {
+  checkpointer_.reset();
+  connection_.reset();
+  // SQLite leaves the log of a file that moved where it is. Still at the
+  // path, it would be read into whatever file is opened there: the old
+  // file's own log and index go, and only they.
+  for (const auto& [suffix, identity] : {std::pair{"-wal", wal_}, std::pair{"-shm", shm_}}) {
+    std::string path = config_.database_file + suffix;
+    if (same_file(identify(path), identity) && ::unlink(path.c_str()) != 0) {
+      VORN_LOG(3) << "Could not remove '" << path << "', the log of the lost database file "
+                  << vorn::log::sys_error(errno);
+    }
+  }
+  file_ = wal_ = shm_ = file_identity{};
+  in_transaction_ = false;
+  transaction_lost_ = false;
+  uncommitted_ = 0;
+  // Rowids of the lost file mean nothing in the new one, whose vorn_latest
+  // is made from its own rows.
+  latest_.clear();
+  summary_pending_.clear();
+}
+
+bool sqlite::reopen() {
+  if (vorn::fs::make_path(vorn::str::dirname(config_.database_file))) {
+    // Created as at start-up, with the same mode. The descriptor is closed
+    // before SQLite opens the file: closing it later would drop SQLite's locks.
+    {
+      vorn::fs::Fd created(
+          ::open(config_.database_file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
+    }
+    open();
+  }
+  if (!connection_) {
+    last_error_ = "cannot open the database file '" + config_.database_file + "' anew";
+    return false;
+  }
+  VORN_LOG(5) << "Writing results into a new database file '" << config_.database_file << "'";
+  return true;
 }
 
 void sqlite::give_up_waiting_at(int64_t mono_ms) {
@@ -325,6 +410,9 @@ bool sqlite::write_summary() {
 }
 
 commit_result sqlite::flush() {
+  if (!connection_ && !reopen()) {
+    return commit_result::retry;
+  }
   if (transaction_lost_) {
     transaction_lost_ = false;
     last_error_ = "the transaction was rolled back by a refused row";
@@ -336,6 +424,9 @@ commit_result sqlite::flush() {
     return commit_result::retry;
   }
   int rc = in_transaction_ ? connection_->issueCommand("COMMIT") : 0;
+  if (rc == 0 && !file_in_place()) {
+    return commit_result::file_replaced;
+  }
   if (rc == 0) {
     in_transaction_ = false;
     uncommitted_ = 0;
@@ -363,6 +454,9 @@ commit_result sqlite::flush() {
 }
 
 write_status sqlite::write(const result_view& record) {
+  if (!connection_ && !reopen()) {
+    return write_status::retry;
+  }
   if (transaction_lost_) {
     transaction_lost_ = false;
     last_error_ = "the transaction was rolled back by a refused row";

@@ -27,9 +27,18 @@
 // its fsyncs) happens on a thread of the store's own with its own connection,
 // so the receiving thread never waits for it.
 //
+// Each commit ends by checking that the path still names the file the store
+// opened: rows committed into a file that was removed or replaced meanwhile
+// cannot be found by anyone. Then the store logs an alert, opens a fresh file
+// at the path (as at start-up) and reports commit_result::file_replaced, so
+// that its writer writes again every row since its last commit. While no file
+// can be opened there, writes and commits report retry.
+//
 // Thread safety: the object is owned by the entry routine; write and flush
 // are called from one thread at a time; give_up_waiting_at from any. Never
 // carry an open store across fork().
+
+#include <sys/types.h>
 
 #include <atomic>
 #include <cstdint>
@@ -51,6 +60,10 @@ enum class commit_result {
   committed,  // every row written so far is durable
   retry,      // not now; the open transaction was rolled back (last_error())
   lost,       // the file cannot hold them any more: rolled back (logged)
+  // Committed into a file no longer at the path (logged): the store now
+  // writes into a fresh one, and every row since the last commit must be
+  // written again.
+  file_replaced,
 };
 
 class database {
@@ -78,6 +91,13 @@ class database {
 
 class wal_checkpointer;
 
+// Which file a path named when looked at; known false when it named none.
+struct file_identity {
+  bool known = false;
+  dev_t device = 0;
+  ino_t inode = 0;
+};
+
 class sqlite : public database {
  public:
   // vorn_latest is brought up to date with the commit that comes this long
@@ -101,8 +121,25 @@ class sqlite : public database {
   // transaction; false when it was rolled back.
   bool write_summary();
 
+  // Opens the file at the configured path, creating it and its tables.
+  void open();
+  // After a commit: true unless the path no longer names the opened file,
+  // in which case that file is let go and a fresh one opened (logged).
+  bool file_in_place();
+  // Lets the file go, with the log and index of its own at the path.
+  void abandon_file();
+  // Opens the file at the path after abandon_file; false (last_error) when
+  // it cannot be opened, to be tried again with the next write.
+  bool reopen();
+
+  const daemon_config& config_;
   storix1::Owned<storix1::Connection> connection_;
   std::unique_ptr<wal_checkpointer> checkpointer_;
+  // The opened file, its write-ahead log and its index, as they were found
+  // at the path after opening.
+  file_identity file_;
+  file_identity wal_;
+  file_identity shm_;
   int uncommitted_ = 0;  // rows in the open transaction
   int open_error_ = 0;
   bool in_transaction_ = false;

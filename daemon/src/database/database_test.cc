@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <ctime>
 #include <memory>
 
@@ -179,6 +180,30 @@ TEST_F(DatabaseTest, UnusableFileIsMovedAsideAndReplaced) {
     EXPECT_EQ(stat(row.moved_to.c_str(), &st), 0) << log;
   }
   EXPECT_EQ(vorn::test::read_file(bad), std::string(8192, 'z')) << "never overwritten";
+}
+
+// Another database moved over the file while the store has it open: the
+// commit that finds it asks for its rows again, and they go into the file
+// now at the path, beside what it held.
+TEST_F(DatabaseTest, AFileReplacedUnderTheStoreIsFoundAtTheCommit) {
+  auto store = open_database(&config_);
+  ASSERT_TRUE(store);
+  ASSERT_EQ(store->write(sample_result("first", "x")), write_status::written);
+  ASSERT_EQ(store->flush(), commit_result::committed);
+  daemon_config other = config_;
+  other.database_file = dir_ / "other.db";
+  {
+    auto restored = open_database(&other);
+    ASSERT_TRUE(restored);
+    ASSERT_EQ(restored->write(sample_result("restored", "x")), write_status::written);
+  }
+  ASSERT_EQ(std::rename(other.database_file.c_str(), config_.database_file.c_str()), 0);
+  ASSERT_EQ(store->write(sample_result("second", "x")), write_status::written);
+  ASSERT_EQ(store->flush(), commit_result::file_replaced);
+  ASSERT_EQ(store->write(sample_result("second", "x")), write_status::written);
+  ASSERT_EQ(store->flush(), commit_result::committed);
+  EXPECT_EQ(query(config_.database_file, "SELECT Provider FROM vorn_1 ORDER BY rowid"),
+            (std::vector<std::vector<std::string>>{{"restored"}, {"second"}}));
 }
 
 // A file that cannot be opened for another reason than its content is left

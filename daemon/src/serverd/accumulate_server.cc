@@ -11,7 +11,9 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <unordered_set>
 #include <utility>
+#include <vector>
 
 #include "daemon/src/provider/result.h"
 #include "daemon/src/serverd/pub_ack_answerer.h"
@@ -100,6 +102,16 @@ class waiting_requests {
       waiting_.pop_front();
     }
     return dropped;
+  }
+
+  // Empties the list and returns the keys of the requests it held.
+  std::vector<uint64_t> take_keys() {
+    std::vector<uint64_t> keys;
+    for (const auto& waiting : waiting_) {
+      keys.push_back(waiting.first.key);
+    }
+    waiting_.clear();
+    return keys;
   }
 
   bool empty() const { return waiting_.empty(); }
@@ -232,8 +244,26 @@ bool run_accumulate_server(daemon_options& options, const daemon_config& config,
   int64_t last_message_ms = zclock_mono();
   // Messages that wait are taken without a poll each: a poll is a system call.
   bool more_waiting = false;
+  // When the database file is found removed or replaced, what a sender sent
+  // before its next request may lie in the lost file, committed before the
+  // removal or since. So the requests waiting then are never answered (a
+  // repeat neither), nor the next request of each connection that had sent
+  // results not followed by a request: their senders send it all again, into
+  // the new file.
+  uint64_t file_replacements = 0;
+  std::unordered_set<int> unasked;      // connections with results since their last request
+  std::unordered_set<int> unconfirmed;  // connections whose next request goes unanswered
   for (;;) {
-    if (size_t dropped = waiting.answer_committed(answerer, writer.committed())) {
+    uint64_t committed = writer.committed();
+    if (writer.file_replacements() != file_replacements) {
+      file_replacements = writer.file_replacements();
+      for (uint64_t key : waiting.take_keys()) {
+        receiver.mark_answered(key);
+      }
+      unconfirmed.merge(unasked);
+      unasked.clear();
+    }
+    if (size_t dropped = waiting.answer_committed(answerer, committed)) {
       warn_dropped(drop_warnings, dropped);
     }
     // A request counts as answered once its answer went out, not when it was
@@ -271,11 +301,18 @@ bool run_accumulate_server(daemon_options& options, const daemon_config& config,
         VORN_LOG(6) << "Draining queue of accumulated data providers";
       }
       if (kind == message_kind::result) {
+        unasked.insert(slot->connection());
         slot = writer.push();
       } else if (kind == message_kind::pub_ack) {
         // The answer tells the sender that what it sent before the request
         // is stored: it waits for the commit of everything queued so far.
-        if (waiting.add(receiver.request(), writer.last_queued())) {
+        // A request dropped here covers nothing: its sender repeats it.
+        int connection = slot->connection();
+        if (unconfirmed.erase(connection) > 0) {
+          unasked.erase(connection);
+          receiver.mark_answered(receiver.request().key);
+        } else if (waiting.add(receiver.request(), writer.last_queued())) {
+          unasked.erase(connection);
           writer.request_commit(writer.last_queued());
         } else {
           warn_dropped(drop_warnings, 1);

@@ -178,6 +178,13 @@ std::string_view received_message::frame(size_t i) const {
   return {static_cast<const char*>(zmq_msg_data(m)), zmq_msg_size(m)};
 }
 
+int received_message::connection() const {
+  if (count_ == 0) {
+    return -1;
+  }
+  return zmq_msg_get(const_cast<zmq_msg_t*>(&frames_[0]), ZMQ_SRCFD);
+}
+
 message_origin received_message::origin() const {
   if (count_ == 0) {
     return {};

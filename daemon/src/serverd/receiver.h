@@ -109,6 +109,9 @@ class received_message {
   // The properties of a received message; they stay valid while it holds
   // its frames. Empty for a message assembled with append().
   message_origin origin() const;
+  // The descriptor of the connection the message came on, which tells one
+  // sender's connection from another's while it lasts; -1 when unknown.
+  int connection() const;
 
   // True when the message is a well-formed result; then result() reads it.
   bool parse_result();

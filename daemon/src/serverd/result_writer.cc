@@ -146,6 +146,14 @@ void result_writer::commit(std::unique_lock<std::mutex>& lock) {
   std::string error;
   if (result == commit_result::retry) {
     error = store_->last_error();
+  } else if (result == commit_result::file_replaced) {
+    // The rows went into a file nobody can find: they are written again,
+    // into the new one, and the requests waiting for them go unanswered.
+    lock.lock();
+    written_ = released_;
+    uncommitted_bytes_ = 0;
+    file_replacements_.fetch_add(1, std::memory_order_release);
+    return;
   } else {
     for (uint64_t i = begin; i < end; ++i) {
       slots_[i % kSlots].clear();

@@ -18,7 +18,11 @@
 // Every queued result gets the next sequence number, from 1. committed()
 // is the number up to which every result is committed or reported lost:
 // the receiving thread answers an acknowledgement request once committed()
-// reaches the last number queued before the request.
+// reaches the last number queued before the request. When the database file
+// was removed or replaced, the rows of the commit that found it are written
+// again into the new file and file_replacements() counts it: the receiving
+// thread then answers none of the requests waiting, as what their senders
+// sent earlier went into the lost file.
 //
 // When kSlots messages or kMaxQueuedBytes are waiting, there is no free
 // slot: the receiving thread stops reading and ZeroMQ's own queues, then the
@@ -73,6 +77,10 @@ class result_writer {
   // Asks for a commit as soon as every result up to `sequence` is written.
   void request_commit(uint64_t sequence);
   uint64_t committed() const { return committed_.load(std::memory_order_acquire); }
+  // How often the database file was found removed or replaced. A caller that
+  // reads committed() first and this after sees every replacement that came
+  // before that commit.
+  uint64_t file_replacements() const { return file_replacements_.load(std::memory_order_acquire); }
 
  private:
   void run();
@@ -116,6 +124,7 @@ class result_writer {
   int64_t retry_delay_ms_ = 0;
   int64_t retry_at_ms_ = 0;
   std::atomic<uint64_t> committed_{0};
+  std::atomic<uint64_t> file_replacements_{0};
 
   std::thread thread_;
 };

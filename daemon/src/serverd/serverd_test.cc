@@ -275,6 +275,79 @@ TEST_F(ServerdTest, VornSendDeliversAResultThatSqliteReadsBack) {
   EXPECT_EQ(server->wait_exit(), 0);
 }
 
+// The database file removed under the running server (as an administrator's
+// rm would, log and index too): every result answered afterwards must be
+// found in a database at the path, and the removal is alerted.
+TEST_F(ServerdTest, ADatabaseFileRemovedWhileRunningIsOpenedAnew) {
+  std::string config = write_config();
+  auto server = start({"-d", "-c", config});
+  ASSERT_TRUE(server->wait_for_err(kReady));
+  std::string output_file = dir_ / "out.txt";
+  vorn::test::write_file(output_file, "x");
+  auto send = [&](const std::string& name) {
+    Process sender({VORN_SEND_PATH, "-c", config, "-t", "2", name, output_file}, dir_.path());
+    return sender.wait_exit() == 0;
+  };
+  ASSERT_TRUE(send("before"));
+  for (const char* suffix : {"", "-wal", "-shm"}) {
+    std::filesystem::remove(db_path() + suffix);
+  }
+  std::vector<std::string> answered;
+  for (int i = 0; i < 5; ++i) {
+    std::string name = "after" + std::to_string(i);
+    if (send(name)) {
+      answered.push_back(name);
+    }
+  }
+  EXPECT_GE(answered.size(), 4u) << "results sent after the new file is open are answered";
+  for (const std::string& name : answered) {
+    EXPECT_EQ(
+        vorn::test::query(db_path(), "SELECT count(*) FROM vorn_1 WHERE Provider = '" + name + "'"),
+        (std::vector<std::vector<std::string>>{{"1"}}))
+        << name << " was answered";
+  }
+  EXPECT_NE(server->err().find("The database file '" + db_path() +
+                               "' was removed while the server ran; opening it anew"),
+            std::string::npos)
+      << server->err();
+  server->send_signal(SIGTERM);
+  EXPECT_EQ(server->wait_exit(), 0);
+}
+
+// A result committed before the removal, its request arriving after it was
+// found: the request must not be answered (the result went with the file);
+// the sender's next one, for a result sent since, is.
+TEST_F(ServerdTest, ARequestForAResultInTheRemovedFileIsNotAnswered) {
+  auto server = start({"-d", "-c", write_config()});
+  ASSERT_TRUE(server->wait_for_err(kReady));
+  auto early = connect_sender();
+  auto other = connect_sender();
+  ASSERT_EQ(send_result(vorn::test::sample_result("lost", "x"), sender_config_, early.get()), 1);
+  ASSERT_TRUE(vorn::test::wait_until([&] { return vorn::test::count_rows(db_path()) == 1; },
+                                     vorn::test::milliseconds(10000)));
+  for (const char* suffix : {"", "-wal", "-shm"}) {
+    std::filesystem::remove(db_path() + suffix);
+  }
+  // Another sender's result makes the server commit, find the removal, and
+  // store that result again in the new file.
+  ASSERT_EQ(send_result(vorn::test::sample_result("other", "x"), sender_config_, other.get()), 1);
+  ASSERT_TRUE(vorn::test::wait_until([&] { return vorn::test::count_rows(db_path()) == 1; },
+                                     vorn::test::milliseconds(10000)));
+  EXPECT_TRUE(server->wait_for_err("was removed while the server ran"));
+  bool answered = request_pub_ack(early.get(), sender_config_, "127.0.0.1", 1000);
+  if (answered) {
+    EXPECT_EQ(vorn::test::query(db_path(), "SELECT count(*) FROM vorn_1 WHERE Provider = 'lost'"),
+              (std::vector<std::vector<std::string>>{{"1"}}))
+        << "answered for a result that cannot be found";
+  }
+  ASSERT_EQ(send_result(vorn::test::sample_result("resent", "x"), sender_config_, early.get()), 1);
+  EXPECT_TRUE(request_pub_ack(early.get(), sender_config_, "127.0.0.1", 10000));
+  EXPECT_EQ(vorn::test::query(db_path(), "SELECT count(*) FROM vorn_1 WHERE Provider = 'resent'"),
+            (std::vector<std::vector<std::string>>{{"1"}}));
+  server->send_signal(SIGTERM);
+  EXPECT_EQ(server->wait_exit(), 0);
+}
+
 // The answer to a PUB_ACK means that everything the sender sent before the
 // request is committed, so another connection sees it all; a SIGTERM lets
 // the server store what is still on its way. Each sender's results are
