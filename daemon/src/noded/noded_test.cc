@@ -105,6 +105,49 @@ TEST_F(NodeTest, EveryRunReachesTheDatabaseWithItsOptionSet) {
   EXPECT_EQ(node->wait_exit(), 0) << node->err();
 }
 
+// An output directory that refuses files (here read-only, in a mount
+// namespace of the node's own): each run's result is lost, which is said
+// once, naming the provider, and once more with the count when files can be
+// written again.
+TEST_F(NodeTest, ResultsLostToAnUnwritableDirectoryAreSaidOnce) {
+  if (std::system("unshare -m true >/dev/null 2>&1") != 0) {
+    GTEST_SKIP() << "unshare -m is refused here (it needs root)";
+  }
+  ::mkdir(out().c_str(), 0755);
+  // Each run leaves a line outside the output directory, to count runs by.
+  const std::string runs = dir_ / "runs";
+  provider("probe",
+           "<command>echo hi; echo run &gt;&gt; '" + runs + "'</command><period>1</period>");
+  const std::string cfg = config();
+  // The node's own view of the directory, which the test makes read-only
+  // once the node runs (it refuses to start without a writable one).
+  const std::string own_mount =
+      "mount --bind '" + out() + "' '" + out() + "' && exec '" + kNoded + "' -d -c '" + cfg + "'";
+  Process node({"unshare", "-m", "--propagation", "private", "sh", "-c", own_mount}, dir_.path());
+  auto runs_seen = [&] { return vorn::test::occurrences(vorn::test::read_file(runs), "run\n"); };
+  auto remount = [&](const char* mode) {
+    return std::system(("nsenter -t " + std::to_string(node.pid()) + " -m mount -o remount," +
+                        mode + ",bind '" + out() + "'")
+                           .c_str());
+  };
+  ASSERT_TRUE(wait_until([&] { return runs_seen() >= 1; }, milliseconds(20000))) << node.err();
+  ASSERT_EQ(remount("ro"), 0);
+  const std::string lost = "The result of data provider 'probe' is lost: its output file";
+  ASSERT_TRUE(node.wait_for_err(lost, milliseconds(20000))) << node.err();
+  // Three runs more lost, then the directory takes files again.
+  const int lost_at = runs_seen();
+  ASSERT_TRUE(wait_until([&] { return runs_seen() >= lost_at + 3; }, milliseconds(20000)));
+  ASSERT_EQ(remount("rw"), 0);
+  const std::string again = "Output files are written to '" + out() + "' again; ";
+  ASSERT_TRUE(node.wait_for_err(again, milliseconds(20000))) << node.err();
+  EXPECT_EQ(vorn::test::occurrences(node.err(), lost), 1) << node.err();
+  EXPECT_NE(node.err().find("Read-only file system"), std::string::npos) << node.err();
+  // The record of runs in progress, in the same directory, says so once too.
+  EXPECT_EQ(vorn::test::occurrences(node.err(), "the record of runs"), 1) << node.err();
+  node.send_signal(SIGTERM);
+  EXPECT_EQ(node.wait_exit(), 0) << node.err();
+}
+
 // A backlog written before the node starts, a server that is down at first,
 // then killed mid-stream and restarted: every result lands, the truncated
 // file is set aside.

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -100,39 +101,41 @@ int run_provider(provider& record, const daemon_config& config, provider_result&
 }
 
 int write_output_file(const provider_result& result, const std::string& directory,
-                      std::string* path) {
+                      std::string* path, std::string* error) {
+  auto fail = [error](const std::string& reason) {
+    if (error != nullptr) {
+      *error = reason;
+    } else {
+      VORN_LOG(3) << "Error writing the output file: " << reason;
+    }
+    return 0;
+  };
   char name[4096] = {};
   std::snprintf(name, sizeof name, "%s/%s.XXXXXX", directory.c_str(), result.header.name);
-  if (!vorn::fs::make_path(directory)) {
-    VORN_LOG(3) << "Error creating output file '" << name << "' (directory '" << directory
-                << "' cannot be made)";
-    return 0;
+  // make_path logs each failure; a directory that is there but refuses the
+  // file is left to mkstemp, whose reason the caller reports once.
+  struct stat st;
+  const bool exists = ::stat(directory.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+  if (!exists && !vorn::fs::make_path(directory)) {
+    return fail("its directory '" + directory + "' cannot be made");
   }
   vorn::fs::Fd file(::mkstemp(name));
   const int fd = file.get();
   if (fd < 0) {
-    VORN_LOG(3) << "Error creating output file '" << name << "' " << vorn::log::sys_error(errno);
-    return 0;
+    return fail("cannot create a file in '" + directory + "' " + vorn::log::sys_error(errno));
   }
   bool locked = ::flock(fd, LOCK_EX) == 0;
   if (!locked) {
     VORN_LOG(4) << "Unable to lock file '" << name << "' " << vorn::log::sys_error(errno);
   }
-  struct Part {
-    const char* data;
-    size_t size;
-    const char* error;
-  } parts[] = {
-      {reinterpret_cast<const char*>(&result.header), kResultHeaderSize, "Error writing header "},
-      {result.stdout_data.data(), result.stdout_data.size(), "Error writing stdout "},
-      {result.stderr_data.data(), result.stderr_data.size(), "Error writing stderr "},
-      {result.nodes_csv.data(), result.nodes_csv.size(), "Error writing nodes_csv "},
-  };
-  for (const Part& part : parts) {
-    if (!vorn::fs::write_all(fd, part.data, part.size)) {
-      VORN_LOG(3) << part.error << vorn::log::sys_error(errno);
+  const std::string parts[] = {
+      std::string(reinterpret_cast<const char*>(&result.header), kResultHeaderSize),
+      result.stdout_data, result.stderr_data, result.nodes_csv};
+  for (const std::string& part : parts) {
+    if (!vorn::fs::write_all(fd, part.data(), part.size())) {
+      const int write_error = errno;
       ::unlink(name);
-      return 0;
+      return fail("cannot write into '" + directory + "' " + vorn::log::sys_error(write_error));
     }
   }
   if (locked && ::flock(fd, LOCK_UN) != 0) {

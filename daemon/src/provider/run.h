@@ -33,9 +33,10 @@ int run_provider(provider& record, const daemon_config& config, provider_result&
 
 // Writes the result into a new file "<directory>/<name>.XXXXXX" (made with
 // mode 0600, under an exclusive lock while written), creating the directory
-// when needed. Returns 1 and sets `path` on success, 0 on failure (logged).
+// when needed. Returns 1 and sets `path` on success, 0 on failure: the reason
+// in `error`, or logged when `error` is null.
 int write_output_file(const provider_result& result, const std::string& directory,
-                      std::string* path = nullptr);
+                      std::string* path = nullptr, std::string* error = nullptr);
 
 // Reads an output file back. False, with the reason in `error`, when the file
 // cannot be read or is shorter than its header says.

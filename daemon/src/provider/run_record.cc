@@ -29,6 +29,25 @@ constexpr auto kKillGrace = std::chrono::seconds(2);
 std::mutex record_mutex;
 std::string record_file;                   // empty: not recording
 std::map<pid_t, std::string> in_progress;  // group -> run id
+// The record's trouble (a full or read-only directory) lasts: it is logged
+// when it starts and when it ends, not at every run.
+bool record_failing = false;
+
+void record_trouble(const char* what, int error) {
+  if (!record_failing) {
+    VORN_LOG(3) << "Cannot " << what << " the record of runs '" << record_file << "' "
+                << vorn::log::sys_error(error)
+                << "; runs left by a killed daemon may not be ended at its restart";
+    record_failing = true;
+  }
+}
+
+void record_works() {
+  if (record_failing) {
+    VORN_LOG(4) << "The record of runs '" << record_file << "' is written again";
+    record_failing = false;
+  }
+}
 
 // Replaces the file with the runs in progress, or removes it when there are
 // none. Under record_mutex.
@@ -38,8 +57,9 @@ void write_record() {
   }
   if (in_progress.empty()) {
     if (::unlink(record_file.c_str()) != 0 && errno != ENOENT) {
-      VORN_LOG(3) << "Cannot remove the record of runs '" << record_file << "' "
-                  << vorn::log::sys_error(errno);
+      record_trouble("remove", errno);
+    } else {
+      record_works();
     }
     return;
   }
@@ -52,8 +72,9 @@ void write_record() {
   vorn::fs::Fd fd(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
   if (fd.get() < 0 || !vorn::fs::write_all(fd.get(), text.data(), text.size()) ||
       ::rename(temporary.c_str(), record_file.c_str()) != 0) {
-    VORN_LOG(3) << "Cannot write the record of runs '" << record_file << "' "
-                << vorn::log::sys_error(errno);
+    record_trouble("write", errno);
+  } else {
+    record_works();
   }
 }
 

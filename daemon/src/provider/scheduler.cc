@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <ctime>
 #include <mutex>
+#include <string>
 
 #include "daemon/src/adhoc_cluster/adhoc_cluster.h"
 #include "daemon/src/adhoc_cluster/invitations.h"
@@ -20,6 +21,33 @@
 namespace {
 
 constexpr const char* kLogSource = "daemon/src/provider";
+
+// A run's result that cannot be written is lost (the run is not repeated
+// before its period). Each reason is logged once, as a warning, until a
+// result is written again, so that a full disk says so without filling the
+// log. Touched by the scheduler's thread only.
+struct lost_results {
+  std::string reason;
+  int64_t count = 0;
+};
+lost_results lost;
+
+void note_lost(const provider& record, const std::string& reason) {
+  ++lost.count;
+  if (reason != lost.reason) {
+    VORN_LOG(4) << "The result of data provider '" << record.name << "' is lost: its output file "
+                << reason << ". Results are lost until output files can be written again";
+    lost.reason = reason;
+  }
+}
+
+void note_written(const daemon_config& config) {
+  if (lost.count > 0) {
+    VORN_LOG(4) << "Output files are written to '" << config.provider_output_dir << "' again; "
+                << lost.count << " result(s) were lost meanwhile";
+    lost = {};
+  }
+}
 
 int64_t now_seconds() {
   timeval now{};
@@ -100,10 +128,15 @@ int run_due_provider(provider& record, const daemon_config& config) {
   for (const auto& [set_name, environment] : provider_option_sets(record, config)) {
     provider_result result;
     vorn::str::copy(result.header.option_id, set_name);
-    if (!run_provider(record, config, result, environment) ||
-        !write_output_file(result, config.provider_output_dir)) {
+    if (!run_provider(record, config, result, environment)) {
       return 1;
     }
+    std::string reason;
+    if (!write_output_file(result, config.provider_output_dir, nullptr, &reason)) {
+      note_lost(record, reason);
+      return 1;
+    }
+    note_written(config);
     record.next_run = record.last_run;
     record.next_run.tv_sec += static_cast<uint32_t>(record.period);
   }
