@@ -196,6 +196,20 @@ int occurrences(const std::string& text, const std::string& part) {
   return count;
 }
 
+int tcp_connect(const std::string& host, int port) {
+  int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<uint16_t>(port));
+  if (fd >= 0 &&
+      (inet_pton(AF_INET, host.c_str(), &address.sin_addr) != 1 ||
+       ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)) {
+    ::close(fd);
+    return -1;
+  }
+  return fd;
+}
+
 bool process_alive(pid_t pid) {
   std::string stat = read_file("/proc/" + std::to_string(pid) + "/stat");
   if (stat.empty()) {

@@ -46,6 +46,10 @@ bool wait_until(const std::function<bool()>& condition, milliseconds timeout);
 // A port on 127.0.0.1 that was free a moment ago (the kernel picked it).
 int free_tcp_port();
 
+// A TCP connection to the numeric IPv4 `host`:`port`, for the caller to own
+// and close; -1 when it could not be made.
+int tcp_connect(const std::string& host, int port);
+
 // A value as text (enumerations as their numbers, booleans as words), so that
 // one table can compare fields of any type.
 template <typename T>

@@ -35,19 +35,8 @@ using vorn::test::TempDir;
 const std::string kVorn = VORN_PATH;
 constexpr int kHosts = 3000;
 
-// A TCP connection to 127.0.0.1:port for the caller to own; -1 when it could
-// not be made.
 int connect_to(int port) {
-  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  address.sin_port = htons(static_cast<uint16_t>(port));
-  if (fd >= 0 && ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
-    ::close(fd);
-    return -1;
-  }
-  return fd;
+  return vorn::test::tcp_connect("127.0.0.1", port);
 }
 
 // Sends `request` and reads the answer until the server closes, or until it

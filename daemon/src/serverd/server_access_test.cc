@@ -131,12 +131,7 @@ class raw_sender {
 
 // Whether a TCP connection to host:port is accepted.
 bool tcp_connects(const std::string& host, int port) {
-  vorn::fs::Fd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(static_cast<uint16_t>(port));
-  return fd.get() >= 0 && inet_pton(AF_INET, host.c_str(), &address.sin_addr) == 1 &&
-         ::connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+  return vorn::fs::Fd(vorn::test::tcp_connect(host, port)).get() >= 0;
 }
 
 class ServerAccessTest : public testing::Test {
@@ -364,12 +359,8 @@ long status_kib(pid_t pid, const std::string& field) {
 // mechanism), without waiting for the server's side of the handshake.
 // Returns when the server has read it all or closed the connection.
 void send_plaintext_flood(int port, int frames, size_t frame_size) {
-  vorn::fs::Fd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(static_cast<uint16_t>(port));
-  inet_pton(AF_INET, "127.0.0.1", &address.sin_addr);
-  ASSERT_EQ(::connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  vorn::fs::Fd fd(vorn::test::tcp_connect("127.0.0.1", port));
+  ASSERT_GE(fd.get(), 0);
   std::string wire("\xff\0\0\0\0\0\0\0\x01\x7f\x03\x00NULL", 16);
   wire.resize(64, '\0');
   const std::string ready = std::string("\x05READY\x0bSocket-Type\0\0\0\x03PUB", 25);
