@@ -210,6 +210,12 @@ int tcp_connect(const std::string& host, int port) {
   return fd;
 }
 
+long peak_memory_kib(pid_t pid) {
+  const std::string status = read_file("/proc/" + std::to_string(pid) + "/status");
+  const size_t at = status.find("\nVmHWM:");
+  return at == std::string::npos ? -1 : std::strtol(status.c_str() + at + 7, nullptr, 10);
+}
+
 bool process_alive(pid_t pid) {
   std::string stat = read_file("/proc/" + std::to_string(pid) + "/stat");
   if (stat.empty()) {

@@ -99,6 +99,10 @@ class Process {
   bool reaped_ = false;
 };
 
+// The most memory a process has held (VmHWM of /proc/PID/status), in KiB;
+// -1 when it cannot be read.
+long peak_memory_kib(pid_t pid);
+
 // True while `pid` exists and is not a zombie.
 bool process_alive(pid_t pid);
 

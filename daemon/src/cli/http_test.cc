@@ -55,13 +55,6 @@ std::string exchange(int port, const std::string& request, size_t most) {
   return answer;
 }
 
-// The most memory the process has held, in kB (VmHWM).
-long peak_kb(pid_t pid) {
-  std::string status = vorn::test::read_file("/proc/" + std::to_string(pid) + "/status");
-  std::smatch m;
-  return std::regex_search(status, m, std::regex("VmHWM:\\s*([0-9]+) kB")) ? std::stol(m[1]) : -1;
-}
-
 class HttpTest : public testing::Test {
  protected:
   // A result for each of thousands of hosts (an exposition of 1 MB), and
@@ -122,7 +115,8 @@ TEST_F(HttpTest, SmallRequestsGetNoMoreThanOneAnswer) {
   for (int i = 1; i < 1000; ++i) {
     thousand_ranges += ",0-";
   }
-  long peak_before = peak_kb(server_->pid());
+  long peak_before = vorn::test::peak_memory_kib(server_->pid());
+  EXPECT_GT(peak_before, 0);
   struct Row {
     const char* comment;
     std::string headers;
@@ -148,7 +142,7 @@ TEST_F(HttpTest, SmallRequestsGetNoMoreThanOneAnswer) {
     }
   }
   // The library built every range's copy in memory: 800 MB.
-  long grown = peak_kb(server_->pid()) - peak_before;
+  long grown = vorn::test::peak_memory_kib(server_->pid()) - peak_before;
   EXPECT_LT(grown, 100'000) << "kB more at the peak";
   RecordProperty("peak_grown_kb", static_cast<int>(grown));
   RecordProperty("exposition_bytes", static_cast<int>(whole));

@@ -11,7 +11,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
@@ -343,17 +342,6 @@ TEST_F(ServerAccessTest, KeysComeAndGoWithoutARestart) {
   EXPECT_EQ(rows_of("removed"), 0);
 }
 
-// The sizes of a process's memory from /proc, in KiB: "VmHWM" is the peak.
-long status_kib(pid_t pid, const std::string& field) {
-  std::ifstream in("/proc/" + std::to_string(pid) + "/status");
-  for (std::string line; std::getline(in, line);) {
-    if (line.rfind(field + ":", 0) == 0) {
-      return std::stol(line.substr(field.size() + 1));
-    }
-  }
-  return -1;
-}
-
 // Writes one message of `frames` frames of `frame_size` bytes to the server
 // as a plaintext ZeroMQ publisher would put it on the wire (ZMTP 3.0, NULL
 // mechanism), without waiting for the server's side of the handshake.
@@ -391,9 +379,9 @@ void send_plaintext_flood(int port, int frames, size_t frame_size) {
 // with CURVE a plaintext peer is refused at its greeting and costs nothing.
 TEST_F(ServerAccessTest, APlaintextFloodLeavesACurveServersMemoryAlone) {
   auto server = start(curve_keys());
-  const long before = status_kib(server->pid(), "VmHWM");
+  const long before = vorn::test::peak_memory_kib(server->pid());
   send_plaintext_flood(port_, 400, size_t{1} << 20);
-  const long after = status_kib(server->pid(), "VmHWM");
+  const long after = vorn::test::peak_memory_kib(server->pid());
   EXPECT_GT(before, 0);
   EXPECT_LT(after - before, 8 * 1024) << "peak KiB before " << before << ", after " << after;
   server->send_signal(SIGTERM);
