@@ -8,14 +8,17 @@
 #include <atomic>
 #include <cctype>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <deque>
 #include <exception>
 #include <set>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "daemon/src/adhoc_cluster/beacon.h"
+#include "daemon/src/provider/health.h"
 #include "daemon/src/provider/result.h"
 #include "daemon/src/provider/run.h"
 #include "daemon/src/provider/sender.h"
@@ -28,13 +31,28 @@ namespace {
 
 constexpr const char* kLogSource = "daemon/src/provider";
 
+// A batch: at most this many files, bytes (of messages) or milliseconds of
+// sending, closed by one "PUB_ACK" request.
 constexpr size_t kBatchFiles = 1000;
+constexpr size_t kBatchBytes = size_t{1} << 20;
 constexpr int64_t kBatchMs = 1000;
-constexpr int kRequestIntervalMs = 500;
+// Batches in flight ahead of the server's answers; each adds kBatchBytes to
+// the window's bound in bytes.
+constexpr size_t kWindowBatches = 4;
+// Lets the benchmark compare with lock-step delivery (1); not for users.
+constexpr const char* kWindowVariable = "VORN_BENCH_PUBLISHER_WINDOW";
+constexpr size_t kMaxWindowBatches = 16;
+// An answer is due within kAnswerTimeoutMs of the last progress, plus the
+// time the bytes in flight take at kMinBytesPerSecond (a 256 kbit/s link).
 constexpr int64_t kAnswerTimeoutMs = 10000;
+constexpr int64_t kMinBytesPerSecond = 32 * 1024;
+constexpr int kRequestIntervalMs = 500;
 constexpr int64_t kStopGraceMs = 5000;
 constexpr int kScanIntervalMs = 1000;
-constexpr int kSendHighWaterMark = 1000;
+// The send queue holds a full window and the requests repeated while it
+// drains, so sending never waits for room; should it, this long at most.
+constexpr int kQueuedRequests = 1000;
+constexpr int kSendTimeoutMs = 1000;
 // A refused or broken connection is made anew after this pause.
 constexpr int kRetryAfterCloseMs = 1000;
 // A file shorter than its header may still be in the hands of its writer
@@ -118,8 +136,6 @@ std::string handshake_failure(const link_event& event) {
   }
 }
 
-enum class wait_result { ready, timeout, broken };
-
 // "<name>.XXXXXX", as mkstemp makes output files.
 bool is_output_file_name(const char* name) {
   size_t length = std::strlen(name);
@@ -130,8 +146,16 @@ bool is_output_file_name(const char* name) {
                      [](char c) { return std::isalnum(static_cast<unsigned char>(c)) != 0; });
 }
 
-// The output files of `directory`, oldest first; false when it cannot be read.
-bool scan_output_files(const std::string& directory, std::deque<std::string>& files) {
+// What a listing of the output directory found, skipped files included.
+struct listing {
+  size_t files = 0;
+  time_t oldest = 0;  // modification time of the oldest file; 0 when none
+};
+
+// Appends the output files of `directory` that are not in `skip` to
+// `files`, oldest first; false when the directory cannot be read.
+bool scan_output_files(const std::string& directory, const std::unordered_set<std::string>& skip,
+                       std::deque<std::string>& files, listing& seen) {
   DIR* dir = ::opendir(directory.c_str());
   if (dir == nullptr) {
     return false;
@@ -161,8 +185,12 @@ bool scan_output_files(const std::string& directory, std::deque<std::string>& fi
     }
     return a.path < b.path;
   });
+  seen.files = found.size();
+  seen.oldest = found.empty() ? 0 : found.front().mtime.tv_sec;
   for (entry& e : found) {
-    files.push_back(std::move(e.path));
+    if (skip.count(e.path) == 0) {
+      files.push_back(std::move(e.path));
+    }
   }
   return true;
 }
@@ -187,18 +215,88 @@ int discovery_port(const std::string& payload, const daemon_config& config) {
   return port_number(payload.substr(prefix.size()));
 }
 
+// The number of batches in flight: kWindowBatches, unless the benchmark's
+// variable asks for another.
+size_t window_batches() {
+  const char* text = std::getenv(kWindowVariable);
+  if (text == nullptr) {
+    return kWindowBatches;
+  }
+  char* end = nullptr;
+  long batches = std::strtol(text, &end, 10);
+  if (*text == '\0' || *end != '\0' || batches < 1 ||
+      batches > static_cast<long>(kMaxWindowBatches)) {
+    VORN_LOG(4) << kWindowVariable << " '" << text << "' is not a number of batches from 1 to "
+                << kMaxWindowBatches << "; using " << kWindowBatches;
+    return kWindowBatches;
+  }
+  return static_cast<size_t>(batches);
+}
+
+// The size of a result's message, topic included.
+size_t message_bytes(const provider_result& result, const std::string& topic) {
+  return topic.size() + kResultHeaderSize + result.stdout_data.size() + result.stderr_data.size() +
+         result.nodes_csv.size();
+}
+
+// Output files sent together, confirmed by the answer to one request.
+struct batch {
+  int32_t number = 0;  // of its "PUB_ACK" request
+  std::vector<std::string> files;
+  size_t bytes = 0;
+  int64_t sent_ms = 0;  // when its first file went
+  bool confirmed = false;
+};
+
+// What a connection has in flight: the batches from the oldest unconfirmed
+// on (a newer one may be confirmed first).
+struct window {
+  std::deque<batch> batches;
+  size_t files = 0;  // of the unconfirmed batches
+  size_t bytes = 0;
+  std::unordered_set<std::string> paths;
+  // The last answer that confirmed a batch, or the connection's start.
+  int64_t progress_ms = 0;
+  // When a newer batch was confirmed while the oldest still waits; -1 if not.
+  int64_t overtaken_ms = -1;
+  int64_t request_ms = 0;  // the last request sent, to close a batch or again
+
+  bool unconfirmed() const { return !batches.empty(); }
+
+  // The time by which the next answer is due; only while batches wait.
+  int64_t due_ms() const {
+    int64_t since = std::max(progress_ms, batches.front().sent_ms);
+    int64_t due =
+        since + kAnswerTimeoutMs + static_cast<int64_t>(bytes) * 1000 / kMinBytesPerSecond;
+    // The server answers in the order it commits: an older request still
+    // unanswered long after a newer one was lost on the way, or is refused
+    // (its results may lie in a database file that is gone).
+    if (overtaken_ms >= 0) {
+      due = std::min(due, overtaken_ms + kAnswerTimeoutMs);
+    }
+    return due;
+  }
+};
+
 class publisher_loop {
  public:
   publisher_loop(const daemon_config& config, const vorn::curve::settings& curve)
-      : config_(config), curve_(curve), directory_(config.provider_output_dir) {}
+      : config_(config),
+        curve_(curve),
+        directory_(config.provider_output_dir),
+        topic_(accumulate_topic(config)),
+        window_batches_(window_batches()) {}
 
   void run() {
+    node_health_counters().last_progress_ms = zclock_mono();
     while (!vorn::stop::stop_requested()) {
       connection c;
       if (!connect(c)) {
+        node_health_counters().set_server("");
         continue;
       }
-      if (!checkpoint(c)) {
+      node_health_counters().set_server(c.server);
+      if (!handshake(c)) {
         report_silence(c);
         continue;
       }
@@ -213,48 +311,220 @@ class publisher_loop {
   }
 
  private:
-  // Sends batches until the connection fails or the stop is requested.
+  // Sends batches, up to the window ahead of the server's answers, until the
+  // connection fails or the stop is requested.
   void deliver(connection& c) {
-    while (!vorn::stop::stop_requested()) {
-      if (queue_.empty()) {
-        if (!scan_output_files(directory_, queue_)) {
-          if (directory_problem_.raise("unreadable")) {
-            VORN_LOG(3) << "Cannot read provider output directory '" << directory_ << "' "
-                        << vorn::log::sys_error(errno);
+    window w;
+    w.progress_ms = zclock_mono();
+    zsock_set_sndtimeo(c.publisher.get(), kSendTimeoutMs);
+    int64_t next_scan_ms = 0;
+    for (;;) {
+      if (vorn::stop::stop_requested()) {
+        finish(c, w);
+        return;
+      }
+      take_answers(w);
+      if (connection_lost(c)) {
+        // What was sent on the closed connection may be lost: no answer can
+        // vouch for it.
+        break_off(c, w, "the connection closed");
+        vorn::stop::wait_for_stop(kRetryAfterCloseMs);
+        return;
+      }
+      int64_t now = zclock_mono();
+      if (w.unconfirmed() && now >= w.due_ms()) {
+        break_off(c, w, "no answer for " + std::to_string((now - w.progress_ms) / 1000) + " s");
+        return;
+      }
+      if (has_room(w)) {
+        if (queue_.empty() && now >= next_scan_ms) {
+          list_output_files(w);
+          if (queue_.empty()) {
+            next_scan_ms = now + kScanIntervalMs;
           }
-        } else if (directory_problem_.clear()) {
-          VORN_LOG(5) << "Provider output directory '" << directory_ << "' is readable again";
+        }
+        if (!queue_.empty()) {
+          if (!send_batch(c, w)) {
+            break_off(c, w, "sending failed");
+            return;
+          }
+          continue;
         }
       }
-      if (queue_.empty()) {
-        if (wait_for(c, nullptr, 0, kScanIntervalMs) == wait_result::broken) {
-          return;
-        }
-        continue;
+      int64_t until = repeat_request(c, w, now);
+      if (has_room(w) && queue_.empty()) {
+        until = std::min(until, next_scan_ms);
       }
-      std::vector<std::string> batch;
-      bool sent = send_batch(c, batch);
-      if (batch.empty()) {
-        if (!sent) {
-          return;
-        }
-        continue;
-      }
-      // Even a batch cut short by the stop is confirmed, within the grace.
-      if (!checkpoint(c)) {
-        report_silence(c);
+      wait_for_news(c, until, true);
+    }
+  }
+
+  bool has_room(const window& w) const {
+    return w.batches.size() < window_batches_ && w.bytes < window_batches_ * kBatchBytes;
+  }
+
+  // After the stop: no new batch; the answers to those in flight are
+  // awaited for kStopGraceMs at most.
+  void finish(connection& c, window& w) {
+    const int64_t deadline = zclock_mono() + kStopGraceMs;
+    for (;;) {
+      take_answers(w);
+      int64_t now = zclock_mono();
+      if (!w.unconfirmed() || now >= std::min(deadline, w.due_ms()) || connection_lost(c)) {
         return;
       }
-      for (const std::string& path : batch) {
-        if (::unlink(path.c_str()) != 0 && errno != ENOENT) {
-          VORN_LOG(3) << "Cannot delete delivered output file '" << path << "' "
-                      << vorn::log::sys_error(errno);
-        }
+      int64_t until = std::min({repeat_request(c, w, now), deadline, w.due_ms()});
+      // The stop descriptor stays readable: it would end every wait at once.
+      wait_for_news(c, until, false);
+    }
+  }
+
+  // Waits until `until` (zclock_mono) for an answer, news of the connection
+  // or, with `watch_stop`, the stop request.
+  void wait_for_news(const connection& c, int64_t until, bool watch_stop) {
+    zmq_pollitem_t items[] = {{zsock_resolve(ack_.reply.get()), 0, ZMQ_POLLIN, 0},
+                              {zsock_resolve(c.monitor.get()), 0, ZMQ_POLLIN, 0},
+                              {nullptr, vorn::stop::stop_fd(), ZMQ_POLLIN, 0}};
+    int64_t left = std::max<int64_t>(until - zclock_mono(), 0);
+    zmq_poll(items, watch_stop ? 3 : 2, static_cast<long>(left));
+  }
+
+  // Reads the answers waiting on the reply socket and deletes the files of
+  // each batch they confirm.
+  void take_answers(window& w) {
+    while ((zsock_events(ack_.reply.get()) & ZMQ_POLLIN) != 0) {
+      vorn::czmq::Message answer(zmsg_recv(ack_.reply.get()));
+      if (!answer) {
+        break;
       }
-      if (!sent) {
-        return;
+      for (batch& b : w.batches) {
+        if (!b.confirmed && is_pub_ack_answer(answer.get(), b.number)) {
+          confirm(w, b);
+          break;
+        }
       }
     }
+    bool popped = false;
+    while (!w.batches.empty() && w.batches.front().confirmed) {
+      w.batches.pop_front();
+      popped = true;
+    }
+    bool overtaken =
+        std::any_of(w.batches.begin(), w.batches.end(), [](const batch& b) { return b.confirmed; });
+    if (!overtaken || popped) {
+      w.overtaken_ms = -1;
+    }
+    if (overtaken && w.overtaken_ms < 0) {
+      w.overtaken_ms = zclock_mono();
+    }
+  }
+
+  void confirm(window& w, batch& b) {
+    for (const std::string& path : b.files) {
+      if (::unlink(path.c_str()) != 0 && errno != ENOENT) {
+        VORN_LOG(3) << "Cannot delete delivered output file '" << path << "' "
+                    << vorn::log::sys_error(errno);
+      }
+      w.paths.erase(path);
+    }
+    w.files -= b.files.size();
+    w.bytes -= b.bytes;
+    b.files.clear();
+    b.bytes = 0;
+    b.confirmed = true;
+    w.progress_ms = zclock_mono();
+    node_health_counters().last_progress_ms = w.progress_ms;
+  }
+
+  // Asks again for the oldest batch's answer when nothing has come for a
+  // while (the server may have dropped the request, or given up reaching
+  // this node with the answer). Returns when to ask next.
+  int64_t repeat_request(connection& c, window& w, int64_t now) {
+    if (!w.unconfirmed()) {
+      return now + kScanIntervalMs;
+    }
+    int64_t next = std::max(w.progress_ms, w.request_ms) + kRequestIntervalMs;
+    if (now < next) {
+      return next;
+    }
+    // A full queue just means a later request.
+    zsock_set_sndtimeo(c.publisher.get(), 0);
+    send_pub_ack_request(ack_, c.publisher.get(), config_, w.batches.front().number);
+    zsock_set_sndtimeo(c.publisher.get(), kSendTimeoutMs);
+    w.request_ms = now;
+    return now + kRequestIntervalMs;
+  }
+
+  // Gives the connection up: the next one sends again from the oldest file
+  // still on disk, the unconfirmed ones included.
+  void break_off(const connection& c, const window& w, const std::string& reason) {
+    report_silence(c);
+    if (w.files > 0 && !vorn::stop::stop_requested()) {
+      VORN_LOG(4) << "Delivery to the accumulate server at " << c.server << " broke off (" << reason
+                  << ") with " << w.files
+                  << " output file(s) sent but not confirmed; sending again from the oldest file";
+    }
+  }
+
+  // Lists the output directory into the queue, oldest first, leaving out
+  // the files in flight.
+  void list_output_files(const window& w) {
+    listing seen;
+    if (!scan_output_files(directory_, w.paths, queue_, seen)) {
+      if (directory_problem_.raise("unreadable")) {
+        VORN_LOG(3) << "Cannot read provider output directory '" << directory_ << "' "
+                    << vorn::log::sys_error(errno);
+      }
+      return;
+    }
+    if (directory_problem_.clear()) {
+      VORN_LOG(5) << "Provider output directory '" << directory_ << "' is readable again";
+    }
+    node_health_counters().files_waiting = seen.files;
+    node_health_counters().oldest_waiting_unix = seen.oldest;
+  }
+
+  // Sends one batch from the queue and the request that closes it. False
+  // when the publisher cannot send.
+  bool send_batch(connection& c, window& w) {
+    batch b;
+    b.number = next_pub_ack_number(ack_);
+    b.sent_ms = zclock_mono();
+    while (!queue_.empty() && b.files.size() < kBatchFiles && b.bytes < kBatchBytes &&
+           zclock_mono() - b.sent_ms < kBatchMs && !vorn::stop::stop_requested()) {
+      std::string path = std::move(queue_.front());
+      queue_.pop_front();
+      provider_result result;
+      if (!read_for_sending(path, result)) {
+        continue;
+      }
+      size_t bytes = message_bytes(result, topic_);
+      // A file already sent (counted) stays in flight even if this fails.
+      if (send_result(result, config_, c.publisher.get()) != 1) {
+        add_batch(w, std::move(b));
+        return false;
+      }
+      b.bytes += bytes;
+      w.paths.insert(path);
+      b.files.push_back(std::move(path));
+    }
+    if (b.files.empty()) {
+      return true;
+    }
+    // Should the queue refuse it, the request is repeated later.
+    send_pub_ack_request(ack_, c.publisher.get(), config_, b.number);
+    w.request_ms = zclock_mono();
+    add_batch(w, std::move(b));
+    return true;
+  }
+
+  void add_batch(window& w, batch&& b) {
+    if (b.files.empty()) {
+      return;
+    }
+    w.files += b.files.size();
+    w.bytes += b.bytes;
+    w.batches.push_back(std::move(b));
   }
 
   // Finds the server and makes a publisher and a reply socket for it. False
@@ -291,7 +561,8 @@ class publisher_loop {
     void* pub = zsock_resolve(c.publisher.get());
     int on = 1;
     zmq_setsockopt(pub, ZMQ_XPUB_NODROP, &on, sizeof on);
-    zsock_set_sndhwm(c.publisher.get(), kSendHighWaterMark);
+    zsock_set_sndhwm(c.publisher.get(),
+                     static_cast<int>(window_batches_ * (kBatchFiles + 1)) + kQueuedRequests);
     // A connection that broke loses what was under way; reconnecting behind
     // our back would let a later "PUB_ACK" answer vouch for the lost ones.
     // So a broken connection stays broken, and the missing answer makes a new one.
@@ -316,31 +587,6 @@ class publisher_loop {
       VORN_LOG(5) << "The accumulate server at " << c.server << " is reachable again";
     }
     return true;
-  }
-
-  // Waits up to `ms` for `events` on `socket` (which may be null: just the
-  // time), watching the connection and the stop request.
-  wait_result wait_for(const connection& c, void* socket, short events, int64_t ms) {
-    const int64_t deadline = zclock_mono() + ms;
-    for (;;) {
-      zmq_pollitem_t items[] = {{zsock_resolve(c.monitor.get()), 0, ZMQ_POLLIN, 0},
-                                {nullptr, vorn::stop::stop_fd(), ZMQ_POLLIN, 0},
-                                {socket, 0, events, 0}};
-      int count = socket != nullptr ? 3 : 2;
-      int64_t left = std::max<int64_t>(deadline - zclock_mono(), 0);
-      if (zmq_poll(items, count, static_cast<long>(left)) <= 0) {
-        return wait_result::timeout;
-      }
-      if ((items[0].revents & ZMQ_POLLIN) && connection_lost(c)) {
-        return wait_result::broken;
-      }
-      if (items[1].revents & ZMQ_POLLIN) {
-        return wait_result::broken;
-      }
-      if (count == 3 && (items[2].revents & events)) {
-        return wait_result::ready;
-      }
-    }
   }
 
   // Reads what the monitor reported: true when the connection is gone
@@ -425,37 +671,6 @@ class publisher_loop {
     return false;
   }
 
-  // Reads and sends output files from the queue into `batch`, at most
-  // kBatchFiles or kBatchMs. False when the publisher cannot send (the
-  // connection is broken) or the stop is requested.
-  bool send_batch(connection& c, std::vector<std::string>& batch) {
-    const int64_t start = zclock_mono();
-    while (!queue_.empty() && batch.size() < kBatchFiles && zclock_mono() - start < kBatchMs) {
-      std::string path = queue_.front();
-      provider_result result;
-      if (!read_for_sending(path, result)) {
-        queue_.pop_front();
-        continue;
-      }
-      if (!wait_writable(c)) {
-        return false;
-      }
-      if (send_result(result, config_, c.publisher.get()) != 1) {
-        return false;
-      }
-      queue_.pop_front();
-      batch.push_back(std::move(path));
-    }
-    return true;
-  }
-
-  // True when the send queue has room; false after kAnswerTimeoutMs without
-  // room (a server that no longer reads) or on the stop.
-  bool wait_writable(connection& c) {
-    return wait_for(c, zsock_resolve(c.publisher.get()), ZMQ_POLLOUT, kAnswerTimeoutMs) ==
-           wait_result::ready;
-  }
-
   // Reads one output file; false when it is not to be sent now (gone, still
   // being written, or rejected).
   bool read_for_sending(const std::string& path, provider_result& result) {
@@ -490,12 +705,14 @@ class publisher_loop {
       }
       return;
     }
+    ++node_health_counters().rejected;
     VORN_LOG(4) << "Rejected output file " << reason << "; moved to '" << target << "'";
   }
 
-  // Asks "PUB_ACK" every 500 ms until the server answers; false after 10 s
-  // without an answer, or when the stop leaves no more time.
-  bool checkpoint(connection& c) {
+  // Asks "PUB_ACK" every 500 ms until the server answers, before anything
+  // is sent on a new connection; false after 10 s without an answer, or
+  // when the stop leaves no more time.
+  bool handshake(connection& c) {
     const int32_t number = next_pub_ack_number(ack_);
     int64_t deadline = zclock_mono() + kAnswerTimeoutMs;
     int64_t next_request = 0;
@@ -510,7 +727,7 @@ class publisher_loop {
         return false;
       }
       if (now >= next_request) {
-        // Queued behind the batch; a full queue just means a later request.
+        // A full queue just means a later request.
         zsock_set_sndtimeo(c.publisher.get(), 0);
         send_pub_ack_request(ack_, c.publisher.get(), config_, number);
         next_request = now + kRequestIntervalMs;
@@ -551,6 +768,8 @@ class publisher_loop {
   const daemon_config& config_;
   const vorn::curve::settings& curve_;
   const std::string directory_;
+  const std::string topic_;
+  const size_t window_batches_;
   // Its reply socket is made anew with each connection; its numbers go on.
   pub_ack_client ack_;
   std::deque<std::string> queue_;

@@ -14,22 +14,46 @@
 // beacon names this node's partition. Before the first result goes out the
 // publisher asks "PUB_ACK" every 500 ms until the server answers (a new
 // connection loses messages until the server's subscription has reached
-// it). Results then go in batches (at most 1000 files or 1 s of sending),
-// each closed by a "PUB_ACK" whose answer means the server has committed the
-// batch: only then are its files deleted. No answer within 10 s: the files
-// stay, the connection is made anew (and the server discovered again), and
-// sending starts again from the oldest file. A result may so be stored twice
-// after a server crash, never lost. A failed security handshake (the server
-// has another key, or refuses this node's) is logged once until a handshake
-// succeeds; nothing is sent meanwhile.
+// it). A failed security handshake (the server has another key, or refuses
+// this node's) is logged once until a handshake succeeds; nothing is sent
+// meanwhile.
 //
-// The send queue is bounded and never drops: a slow server makes the
-// publisher wait, and a long backlog is not loaded into memory at once.
+// Results then go in batches of at most 1,000 files, 1 MiB of messages or
+// 1 s of sending, each closed by a "PUB_ACK" request. The answer to a
+// request means the server has committed everything sent before it; a
+// batch's files are deleted when the answer to its own request arrives
+// (the server leaves a request unanswered when what came before it may be
+// lost, such as rows in a database file removed under it, even if it
+// answers a later one). Up to 4 batches and 4 MiB are in flight: the next
+// batch goes out while the server commits the previous ones, and memory is
+// bounded by the window, never by the backlog (the directory's names are
+// listed, the files read one at a time).
+//
+// Progress is an answer that confirms a batch. With batches in flight, the
+// next one is due within 10 s of the last progress (or of the oldest
+// batch's sending, if later) plus 1 s for every 32 KiB in flight, the time
+// those bytes take on a 256 kbit/s link: at most 138 s with a full window.
+// Since only the oldest batch has to cross before its answer, a link
+// drains a backlog at its own speed down to about 8 KiB/s (1 MiB in 138 s). An older batch
+// still unanswered 10 s after a newer one was confirmed is not waited for
+// longer. The oldest batch's request is repeated every 500 ms while no
+// answer comes (the server may have dropped it, or failed to reach this
+// node). No answer by the time it is due, or a closed connection: the
+// connection is made anew (the server discovered again) and sending starts
+// again from the oldest file still on disk, which is logged with the count
+// of files sent but not confirmed. A result may so be stored twice after a
+// server crash, never lost.
+//
+// The send queue holds a full window and never drops: a slow server makes
+// the publisher wait for answers, not for room.
+//
+// VORN_BENCH_PUBLISHER_WINDOW (1 to 16 batches) changes the window for the
+// benchmark's comparison with lock-step delivery (1); it is not a setting.
 //
 // Thread safety: the publisher runs on a thread of its own, started by the
-// constructor. After the stop is requested (stop.h) it finishes the
-// checkpoint under way for at most 5 s and ends; the destructor requests the
-// stop (should nobody have) and waits for it.
+// constructor. After the stop is requested (stop.h) it sends no new batch,
+// waits for the answers to those in flight for at most 5 s, and ends; the
+// destructor requests the stop (should nobody have) and waits for it.
 
 #include <atomic>
 #include <thread>
