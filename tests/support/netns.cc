@@ -104,6 +104,18 @@ std::vector<std::string> TestNetwork::on_host(int host,
   return out;
 }
 
+bool TestNetwork::run_command(int host, const std::string& command) const {
+  return run("ip netns exec " + namespace_name(host) + " sh -c '" + command + "'");
+}
+
+std::vector<std::string> TestNetwork::namespaces() const {
+  std::vector<std::string> names;
+  for (int i = -1; i < hosts_; ++i) {
+    names.push_back(namespace_name(i));
+  }
+  return names;
+}
+
 bool TestNetwork::run_on_host(int host, const std::function<void()>& work, std::string* why) const {
   // ip netns keeps a namespace alive as a file of this name.
   const std::string path = "/run/netns/" + namespace_name(host);

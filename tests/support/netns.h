@@ -32,6 +32,14 @@ class TestNetwork {
   // The command line that runs `argv` on host `host`, under its host name.
   std::vector<std::string> on_host(int host, const std::vector<std::string>& argv) const;
 
+  // Runs the shell command `command` in host `host`'s network namespace
+  // (e.g. a tc qdisc on its interface); true when it exits with status 0.
+  bool run_command(int host, const std::string& command) const;
+
+  // The namespaces this network made, the switch's included: each is gone
+  // (no /run/netns/<name>) once the object is.
+  std::vector<std::string> namespaces() const;
+
   // Runs `work` on a thread of its own that joined host `host`'s network
   // namespace, so that it reaches what listens on that host's 127.0.0.1
   // (the rest of the process stays where it is). False, with `why`, when

@@ -186,6 +186,43 @@ TEST_F(NodeTest, BacklogSurvivesServerDownKilledAndRestarted) {
   EXPECT_EQ(node->wait_exit(), 0);
 }
 
+// The line the node logs when it gives a connection up with files in flight.
+const std::string kStartsAgain = "sending again from the oldest file";
+
+// A backlog in flight, several batches ahead of the server's answers, when
+// the server is killed: the node sends again what was not confirmed, and
+// nothing is lost. Nothing is stored twice either, as the server stores a
+// repeated message once.
+TEST_F(NodeTest, ServerKilledMidWindowLosesNothing) {
+  std::string cfg = config();
+  ::mkdir(out().c_str(), 0755);
+  const int kFiles = 20000;
+  for (int i = 0; i < kFiles; ++i) {
+    ASSERT_EQ(
+        write_output_file(
+            vorn::test::sample_result("window", std::to_string(i) + std::string(1000, 'w')), out()),
+        1);
+  }
+  auto server = start(kServerd, cfg);
+  ASSERT_TRUE(server->wait_for_err("Accumulate server started")) << server->err();
+  auto node = start(kNoded, cfg);
+  ASSERT_TRUE(wait_until([&] { return rows() > 0; }, milliseconds(30000))) << node->err();
+  server->send_signal(SIGKILL);
+  server->wait_exit();
+  const int stored_before_kill = rows();
+  ASSERT_LT(stored_before_kill, kFiles) << "the backlog was delivered before the kill";
+  ASSERT_TRUE(node->wait_for_err(kStartsAgain)) << node->err();
+  server = start(kServerd, cfg);
+  EXPECT_TRUE(wait_until([&] { return output_files(out()) == 0; }, milliseconds(60000)))
+      << node->err();
+  auto distinct = query(db(), "SELECT count(DISTINCT CAST(STDOUT AS TEXT)) FROM vorn_1");
+  ASSERT_FALSE(distinct.empty());
+  EXPECT_EQ(std::stoi(distinct[0][0]), kFiles) << "results lost";
+  EXPECT_EQ(rows(), kFiles) << "results stored twice";
+  node->send_signal(SIGTERM);
+  EXPECT_EQ(node->wait_exit(), 0) << node->err();
+}
+
 // A server that is not there is logged once however often the node tries,
 // and its coming back once.
 TEST_F(NodeTest, SilentServerIsLoggedOnceAndItsReturnOnce) {
@@ -400,6 +437,77 @@ TEST(NodeNetworkTest, NodesFindTheServerAndFormClusters) {
   }
   server.send_signal(SIGTERM);
   EXPECT_EQ(server.wait_exit(), 0);
+}
+
+// A node behind a 2 Mbit/s link with a backlog that takes the link about 50 s:
+// answers come late, as the bytes ahead of each request take their time,
+// but they come. The backlog drains at the link's speed without the node
+// ever giving up and starting again, so nothing is stored twice.
+TEST(NodeNetworkTest, SlowLinkDrainsBacklogWithoutStartingAgain) {
+  std::string why;
+  if (!vorn::test::TestNetwork::available(&why)) {
+    GTEST_SKIP() << why;
+  }
+  if (std::system("tc -V >/dev/null 2>&1") != 0) {
+    GTEST_SKIP() << "the slow link needs tc (iproute2)";
+  }
+  TempDir dir;
+  std::vector<std::string> namespaces;
+  {
+    vorn::test::TestNetwork net(2);
+    ASSERT_TRUE(net.ok());
+    namespaces = net.namespaces();
+    const int kServer = 0;
+    const int kNode = 1;
+    ASSERT_TRUE(net.run_command(kNode, "tc qdisc add dev " + net.interface_name(kNode) +
+                                           " root tbf rate 2mbit burst 32kbit latency 400ms"));
+    const std::string db = dir / "vorn.db";
+    const std::string out = dir / "out";
+    const std::string port = std::to_string(vorn::test::free_tcp_port());
+    ::mkdir(out.c_str(), 0755);
+    ::mkdir((dir / "providers").c_str(), 0755);
+    const int kFiles = 3000;
+    for (int i = 0; i < kFiles; ++i) {
+      // 4 KiB with the header.
+      std::string output = std::to_string(i);
+      output.resize(4096 - kResultHeaderSize, 's');
+      ASSERT_EQ(write_output_file(vorn::test::sample_result("slow", output), out), 1);
+    }
+    const std::string cfg = dir / "vornd.xml";
+    vorn::test::write_file(
+        cfg,
+        vorn::test::config_xml(
+            "<accumulate_host>" + net.address(kServer) + "</accumulate_host><accumulate_port>" +
+            port + "</accumulate_port><enable_adhoc_clusters>false</enable_adhoc_clusters>" +
+            "<provider_config_dir>" + (dir / "providers") +
+            "</provider_config_dir><provider_output_dir>" + out +
+            "</provider_output_dir><provider_period>3600</provider_period><database_file>" + db +
+            "</database_file><accumulate_output_dir>" + (dir / "acc") +
+            "</accumulate_output_dir>"));
+    Process server(net.on_host(kServer, {kServerd, "-d", "-c", cfg}), dir.path());
+    ASSERT_TRUE(server.wait_for_err("Accumulate server started")) << server.err();
+    Process node(net.on_host(kNode, {kNoded, "-d", "-c", cfg}), dir.path());
+    auto stored = [&] {
+      auto r = query(db, "SELECT count(*) FROM vorn_1");
+      return r.empty() ? 0 : std::stoi(r[0][0]);
+    };
+    // At 2 Mbit/s the 12 MB take about 50 s; a node that starts again
+    // never gets there in this time.
+    EXPECT_TRUE(wait_until([&] { return output_files(out) == 0 && stored() >= kFiles; },
+                           milliseconds(120000)))
+        << stored() << " rows, " << output_files(out) << " files left\n"
+        << node.err();
+    EXPECT_EQ(stored(), kFiles);
+    EXPECT_EQ(vorn::test::occurrences(node.err(), kStartsAgain), 0) << node.err();
+    EXPECT_EQ(vorn::test::occurrences(node.err(), "does not answer"), 0) << node.err();
+    node.send_signal(SIGTERM);
+    EXPECT_EQ(node.wait_exit(), 0) << node.err();
+    server.send_signal(SIGTERM);
+    EXPECT_EQ(server.wait_exit(), 0) << server.err();
+  }
+  for (const std::string& name : namespaces) {
+    EXPECT_NE(::access(("/run/netns/" + name).c_str(), F_OK), 0) << name << " left behind";
+  }
 }
 
 }  // namespace

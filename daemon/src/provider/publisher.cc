@@ -1,6 +1,7 @@
 #include "daemon/src/provider/publisher.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -8,12 +9,16 @@
 #include <atomic>
 #include <cctype>
 #include <cerrno>
+#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
 #include <deque>
 #include <exception>
+#include <iterator>
+#include <mutex>
 #include <set>
 #include <string>
+#include <thread>
 #include <unordered_set>
 #include <vector>
 
@@ -169,10 +174,10 @@ bool scan_output_files(const std::string& directory, const std::unordered_set<st
     if (!is_output_file_name(d->d_name)) {
       continue;
     }
-    std::string path = directory + "/" + d->d_name;
+    // Relative to the directory: no walk of the whole path for each file.
     struct stat st;
-    if (::lstat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode)) {
-      found.push_back({st.st_mtim, std::move(path)});
+    if (::fstatat(::dirfd(dir), d->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(st.st_mode)) {
+      found.push_back({st.st_mtim, directory + "/" + d->d_name});
     }
   }
   ::closedir(dir);
@@ -214,6 +219,85 @@ int discovery_port(const std::string& payload, const daemon_config& config) {
   }
   return port_number(payload.substr(prefix.size()));
 }
+
+// Deletes confirmed output files on threads of their own. Deleting a file
+// costs about as much as reading and sending it, and on a file system
+// mounted with "discard" each deletion of a file whose blocks reached the
+// disk waits for the device: several at once overlap those waits.
+class file_deleter {
+ public:
+  static constexpr size_t kThreads = 4;
+  static constexpr size_t kChunk = 64;
+
+  explicit file_deleter(size_t max_pending) : max_pending_(max_pending) {
+    for (size_t i = 0; i < kThreads; ++i) {
+      threads_.emplace_back([this] { run(); });
+    }
+  }
+  file_deleter(const file_deleter&) = delete;
+  file_deleter& operator=(const file_deleter&) = delete;
+  // Deletes what it still holds first: those files are confirmed.
+  ~file_deleter() {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      stopping_ = true;
+    }
+    changed_.notify_all();
+    for (std::thread& thread : threads_) {
+      thread.join();
+    }
+  }
+
+  // Hands `paths` over; waits while more than max_pending wait already.
+  void remove(std::vector<std::string>&& paths) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    changed_.wait(lock, [this] { return pending_.size() < max_pending_; });
+    pending_.insert(pending_.end(), std::make_move_iterator(paths.begin()),
+                    std::make_move_iterator(paths.end()));
+    changed_.notify_all();
+  }
+
+  // Returns once every file handed over is deleted.
+  void flush() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    changed_.wait(lock, [this] { return pending_.empty() && busy_ == 0; });
+  }
+
+ private:
+  void run() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    for (;;) {
+      changed_.wait(lock, [this] { return stopping_ || !pending_.empty(); });
+      if (pending_.empty()) {
+        return;
+      }
+      size_t take = std::min(kChunk, pending_.size());
+      std::vector<std::string> paths(std::make_move_iterator(pending_.end() - take),
+                                     std::make_move_iterator(pending_.end()));
+      pending_.resize(pending_.size() - take);
+      ++busy_;
+      changed_.notify_all();
+      lock.unlock();
+      for (const std::string& path : paths) {
+        if (::unlink(path.c_str()) != 0 && errno != ENOENT) {
+          VORN_LOG(3) << "Cannot delete delivered output file '" << path << "' "
+                      << vorn::log::sys_error(errno);
+        }
+      }
+      lock.lock();
+      --busy_;
+      changed_.notify_all();
+    }
+  }
+
+  const size_t max_pending_;
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::vector<std::string> pending_;
+  size_t busy_ = 0;  // threads deleting a chunk
+  bool stopping_ = false;
+  std::vector<std::thread> threads_;
+};
 
 // The number of batches in flight: kWindowBatches, unless the benchmark's
 // variable asks for another.
@@ -285,7 +369,8 @@ class publisher_loop {
         curve_(curve),
         directory_(config.provider_output_dir),
         topic_(accumulate_topic(config)),
-        window_batches_(window_batches()) {}
+        window_batches_(window_batches()),
+        deleter_(window_batches_ * kBatchFiles) {}
 
   void run() {
     node_health_counters().last_progress_ms = zclock_mono();
@@ -421,14 +506,16 @@ class publisher_loop {
 
   void confirm(window& w, batch& b) {
     for (const std::string& path : b.files) {
-      if (::unlink(path.c_str()) != 0 && errno != ENOENT) {
-        VORN_LOG(3) << "Cannot delete delivered output file '" << path << "' "
-                    << vorn::log::sys_error(errno);
-      }
       w.paths.erase(path);
     }
     w.files -= b.files.size();
     w.bytes -= b.bytes;
+    deleter_.remove(std::move(b.files));
+    if (window_batches_ == 1) {
+      // Lock-step, as delivery was before the window: reading, the server's
+      // storing and deleting one after the other (for the benchmark).
+      deleter_.flush();
+    }
     b.files.clear();
     b.bytes = 0;
     b.confirmed = true;
@@ -469,6 +556,8 @@ class publisher_loop {
   // Lists the output directory into the queue, oldest first, leaving out
   // the files in flight.
   void list_output_files(const window& w) {
+    // Confirmed files still on disk would be sent again.
+    deleter_.flush();
     listing seen;
     if (!scan_output_files(directory_, w.paths, queue_, seen)) {
       if (directory_problem_.raise("unreadable")) {
@@ -772,6 +861,7 @@ class publisher_loop {
   const size_t window_batches_;
   // Its reply socket is made anew with each connection; its numbers go on.
   pub_ack_client ack_;
+  file_deleter deleter_;
   std::deque<std::string> queue_;
   std::set<std::string> unmovable_;
   std::string announced_;  // the server that answered last
