@@ -347,11 +347,13 @@ struct window {
 
   bool unconfirmed() const { return !batches.empty(); }
 
+  // Since when the next answer is awaited; only while batches wait.
+  int64_t waiting_since() const { return std::max(progress_ms, batches.front().sent_ms); }
+
   // The time by which the next answer is due; only while batches wait.
   int64_t due_ms() const {
-    int64_t since = std::max(progress_ms, batches.front().sent_ms);
-    int64_t due =
-        since + kAnswerTimeoutMs + static_cast<int64_t>(bytes) * 1000 / kMinBytesPerSecond;
+    int64_t due = waiting_since() + kAnswerTimeoutMs +
+                  static_cast<int64_t>(bytes) * 1000 / kMinBytesPerSecond;
     // The server answers in the order it commits: an older request still
     // unanswered long after a newer one was lost on the way, or is refused
     // (its results may lie in a database file that is gone).
@@ -418,7 +420,7 @@ class publisher_loop {
       }
       int64_t now = zclock_mono();
       if (w.unconfirmed() && now >= w.due_ms()) {
-        break_off(c, w, "no answer for " + std::to_string((now - w.progress_ms) / 1000) + " s");
+        break_off(c, w, "no answer for " + std::to_string((now - w.waiting_since()) / 1000) + " s");
         return;
       }
       if (has_room(w)) {
