@@ -136,10 +136,11 @@ void scheduler_overhead() {
       scheduler_rate, loop_rate, scheduler_rate / loop_rate);
 }
 
-// CPU time of vorn-noded with nothing due, its publisher connected.
+// CPU time of vorn-noded with nothing due, its publisher connected, and a
+// health row every second (the strictest period).
 void idle_cpu() {
   const int seconds = env_int("VORN_BENCH_IDLE_SECONDS", 60);
-  Setup s("idle", "<provider_period>3600</provider_period>");
+  Setup s("idle", "<provider_period>3600</provider_period><heartbeat_period>1</heartbeat_period>");
   s.provider("rare", "<command>true</command><period>3600</period>");
   pid_t server = spawn({kServerd, "-c", s.config}, s.dir + "/serverd.log");
   pid_t node = spawn({kNoded, "-c", s.config}, s.dir + "/noded.log");

@@ -1,5 +1,6 @@
 #include "daemon/src/provider/health_row.h"
 
+#include <pthread.h>
 #include <sys/time.h>
 
 #include <czmq.h>
@@ -82,6 +83,7 @@ void report_node_health(const daemon_config& config) {
   if (config.heartbeat_period <= 0) {
     return;
   }
+  pthread_setname_np(pthread_self(), "vorn-health");
   const int period_ms = vorn::czmq::timeout_ms(config.heartbeat_period);
   do {
     store_result(node_health_row(node_health_counters(), health_clock_now()), config);
