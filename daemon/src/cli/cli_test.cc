@@ -13,6 +13,7 @@
 #include <map>
 #include <memory>
 #include <regex>
+#include <sstream>
 #include <thread>
 
 #include <nlohmann/json.hpp>
@@ -77,6 +78,29 @@ std::vector<std::string> first_lines(const std::vector<json>& objects, bool sort
   return lines;
 }
 
+// The standard output of a daemon's health row (README, "Health rows"): its
+// keys in their order, each value distinct so that a series read back names
+// its key; `values` replaces some.
+std::string health_output(const std::string& provider,
+                          const std::map<std::string, std::string>& values = {}) {
+  const std::string node =
+      "version=3.1.2\nuptime_s=1001\nfiles_waiting=5\noldest_waiting_s=120\nruns=10\n"
+      "failures=2\ntimeouts=1\nlost=3\nrejected=4\nserver=tcp://127.0.0.1:1974\n"
+      "sleep_mode=1\nlast_progress_s=7\n";
+  const std::string server =
+      "version=3.1.2\nuptime_s=2002\nresults_stored=1000\nduplicates_dropped=11\n"
+      "pub_ack_answered=12\npub_ack_dropped=13\npub_ack_refused=14\ndatabase_retries=15\n"
+      "database_unavailable_s=16\nwriter_queue=17\npeers=18\n";
+  std::string out;
+  std::istringstream lines(provider == "vorn-noded" ? node : server);
+  for (std::string line; std::getline(lines, line);) {
+    std::string key = line.substr(0, line.find('='));
+    auto replaced = values.find(key);
+    out += replaced != values.end() ? key + "=" + replaced->second + "\n" : line + "\n";
+  }
+  return out;
+}
+
 class CliTest : public testing::Test {
  protected:
   void SetUp() override {
@@ -85,7 +109,10 @@ class CliTest : public testing::Test {
         config_, vorn::test::config_xml("<accumulate_port>" + std::to_string(port_) +
                                         "</accumulate_port>\n<accumulate_output_dir>" +
                                         (dir_ / "acc") + "</accumulate_output_dir>\n" +
-                                        "<database_file>" + db_path() + "</database_file>\n"));
+                                        "<database_file>" + db_path() + "</database_file>\n" +
+                                        // The tests count the rows they send; the server's
+                                        // own would be in the way.
+                                        "<heartbeat_period>0</heartbeat_period>\n"));
   }
 
   std::string db_path() const { return dir_ / "db/vorn.db"; }
@@ -270,6 +297,82 @@ TEST_F(CliTest, LatestFailingAndStaleSetsOfAHandMadeHistory) {
                                                    "7\tload\tnode1\tbig\t2\t1h\t2\\.50s\t"
                                                    "load big fails\n")))
       << tsv.out;
+}
+
+// The daemons' health rows have no period in the database: each host's rows
+// show theirs, and its newest is stale after three of its intervals.
+TEST_F(CliTest, HealthRowsAreStaleByTheirOwnInterval) {
+  start_server();
+  const std::string node = health_output("vorn-noded");
+  const std::string trouble = "files waiting for 900 s without the server confirming any\n";
+  struct Host {
+    const char* comment;
+    std::string provider;
+    std::string host;
+    std::vector<int> ages;  // of its rows, oldest first
+    int exit_status = 0;
+  } hosts[] = {
+      {"a row a minute, the newest half a minute old", "vorn-noded", "alive", {150, 90, 30}},
+      {"a row a minute, silent for almost seven", "vorn-noded", "silent", {520, 460, 400}},
+      {"a row an hour, the newest half an hour old", "vorn-noded", "hourly", {9000, 5400, 1800}},
+      {"restarted 5 s after a row: the period is the longer interval",
+       "vorn-noded",
+       "restarted",
+       {170, 110, 105}},
+      {"one row, five minutes old: judged by the others' minute", "vorn-noded", "new", {300}},
+      {"in trouble", "vorn-noded", "troubled", {100, 40}, 1},
+      {"the server's rows, a minute apart", "vorn-serverd", "collector", {130, 70, 10}},
+  };
+  std::vector<Sent> sent = {{"load", "alive", "None", 0, 7200, "load silent\n"}};
+  for (const Host& h : hosts) {
+    for (int age : h.ages) {
+      sent.push_back({h.provider, h.host, "", h.exit_status, age, health_output(h.provider),
+                      h.exit_status != 0 ? trouble : ""});
+    }
+  }
+  send(sent);
+
+  auto listed = [](const std::vector<json>& objects) {
+    std::vector<std::string> names;
+    for (const json& o : objects) {
+      names.push_back(o.at("provider").get<std::string>() + " " + o.at("host").get<std::string>());
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+  };
+  struct Row {
+    const char* comment;
+    std::vector<std::string> args;
+    std::vector<std::string> want;
+  } rows[] = {
+      {"silent nodes, each by its own interval",
+       {"stale", "-p", "vorn-noded"},
+       {"vorn-noded new", "vorn-noded silent"}},
+      {"and by a limit given for all",
+       {"stale", "-p", "vorn-noded", "--older-than", "10m"},
+       {"vorn-noded hourly"}},
+      {"every provider: the others by the default 10m",
+       {"stale"},
+       {"load alive", "vorn-noded new", "vorn-noded silent"}},
+      {"one host: still judged by the others' interval",
+       {"stale", "-H", "new"},
+       {"vorn-noded new"}},
+      {"a health row with exit status 1 is failing", {"failing"}, {"vorn-noded troubled"}},
+      {"one latest row per daemon", {"latest", "-p", "vorn-serverd"}, {"vorn-serverd collector"}},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.comment);
+    EXPECT_EQ(listed(vorn_json(row.args)), row.want);
+  }
+
+  // Its keys in full, and why it is in trouble.
+  std::vector<json> troubled = vorn_json({"failing"});
+  ASSERT_EQ(troubled.size(), 1u);
+  const std::string rowid = std::to_string(troubled[0].at("rowid").get<int>());
+  EXPECT_EQ(vorn({"show", rowid, "--db", db_path()}).out, node);
+  EXPECT_EQ(vorn({"show", rowid, "--stderr", "--db", db_path()}).out, trouble);
+  Outcome help = vorn({"stale", "--help"});
+  EXPECT_NE(help.out.find("three times its interval"), std::string::npos) << help.out;
 }
 
 // A run killed at its time-out exits with 0; the last line of its standard

@@ -2,9 +2,13 @@
 
 #include <charconv>
 #include <cmath>
+#include <map>
+#include <optional>
+#include <string_view>
 #include <system_error>
 
 #include "daemon/src/cli/format.h"
+#include "daemon/src/cli/health.h"
 
 namespace vorn::cli {
 
@@ -22,6 +26,99 @@ std::string number(double value) {
   char text[32];
   auto [end, error] = std::to_chars(text, text + sizeof text, value);
   return error == std::errc() ? std::string(text, end) : "NaN";
+}
+
+// A number of the health rows and the series it makes.
+struct HealthSeries {
+  const char* provider;
+  const char* key;
+  const char* name;
+  const char* type;
+  const char* help;
+};
+
+constexpr HealthSeries kHealthSeries[] = {
+    {kNodeHealthProvider, "uptime_s", "vorn_node_uptime_seconds", "gauge",
+     "Seconds since vorn-noded started, from its newest health row."},
+    {kNodeHealthProvider, "files_waiting", "vorn_node_queue_files", "gauge",
+     "Result files waiting in the node's output directory for the server to confirm them."},
+    {kNodeHealthProvider, "oldest_waiting_s", "vorn_node_oldest_file_age_seconds", "gauge",
+     "Age of the oldest waiting result file, 0 when none waits."},
+    {kNodeHealthProvider, "runs", "vorn_node_runs_total", "counter",
+     "Provider runs finished since vorn-noded started."},
+    {kNodeHealthProvider, "failures", "vorn_node_failures_total", "counter",
+     "Provider runs that failed (non-zero exit status or killed) since vorn-noded started."},
+    {kNodeHealthProvider, "timeouts", "vorn_node_timeouts_total", "counter",
+     "Provider runs killed at their time-out since vorn-noded started."},
+    {kNodeHealthProvider, "lost", "vorn_node_lost_results_total", "counter",
+     "Results that could not be written since vorn-noded started."},
+    {kNodeHealthProvider, "rejected", "vorn_node_rejected_files_total", "counter",
+     "Result files moved to rejected/ since vorn-noded started."},
+    {kNodeHealthProvider, "sleep_mode", "vorn_node_sleep_mode", "gauge",
+     "1 while the node is in sleep mode, else 0."},
+    {kNodeHealthProvider, "last_progress_s", "vorn_node_last_progress_age_seconds", "gauge",
+     "Seconds since the server last confirmed files of the node (or since it started)."},
+    {kServerHealthProvider, "uptime_s", "vorn_server_uptime_seconds", "gauge",
+     "Seconds since vorn-serverd started, from its newest health row."},
+    {kServerHealthProvider, "results_stored", "vorn_server_results_stored_total", "counter",
+     "Results committed since vorn-serverd started."},
+    {kServerHealthProvider, "duplicates_dropped", "vorn_server_duplicates_dropped_total", "counter",
+     "Results already stored and not stored again, since vorn-serverd started."},
+    {kServerHealthProvider, "pub_ack_answered", "vorn_server_pub_ack_answered_total", "counter",
+     "PUB_ACK requests answered since vorn-serverd started."},
+    {kServerHealthProvider, "pub_ack_dropped", "vorn_server_pub_ack_dropped_total", "counter",
+     "PUB_ACK requests never answered (too many waiting, or the file lost) since vorn-serverd "
+     "started."},
+    {kServerHealthProvider, "pub_ack_refused", "vorn_server_pub_ack_refused_total", "counter",
+     "PUB_ACK requests from senders that may not store results, since vorn-serverd started."},
+    {kServerHealthProvider, "database_retries", "vorn_server_database_retries_total", "counter",
+     "Writes or commits tried again since vorn-serverd started."},
+    {kServerHealthProvider, "database_unavailable_s",
+     "vorn_server_database_unavailable_seconds_total", "counter",
+     "Seconds the database was unavailable since vorn-serverd started, a spell still going on "
+     "included."},
+    {kServerHealthProvider, "writer_queue", "vorn_server_writer_queue", "gauge",
+     "Results received and not yet committed."},
+    {kServerHealthProvider, "peers", "vorn_server_peers", "gauge",
+     "Senders connected to the server."},
+};
+
+// The series of the health rows, family by family.
+void health_families(const std::vector<Health>& health, std::string* out) {
+  // Each row's numbers are read once; a key the table does not name is never
+  // looked at.
+  std::vector<std::map<std::string, double>> numbers(health.size());
+  std::vector<std::string> labels(health.size());
+  for (size_t i = 0; i < health.size(); ++i) {
+    labels[i] = "{host=\"" + escape_label_value(health[i].row.host) + "\"} ";
+    for (const auto& [key, value] : health_fields(health[i].output)) {
+      if (std::optional<double> n = health_number(value)) {
+        numbers[i][key] = *n;
+      }
+    }
+  }
+  for (const HealthSeries& series : kHealthSeries) {
+    std::string samples;
+    for (size_t i = 0; i < health.size(); ++i) {
+      if (health[i].row.provider != series.provider) {
+        continue;
+      }
+      auto found = numbers[i].find(series.key);
+      // A server that does not know its peers says -1.
+      if (found == numbers[i].end() ||
+          (std::string_view(series.key) == "peers" && found->second < 0)) {
+        continue;
+      }
+      samples += series.name;
+      samples += labels[i];
+      samples += number(found->second);
+      samples += '\n';
+    }
+    if (!samples.empty()) {
+      *out += std::string("# HELP ") + series.name + " " + series.help + "\n# TYPE " + series.name +
+              " " + series.type + "\n" + samples;
+    }
+  }
 }
 
 }  // namespace
@@ -48,7 +145,8 @@ std::string escape_label_value(const std::string& value) {
   return out;
 }
 
-std::string exposition(const std::vector<Summary>& latest, int64_t results_total) {
+std::string exposition(const std::vector<Summary>& latest, int64_t results_total,
+                       const std::vector<Health>& health) {
   // The labels of each key are escaped once and shared by its four series.
   std::vector<std::string> labels;
   labels.reserve(latest.size());
@@ -84,6 +182,7 @@ std::string exposition(const std::vector<Summary>& latest, int64_t results_total
       "# TYPE vorn_results_total counter\n"
       "vorn_results_total " +
       std::to_string(results_total) + "\n";
+  health_families(health, &out);
   return out;
 }
 
