@@ -576,6 +576,19 @@ TEST_F(CliTest, MetricsReadBackByThePrometheusParser) {
       {"hung", "node2", "None", 0, 50, "e\n", time_out_line(60)},
   };
   send(sent);
+  // The daemons' health rows, one of them garbled; a node's newest over two
+  // option sets.
+  const std::vector<Sent> health = {
+      {"vorn-noded", "node\"1\"", "", 0, 60, health_output("vorn-noded")},
+      {"vorn-serverd", "collector", "", 0, 60, health_output("vorn-serverd")},
+      {"vorn-serverd", "collector2", "", 1, 60, health_output("vorn-serverd", {{"peers", "-1"}})},
+      {"vorn-noded", "garbled", "", 0, 60,
+       "files_waiting=lots\nruns=\n=5\nuptime_s=12abc\nsleep_mode=0\r\nbogus_key=9\n\xff\x01"
+       "binary\nlost=nan\noldest_waiting_s=1e2\nrejected=0x10\ntimeouts= 3\nfailures"},
+      {"vorn-noded", "node2", "", 0, 120, health_output("vorn-noded", {{"files_waiting", "1"}})},
+      {"vorn-noded", "node2", "x", 0, 60, health_output("vorn-noded", {{"files_waiting", "9"}})},
+  };
+  send(health);
   auto server = serve();
   auto metrics = get("/metrics");
   ASSERT_TRUE(metrics);
@@ -604,8 +617,10 @@ TEST_F(CliTest, MetricsReadBackByThePrometheusParser) {
   EXPECT_EQ(types["vorn_result_exit_status"], "gauge");
   EXPECT_EQ(types["vorn_results_total"], "counter");
   EXPECT_EQ(types["vorn_result_timed_out"], "gauge");
-  EXPECT_EQ((values[{"vorn_results_total", "", "", ""}]), 5);
-  EXPECT_EQ(values.size(), 4 * sent.size() + 1) << parser.out();
+  EXPECT_EQ((values[{"vorn_results_total", "", "", ""}]), 11);
+  // Four series of each result, the count, and the health rows' series.
+  EXPECT_EQ(values.size(), 4 * (sent.size() + health.size()) + 1 + 10 + 10 + 9 + 2 + 10)
+      << parser.out();
   for (const Sent& r : sent) {
     std::string provider = r.provider == "bad\xff utf-8" ? "bad\xEF\xBF\xBD utf-8" : r.provider;
     SCOPED_TRACE(provider);
@@ -616,6 +631,63 @@ TEST_F(CliTest, MetricsReadBackByThePrometheusParser) {
     EXPECT_EQ((values[{"vorn_result_timed_out", provider, r.host, r.option_set}]),
               r.provider == "hung" ? 1 : 0);
   }
+  struct Series {
+    const char* name;
+    const char* type;
+    std::string host;
+    double value;
+  } series[] = {
+      {"vorn_node_uptime_seconds", "gauge", "node\"1\"", 1001},
+      {"vorn_node_queue_files", "gauge", "node\"1\"", 5},
+      {"vorn_node_oldest_file_age_seconds", "gauge", "node\"1\"", 120},
+      {"vorn_node_runs_total", "counter", "node\"1\"", 10},
+      {"vorn_node_failures_total", "counter", "node\"1\"", 2},
+      {"vorn_node_timeouts_total", "counter", "node\"1\"", 1},
+      {"vorn_node_lost_results_total", "counter", "node\"1\"", 3},
+      {"vorn_node_rejected_files_total", "counter", "node\"1\"", 4},
+      {"vorn_node_sleep_mode", "gauge", "node\"1\"", 1},
+      {"vorn_node_last_progress_age_seconds", "gauge", "node\"1\"", 7},
+      {"vorn_server_uptime_seconds", "gauge", "collector", 2002},
+      {"vorn_server_results_stored_total", "counter", "collector", 1000},
+      {"vorn_server_duplicates_dropped_total", "counter", "collector", 11},
+      {"vorn_server_pub_ack_answered_total", "counter", "collector", 12},
+      {"vorn_server_pub_ack_dropped_total", "counter", "collector", 13},
+      {"vorn_server_pub_ack_refused_total", "counter", "collector", 14},
+      {"vorn_server_database_retries_total", "counter", "collector", 15},
+      {"vorn_server_database_unavailable_seconds_total", "counter", "collector", 16},
+      {"vorn_server_writer_queue", "gauge", "collector", 17},
+      {"vorn_server_peers", "gauge", "collector", 18},
+      // The newest row of the host, whatever its option set.
+      {"vorn_node_queue_files", "gauge", "node2", 9},
+      // Of a garbled row, what is a number.
+      {"vorn_node_sleep_mode", "gauge", "garbled", 0},
+      {"vorn_node_oldest_file_age_seconds", "gauge", "garbled", 100},
+  };
+  for (const Series& x : series) {
+    SCOPED_TRACE(std::string(x.name) + " of " + x.host);
+    EXPECT_EQ(types[x.name], x.type);
+    EXPECT_EQ((values[{x.name, "", x.host, ""}]), x.value);
+  }
+  EXPECT_EQ((values.count({"vorn_server_peers", "", "collector2", ""})), 0u) << "-1: unknown";
+  // The parser keeps the last of two samples of a series; Prometheus refuses the scrape.
+  EXPECT_EQ(vorn::test::occurrences(metrics->body, "\nvorn_node_queue_files{host=\"node2\"} "), 1);
+  if (std::system("command -v promtool >/dev/null 2>&1") == 0) {
+    Process lint({"/bin/sh", "-c", "exec promtool check metrics < '" + metrics_file + "'"},
+                 dir_.path());
+    EXPECT_EQ(lint.wait_exit(), 0) << lint.out() << lint.err();
+    EXPECT_EQ(lint.out() + lint.err(), "");
+  }
+  // The page's view of the same rows.
+  auto health_lines = get("/api/health");
+  ASSERT_TRUE(health_lines);
+  std::vector<json> objects = json_lines(health_lines->body);
+  ASSERT_EQ(objects.size(), 5u) << health_lines->body;
+  const json& node2 = objects[2];
+  EXPECT_EQ(node2.at("host"), "node2");
+  EXPECT_EQ(node2.at("interval_seconds"), 60);
+  EXPECT_EQ(node2.at("stale_after_seconds"), 180);
+  EXPECT_EQ(node2.at("fields").at("files_waiting"), "9");
+  EXPECT_EQ(node2.at("fields").at("server"), "tcp://127.0.0.1:1974");
 
   // The JSON of the API is the command line's; ages may have moved on.
   auto without_age = [](std::vector<json> objects) {
