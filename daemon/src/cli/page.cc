@@ -93,8 +93,8 @@ constexpr const char* kPage = R"html(<!DOCTYPE html>
   <span id="shown"></span>
   <span class="legend"><span class="r ok">0</span> exit 0 <span class="r fail">1</span> failing
     <span class="r fail timed-out">0 T</span> timed out <span class="r ok stale">0</span> <span class="r fail stale">1</span> older than
-    <span id="stale-after"></span> (a daemon's health row: three of its intervals);
-    <span class="health">5 queued, oldest 2m</span> a node's health,
+    <span id="stale-after"></span> (health rows: three of their intervals);
+    health by the host's name: <span class="health">5 queued, oldest 2m</span>
     <span class="health trouble">in trouble</span> <span class="health stale">silent</span></span>
   <span id="updated"></span>
   <span id="timing"></span>
@@ -130,6 +130,7 @@ const view = {rowid: null, show: "", order: ""};
 let latest = null;        // the last answer of api/latest, redrawn when the view changes
 let health = [];          // and of api/health
 let healthByKey = new Map();  // provider + "\n" + host -> its newest health row
+let drawnHealth = [];     // the health rows drawn, which badges name by index
 let byRowid = new Map();  // rowid -> result, for the tiles' titles
 let scrollPending = false;
 
@@ -244,7 +245,9 @@ function draw(results, healthRows) {
   let failing = 0, stale = 0, stored = 0;
   byRowid = new Map();
   healthByKey = new Map();
-  for (const h of healthRows) {
+  drawnHealth = healthRows;
+  for (const [i, h] of healthRows.entries()) {
+    h.index = i;
     h.stale = h.age_seconds > h.stale_after_seconds;
     h.failing = h.exit_status !== 0 || h.timed_out === true;
     h.text = healthText(h);
@@ -318,7 +321,7 @@ function draw(results, healthRows) {
     for (const x of h.health) {
       const badge = element("span", {className: "health" + (x.failing ? " trouble" : "") +
                                                 (x.stale ? " stale" : "")}, x.text);
-      badge.dataset.health = x.provider + "\n" + x.host;
+      badge.dataset.health = x.index;
       header.appendChild(badge);
     }
     row.appendChild(header);
@@ -454,7 +457,7 @@ function onHashChange() {
 function describeTile(event) {
   const badge = event.target.closest && event.target.closest("#grid .health");
   if (badge && !badge.title) {
-    const h = healthByKey.get(badge.dataset.health);
+    const h = drawnHealth[badge.dataset.health];
     if (h) badge.title = healthTitle(h);
     return;
   }
