@@ -254,19 +254,21 @@ std::vector<Health> Store::health(bool judge_staleness) {
   }
 
   // The health rows' timestamps, newest stored first, until every host has
-  // shown two intervals or the bound is reached.
+  // shown two intervals or the bound is reached. A host whose newest row lies
+  // beyond the bound has none to show, and is not waited for.
+  const int64_t bound = results_total() - kHealthScanRows;
   std::map<std::pair<std::string, std::string>, size_t> index;
+  size_t settled = 0;
   for (size_t i = 0; i < rows.size(); ++i) {
     index[{rows[i].row.provider, rows[i].row.host}] = i;
+    settled += rows[i].row.rowid <= bound ? 1 : 0;
   }
   std::vector<std::vector<int64_t>> times(rows.size());
-  size_t settled = 0;
   Statement scan(db_.get(),
                  "SELECT rowid, Provider, coalesce(Hostname, ''), coalesce(Timestamp, 0) "
-                 "FROM vorn_1 WHERE rowid > (SELECT coalesce(max(rowid), 0) FROM vorn_1) - ?1 "
-                 "AND Provider IN (?2, ?3) ORDER BY rowid DESC",
+                 "FROM vorn_1 WHERE rowid > ?1 AND Provider IN (?2, ?3) ORDER BY rowid DESC",
                  path_);
-  scan.bind(1, std::optional<int64_t>(kHealthScanRows));
+  scan.bind(1, std::optional<int64_t>(bound));
   scan.bind(2, std::optional<std::string>(kNodeHealthProvider));
   scan.bind(3, std::optional<std::string>(kServerHealthProvider));
   while (settled < rows.size() && scan.step()) {
@@ -287,9 +289,12 @@ std::vector<Health> Store::health(bool judge_staleness) {
       by_provider[rows[i].row.provider].push_back(*rows[i].interval);
     }
   }
+  std::map<std::string, std::optional<int64_t>> typical;
+  for (const auto& [provider, intervals] : by_provider) {
+    typical[provider] = median(intervals);
+  }
   for (Health& health : rows) {
-    std::optional<int64_t> typical = median(by_provider[health.row.provider]);
-    health.stale_after = health_stale_after(health.interval, typical);
+    health.stale_after = health_stale_after(health.interval, typical[health.row.provider]);
   }
   return rows;
 }
