@@ -584,7 +584,8 @@ TEST_F(CliTest, MetricsReadBackByThePrometheusParser) {
       {"vorn-serverd", "collector2", "", 1, 60, health_output("vorn-serverd", {{"peers", "-1"}})},
       {"vorn-noded", "garbled", "", 0, 60,
        "files_waiting=lots\nruns=\n=5\nuptime_s=12abc\nsleep_mode=0\r\nbogus_key=9\n\xff\x01"
-       "binary\nlost=nan\noldest_waiting_s=1e2\nrejected=0x10\ntimeouts= 3\nfailures"},
+       "binary\nlost=nan\noldest_waiting_s=1e2\nrejected=0x10\ntimeouts= "
+       "3\nsleep_mode=1\nfailures"},
       {"vorn-noded", "node2", "", 0, 120, health_output("vorn-noded", {{"files_waiting", "1"}})},
       {"vorn-noded", "node2", "x", 0, 60, health_output("vorn-noded", {{"files_waiting", "9"}})},
   };

@@ -234,9 +234,12 @@ nlohmann::json result_json(const Result& row) {
 nlohmann::json health_json(const Health& health, int64_t now) {
   const Summary& row = health.row;
   nlohmann::json fields = nlohmann::json::object();
-  for (const auto& [key, value] : health_fields(health.output)) {
-    fields[key] = value;
-  }
+  for_each_health_field(health.output, [&fields](std::string_view key, std::string_view value) {
+    std::string name(key);
+    if (!fields.contains(name)) {
+      fields[name] = std::string(value);
+    }
+  });
   return {
       {"rowid", row.rowid},
       {"provider", row.provider},

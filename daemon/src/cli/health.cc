@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
-#include <set>
 #include <system_error>
 
 namespace vorn::cli {
@@ -12,33 +11,7 @@ bool is_health_provider(const std::string& provider) {
   return provider == kNodeHealthProvider || provider == kServerHealthProvider;
 }
 
-std::vector<std::pair<std::string, std::string>> health_fields(const std::string& output) {
-  std::vector<std::pair<std::string, std::string>> fields;
-  std::set<std::string> seen;
-  size_t start = 0;
-  while (start < output.size()) {
-    size_t end = output.find('\n', start);
-    if (end == std::string::npos) {
-      end = output.size();
-    }
-    std::string line = output.substr(start, end - start);
-    start = end + 1;
-    if (!line.empty() && line.back() == '\r') {
-      line.pop_back();
-    }
-    size_t equals = line.find('=');
-    if (equals == std::string::npos || equals == 0) {
-      continue;
-    }
-    std::string key = line.substr(0, equals);
-    if (seen.insert(key).second) {
-      fields.emplace_back(std::move(key), line.substr(equals + 1));
-    }
-  }
-  return fields;
-}
-
-std::optional<double> health_number(const std::string& value) {
+std::optional<double> health_number(std::string_view value) {
   double number = 0;
   const char* end = value.data() + value.size();
   auto [stop, error] = std::from_chars(value.data(), end, number, std::chars_format::general);

@@ -19,7 +19,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
-#include <utility>
+#include <string_view>
 #include <vector>
 
 namespace vorn::cli {
@@ -38,14 +38,30 @@ inline constexpr int64_t kHealthScanRows = 1000000;
 
 bool is_health_provider(const std::string& provider);
 
-// The "key=value" lines of a health row's output, in order, the first of a
-// key only; a line without "=" or with an empty key is left out, and a CR
-// before the line break dropped.
-std::vector<std::pair<std::string, std::string>> health_fields(const std::string& output);
+// Calls field(key, value) for each "key=value" line of a health row's
+// output, in order, with views into it; a line without "=" or with an empty
+// key is left out, and a CR before the line break dropped. A key may come
+// more than once: its first line is the one that counts. Nothing is
+// allocated, so that thousands of rows cost little.
+template <typename Field>
+void for_each_health_field(std::string_view output, Field field) {
+  while (!output.empty()) {
+    size_t end = output.find('\n');
+    std::string_view line = output.substr(0, end);
+    output.remove_prefix(end == std::string_view::npos ? output.size() : end + 1);
+    if (!line.empty() && line.back() == '\r') {
+      line.remove_suffix(1);
+    }
+    size_t equals = line.find('=');
+    if (equals != std::string_view::npos && equals > 0) {
+      field(line.substr(0, equals), line.substr(equals + 1));
+    }
+  }
+}
 
 // A value as a finite number ("5", "0.25", "-1", "1e3"); nothing for any
 // other text ("3.1.2", "tcp://...", "", "nan", " 5").
-std::optional<double> health_number(const std::string& value);
+std::optional<double> health_number(std::string_view value);
 
 // The longer of the positive intervals between the three newest timestamps
 // of a host's health rows (`newest_first`, at most the first three read);

@@ -2,7 +2,9 @@
 
 #include <charconv>
 #include <cmath>
-#include <map>
+#include <cstring>
+#include <iterator>
+#include <limits>
 #include <optional>
 #include <string_view>
 #include <system_error>
@@ -83,40 +85,57 @@ constexpr HealthSeries kHealthSeries[] = {
      "Senders connected to the server."},
 };
 
-// The series of the health rows, family by family.
+constexpr size_t kHealthSeriesCount = std::size(kHealthSeries);
+static_assert(kHealthSeriesCount <= 32, "a row's keys seen fit in a mask");
+
+// The series of the health rows, family by family. Each row's output is read
+// once, into a slot per series (NaN: no sample).
 void health_families(const std::vector<Health>& health, std::string* out) {
-  // Each row's numbers are read once; a key the table does not name is never
-  // looked at.
-  std::vector<std::map<std::string, double>> numbers(health.size());
+  const double none = std::numeric_limits<double>::quiet_NaN();
+  std::vector<double> values(health.size() * kHealthSeriesCount, none);
   std::vector<std::string> labels(health.size());
+  size_t bytes = 0;
   for (size_t i = 0; i < health.size(); ++i) {
     labels[i] = "{host=\"" + escape_label_value(health[i].row.host) + "\"} ";
-    for (const auto& [key, value] : health_fields(health[i].output)) {
-      if (std::optional<double> n = health_number(value)) {
-        numbers[i][key] = *n;
+    double* slots = &values[i * kHealthSeriesCount];
+    uint32_t seen = 0;
+    for_each_health_field(health[i].output, [&](std::string_view key, std::string_view value) {
+      for (size_t s = 0; s < kHealthSeriesCount; ++s) {
+        const HealthSeries& series = kHealthSeries[s];
+        if ((seen & (1u << s)) == 0 && key == series.key &&
+            health[i].row.provider == series.provider) {
+          seen |= 1u << s;
+          slots[s] = health_number(value).value_or(none);
+        }
       }
+    });
+    for (size_t s = 0; s < kHealthSeriesCount; ++s) {
+      // A server that does not know its peers says -1.
+      if (std::string_view(kHealthSeries[s].key) == "peers" && slots[s] < 0) {
+        slots[s] = none;
+      }
+      bytes +=
+          std::isnan(slots[s]) ? 0 : std::strlen(kHealthSeries[s].name) + labels[i].size() + 24;
     }
   }
-  for (const HealthSeries& series : kHealthSeries) {
-    std::string samples;
+  out->reserve(out->size() + bytes + kHealthSeriesCount * 256);
+  for (size_t s = 0; s < kHealthSeriesCount; ++s) {
+    const HealthSeries& series = kHealthSeries[s];
+    bool started = false;
     for (size_t i = 0; i < health.size(); ++i) {
-      if (health[i].row.provider != series.provider) {
+      double value = values[i * kHealthSeriesCount + s];
+      if (std::isnan(value)) {
         continue;
       }
-      auto found = numbers[i].find(series.key);
-      // A server that does not know its peers says -1.
-      if (found == numbers[i].end() ||
-          (std::string_view(series.key) == "peers" && found->second < 0)) {
-        continue;
+      if (!started) {
+        *out += std::string("# HELP ") + series.name + " " + series.help + "\n# TYPE " +
+                series.name + " " + series.type + "\n";
+        started = true;
       }
-      samples += series.name;
-      samples += labels[i];
-      samples += number(found->second);
-      samples += '\n';
-    }
-    if (!samples.empty()) {
-      *out += std::string("# HELP ") + series.name + " " + series.help + "\n# TYPE " + series.name +
-              " " + series.type + "\n" + samples;
+      *out += series.name;
+      *out += labels[i];
+      *out += number(value);
+      *out += '\n';
     }
   }
 }
