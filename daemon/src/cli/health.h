@@ -9,10 +9,11 @@
 // host's rows show theirs. A row is stale when it is older than three times
 // the host's interval: the longer of the two intervals between its three
 // newest health rows (the longer, so that a restart between two rows does not
-// pass for a short period). A host whose rows are not found among the last
-// kHealthScanRows results stored (a new one, one silent for long, one whose
-// rows are hours apart in a large cluster) takes the median interval of the
-// other hosts of its provider, or, without any, the default heartbeat period.
+// pass for a short period; the one, of only two). A host with fewer than two
+// health rows among the last kHealthScanRows results stored (a new one, one
+// silent for long, one whose rows are hours apart in a large cluster) takes
+// the median interval of the other hosts of its provider, or, without any,
+// the default heartbeat period.
 //
 // Thread safety: functions of their arguments only.
 

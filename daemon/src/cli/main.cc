@@ -270,8 +270,9 @@ int main(int argc, char** argv) {
       "Health rows (providers vorn-noded and vorn-serverd, one per heartbeat_period) have no\n"
       "period in the database: unless --older-than is given, a host's health row is stale when\n"
       "it is older than three times its interval, the longer of the two between its three\n"
-      "newest health rows. A host whose rows are not among the last 1,000,000 results takes\n"
-      "the median interval of the other hosts, and without any, 1h (the default period).\n\n"
+      "newest health rows (the one, of two). A host with fewer than two health rows among the\n"
+      "last 1,000,000 results takes the median interval of the other hosts of its provider,\n"
+      "and without any the default period, 1h: stale after 3h.\n\n"
       "Every command also takes -c FILE (the daemon configuration) or --db FILE.");
 
   try {
