@@ -14,6 +14,7 @@
 #include <cstring>
 #include <ctime>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -39,6 +40,35 @@ constexpr const char* kInsert =
     "INSERT INTO vorn_1 (Provider, Hostname, num_nodes, node_names, Exit_status, Timestamp, "
     "Duration, Encoding, Stdout_size, STDOUT, Stderr_size,STDERR, OptionID, version) values "
     "($0, $1, $2, $3, $4, $5, $6, $7, $8, $9, $10, $11, $12, $13)";
+
+// The identities of stored results, in the order of their runs' end times:
+// results arrive near the present, so new keys land in the last few pages
+// instead of all over the table (keyed by the hash alone, ingest fell to a
+// seventh with five million identities kept).
+constexpr const char* kCreateIdentities =
+    "CREATE TABLE IF NOT EXISTS vorn_result_ids (end_seconds INTEGER NOT NULL, hash BLOB NOT "
+    "NULL, PRIMARY KEY (end_seconds, hash)) WITHOUT ROWID";
+// For each hour of end time, when a result of it was last stored: an hour
+// nothing was stored into for kRememberSeconds is forgotten whole.
+constexpr const char* kCreateHours =
+    "CREATE TABLE IF NOT EXISTS vorn_result_id_hours (hour INTEGER PRIMARY KEY, last_stored "
+    "INTEGER NOT NULL)";
+constexpr const char* kReadHours = "SELECT hour, last_stored FROM vorn_result_id_hours";
+constexpr const char* kRemember =
+    "INSERT INTO vorn_result_ids (end_seconds, hash) VALUES ($0, $1) ON CONFLICT DO NOTHING";
+constexpr const char* kForget = "DELETE FROM vorn_result_ids WHERE end_seconds = $0 AND hash = $1";
+constexpr const char* kHourStored =
+    "INSERT INTO vorn_result_id_hours (hour, last_stored) VALUES ($0, $1) ON CONFLICT (hour) DO "
+    "UPDATE SET last_stored = max(last_stored, excluded.last_stored)";
+// The first $2 identities of the end times [$0, $1), or all when fewer: up
+// to the ($2+1)-th key, or to ($1, x'') past every key of the range.
+constexpr const char* kForgetSliceOfHour =
+    "DELETE FROM vorn_result_ids WHERE end_seconds >= $0 AND (end_seconds, hash) < (SELECT "
+    "end_seconds, hash FROM (SELECT end_seconds, hash FROM vorn_result_ids WHERE end_seconds >= "
+    "$0 AND end_seconds < $1 ORDER BY end_seconds, hash LIMIT 1 OFFSET $2) UNION ALL SELECT $1, "
+    "x'' LIMIT 1)";
+constexpr const char* kForgetHour = "DELETE FROM vorn_result_id_hours WHERE hour = $0";
+constexpr int64_t kSecondsPerHour = 3600;
 
 // Base64 as providers print it, without its line breaks and blanks; false
 // when a character is neither base64 nor white space.
@@ -221,7 +251,8 @@ std::string bad_file_name(const std::string& path) {
 
 }  // namespace
 
-sqlite::sqlite(const daemon_config& config) : config_(config) {
+sqlite::sqlite(const daemon_config& config, bool exactly_once)
+    : config_(config), exactly_once_(exactly_once) {
   open();
 }
 
@@ -243,6 +274,16 @@ void sqlite::open() {
     VORN_LOG(3) << "Could not create table in the database: " << connection_->getLastErrorInfo();
     connection_.reset();
     return;
+  }
+  if (exactly_once_) {
+    hours_.clear();
+    if (connection_->issueCommand(kCreateIdentities) != 0 ||
+        connection_->issueCommand(kCreateHours) != 0 ||
+        connection_->readIntegers(kReadHours, 2,
+                                  [this](const int64_t* row) { hours_[row[0]] = row[1]; }) != 0) {
+      VORN_LOG(4) << "Cannot keep the identities of stored results: "
+                  << connection_->getLastErrorInfo() << ". Results sent again may be stored twice";
+    }
   }
   // Rows that reached the file without this server (an older one, a hand-made
   // insert) are summarised once here.
@@ -326,6 +367,9 @@ void sqlite::abandon_file() {
   // is made from its own rows.
   latest_.clear();
   summary_pending_.clear();
+  hours_.clear();
+  hours_written_.clear();
+  hours_emptied_.clear();
 }
 
 bool sqlite::reopen() {
@@ -359,6 +403,152 @@ void sqlite::roll_back(std::string error) {
   uncommitted_ = 0;
   // The rows are written again; what earlier commits left to summarise stays.
   latest_.clear();
+  hours_written_.clear();
+  hours_emptied_.clear();
+}
+
+bool sqlite::begin() {
+  int rc = connection_->issueCommand("BEGIN");
+  if (rc != 0 && may_pass(rc)) {
+    roll_back(std::string("begin: ") + connection_->getLastErrorInfo());
+    return false;
+  }
+  in_transaction_ = connection_->inTransaction();
+  transaction_time_ = std::time(nullptr);
+  if (!exactly_once_) {
+    // Without a transaction each row commits on its own: slower, not wrong.
+    return true;
+  }
+  if (!in_transaction_) {
+    // A row and its identity must commit together, or a result whose
+    // identity alone was committed would be dropped when sent again.
+    last_error_ = std::string("begin: ") + connection_->getLastErrorInfo();
+    return false;
+  }
+  return forget_expired();
+}
+
+write_status sqlite::remember(const result_identity& identity) {
+  storix1::DataWriter* raw = nullptr;
+  int rc = connection_->getDataWriter(kRemember, &raw);
+  storix1::Owned<storix1::DataWriter> insert(raw);
+  int64_t end_seconds = identity.end_seconds;
+  if (rc == 0) {
+    insert->bindParam(0, storix1::kInt64, 8, &end_seconds);
+    insert->bindParam(1, storix1::kBlob, identity.hash.size(), identity.hash.data());
+    rc = insert->writeData();
+  }
+  if (rc == 0 && connection_->changes() == 0) {
+    return write_status::duplicate;
+  }
+  int64_t hour = end_seconds / kSecondsPerHour;
+  if (rc == 0 &&
+      std::find(hours_written_.begin(), hours_written_.end(), hour) == hours_written_.end()) {
+    insert.reset();
+    if ((rc = connection_->getDataWriter(kHourStored, &raw)) == 0) {
+      insert.reset(raw);
+      insert->bindParam(0, storix1::kInt64, 8, &hour);
+      insert->bindParam(1, storix1::kInt64, 8, &transaction_time_);
+      rc = insert->writeData();
+    }
+    if (rc == 0) {
+      hours_written_.push_back(hour);
+    }
+  }
+  if (rc == 0) {
+    return write_status::written;
+  }
+  std::string error = insert ? insert->getLastErrorInfo() : connection_->getLastErrorInfo();
+  insert.reset();
+  if (may_pass(rc)) {
+    roll_back("insert: " + error);
+    return write_status::retry;
+  }
+  // Stored at least once is better than not stored.
+  static vorn::log::RateLimit warnings(600000);
+  uint64_t suppressed = 0;
+  if (warnings.allow(zclock_mono(), &suppressed)) {
+    VORN_LOG(4) << "Cannot remember a stored result: " << error
+                << ". Results sent again may be stored twice";
+  }
+  return write_status::written;
+}
+
+void sqlite::forget(const result_identity& identity) {
+  storix1::DataWriter* raw = nullptr;
+  if (connection_->getDataWriter(kForget, &raw) != 0) {
+    return;
+  }
+  storix1::Owned<storix1::DataWriter> erase(raw);
+  int64_t end_seconds = identity.end_seconds;
+  erase->bindParam(0, storix1::kInt64, 8, &end_seconds);
+  erase->bindParam(1, storix1::kBlob, identity.hash.size(), identity.hash.data());
+  erase->writeData();
+}
+
+bool sqlite::forget_expired() {
+  auto oldest = hours_.end();
+  for (auto it = hours_.begin(); it != hours_.end(); ++it) {
+    if (oldest == hours_.end() || it->second < oldest->second) {
+      oldest = it;
+    }
+  }
+  if (oldest == hours_.end() || transaction_time_ - oldest->second <= kRememberSeconds) {
+    return true;
+  }
+  int64_t hour = oldest->first;
+  int64_t from = hour * kSecondsPerHour;
+  int64_t to = from + kSecondsPerHour;
+  int64_t limit = kForgetSlice;
+  storix1::DataWriter* raw = nullptr;
+  int rc = connection_->getDataWriter(kForgetSliceOfHour, &raw);
+  storix1::Owned<storix1::DataWriter> erase(raw);
+  if (rc == 0) {
+    erase->bindParam(0, storix1::kInt64, 8, &from);
+    erase->bindParam(1, storix1::kInt64, 8, &to);
+    erase->bindParam(2, storix1::kInt64, 8, &limit);
+    rc = erase->writeData();
+  }
+  if (rc == 0 && connection_->changes() < limit) {
+    // The hour's last identities: the hour goes too.
+    erase.reset();
+    if ((rc = connection_->getDataWriter(kForgetHour, &raw)) == 0) {
+      erase.reset(raw);
+      erase->bindParam(0, storix1::kInt64, 8, &hour);
+      rc = erase->writeData();
+    }
+    if (rc == 0) {
+      hours_emptied_.push_back(hour);
+    }
+  }
+  if (rc == 0) {
+    return true;
+  }
+  std::string error = erase ? erase->getLastErrorInfo() : connection_->getLastErrorInfo();
+  erase.reset();
+  if (may_pass(rc)) {
+    roll_back("forgetting old results: " + error);
+    return false;
+  }
+  // Kept longer is not wrong: tried again with the next transaction.
+  static vorn::log::RateLimit warnings(600000);
+  uint64_t suppressed = 0;
+  if (warnings.allow(zclock_mono(), &suppressed)) {
+    VORN_LOG(4) << "Cannot forget the identities of old results: " << error;
+  }
+  return true;
+}
+
+void sqlite::hours_committed() {
+  for (int64_t hour : hours_emptied_) {
+    hours_.erase(hour);
+  }
+  for (int64_t hour : hours_written_) {
+    int64_t& last_stored = hours_[hour];
+    last_stored = std::max(last_stored, transaction_time_);
+  }
+  hours_emptied_.clear();
+  hours_written_.clear();
 }
 
 bool sqlite::write_summary() {
@@ -430,6 +620,7 @@ commit_result sqlite::flush() {
   if (rc == 0) {
     in_transaction_ = false;
     uncommitted_ = 0;
+    hours_committed();
     if (summarise) {
       summary_pending_.clear();
       last_summary_ms_ = now;
@@ -462,14 +653,15 @@ write_status sqlite::write(const result_view& record) {
     last_error_ = "the transaction was rolled back by a refused row";
     return write_status::retry;
   }
-  if (!in_transaction_) {
-    int rc = connection_->issueCommand("BEGIN");
-    if (rc != 0 && may_pass(rc)) {
-      roll_back(std::string("begin: ") + connection_->getLastErrorInfo());
-      return write_status::retry;
+  if (!in_transaction_ && !begin()) {
+    return write_status::retry;
+  }
+  std::optional<result_identity> identity;
+  if (exactly_once_) {
+    identity = identify(record);
+    if (write_status known = remember(*identity); known != write_status::written) {
+      return known;
     }
-    // Without a transaction each row commits on its own: slower, not wrong.
-    in_transaction_ = rc == 0;
   }
   storix1::DataWriter* raw = nullptr;
   if (int rc = connection_->getDataWriter(kInsert, &raw); rc != 0) {
@@ -479,6 +671,9 @@ write_status sqlite::write(const result_view& record) {
     }
     last_error_ = connection_->getLastErrorInfo();
     VORN_LOG(3) << "Database writer creation error: " << last_error_;
+    if (identity) {
+      forget(*identity);
+    }
     return write_status::refused;
   }
   storix1::Owned<storix1::DataWriter> writer(raw);
@@ -555,7 +750,13 @@ write_status sqlite::write(const result_view& record) {
       in_transaction_ = false;
       uncommitted_ = 0;
       latest_.clear();
+      hours_written_.clear();
+      hours_emptied_.clear();
       transaction_lost_ = true;
+    } else if (identity) {
+      // Sent again, it is refused again rather than taken for stored.
+      writer.reset();
+      forget(*identity);
     }
     return write_status::refused;
   }

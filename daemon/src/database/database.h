@@ -8,6 +8,21 @@
 // when that exists) and a fresh one is started in its place. Any other
 // failure leaves the file alone and yields no store.
 //
+// Exactly once: a store keeps the identity of every result it stores
+// (result_identity.h) in the same transaction as its row, and write() answers
+// write_status::duplicate, writing nothing, for a result whose identity it
+// holds: one committed before (a node sends again what the server did not
+// acknowledge before it was killed), or one written earlier in the open
+// transaction. Identities are kept for at least kRememberSeconds after their
+// row was stored, so a result sent again within that time is stored once,
+// whatever happened to the server in between; a lost database file loses
+// them with its rows. The sqlite store keeps them in table vorn_result_ids,
+// ordered by the run's end time, and the hour of end time each was last
+// stored into in vorn_result_id_hours; it forgets an hour's identities once
+// nothing was stored into that hour for kRememberSeconds, a slice of at
+// most kForgetSlice at the start of each transaction, so forgetting never
+// holds up a commit for long.
+//
 // Rows are written into an open transaction and committed together when the
 // caller flushes: one commit for hundreds of rows. Its writer
 // (daemon/src/serverd/result_writer.h) flushes when the stream pauses, at the
@@ -42,18 +57,22 @@
 
 #include <atomic>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 #include "daemon/src/config/config.h"
+#include "daemon/src/database/result_identity.h"
 #include "daemon/src/database/storix1.h"
 #include "daemon/src/provider/result.h"
 
 enum class write_status {
-  written,  // in the open transaction
-  refused,  // never to be written: the reason is last_error()
-  retry,    // not now; the open transaction was rolled back (last_error())
+  written,    // in the open transaction
+  duplicate,  // stored already (committed, or in the open transaction): nothing written
+  refused,    // never to be written: the reason is last_error()
+  retry,      // not now; the open transaction was rolled back (last_error())
 };
 
 enum class commit_result {
@@ -104,7 +123,11 @@ class sqlite : public database {
   // after the last time, not with every one: with thousands of hosts, nearly
   // every row of a commit is the newest of its key.
   static constexpr int64_t kSummaryMs = 1000;
-  explicit sqlite(const daemon_config& config);
+  // Identities forgotten at most at the start of a transaction.
+  static constexpr int64_t kForgetSlice = 2048;
+  // Without `exactly_once` (for measuring what it costs, never in a server)
+  // every result is written, known or not.
+  explicit sqlite(const daemon_config& config, bool exactly_once = true);
   ~sqlite() override;
   write_status write(const result_view& record) override;
   commit_result flush() override;
@@ -120,6 +143,19 @@ class sqlite : public database {
   // Brings vorn_latest up to every row written so far, in the open
   // transaction; false when it was rolled back.
   bool write_summary();
+  // Begins a transaction, forgetting a slice of old identities in it;
+  // false when the caller must try again (rolled back, last_error).
+  bool begin();
+  // Adds the identity in the open transaction: written, duplicate, or retry
+  // (rolled back).
+  write_status remember(const result_identity& identity);
+  // Takes back the identity of a row the database refused.
+  void forget(const result_identity& identity);
+  // Forgets a slice of identities of an hour that nothing was stored into
+  // for kRememberSeconds; false when the transaction was rolled back.
+  bool forget_expired();
+  // The commit is durable: the hours written and emptied in it are known.
+  void hours_committed();
 
   // Opens the file at the configured path, creating it and its tables.
   void open();
@@ -153,6 +189,16 @@ class sqlite : public database {
   int64_t last_summary_ms_ = 0;
   bool force_summary_ = false;
   std::atomic<int64_t> give_up_at_{0};
+
+  const bool exactly_once_;
+  // Hour of end time (end_seconds / 3600) -> when a result of it was last
+  // stored (Unix seconds), as committed.
+  std::map<int64_t, int64_t> hours_;
+  // Of the open transaction: its start (Unix seconds), the hours it stored
+  // into, and the hours whose last identities it forgot.
+  int64_t transaction_time_ = 0;
+  std::vector<int64_t> hours_written_;
+  std::vector<int64_t> hours_emptied_;
 };
 
 // None when the backend is not sqlite3 or the file cannot be used even after

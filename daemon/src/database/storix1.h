@@ -22,6 +22,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -88,8 +89,14 @@ class Connection : public Handle {
   int64_t lastInsertRowid() const { return sqlite3_last_insert_rowid(db_.get()); }
   // False also after an error that rolled the transaction back by itself.
   bool inTransaction() const { return sqlite3_get_autocommit(db_.get()) == 0; }
+  // Rows inserted, changed or deleted by the last statement that did so.
+  int64_t changes() const { return sqlite3_changes64(db_.get()); }
   // Runs one statement; rows it may yield are discarded.
   int issueCommand(const char* sql);
+  // Runs a query and hands each row to `row`: its first `columns` values,
+  // read as 64-bit integers.
+  int readIntegers(const char* sql, int columns,
+                   const std::function<void(const int64_t* values)>& row);
   int getDataWriter(const char* sql, DataWriter** writer);
 
  private:

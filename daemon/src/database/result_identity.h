@@ -1,0 +1,39 @@
+#pragma once
+// What makes two received results the same result, for any store.
+//
+// A node sends again what the server did not acknowledge, and the server may
+// have committed some of it before it was killed. So a store recognises a
+// result it already holds by its identity: a 128-bit BLAKE2b hash of the
+// whole result as received (the 456-byte header with its host, provider,
+// option set, end time to the microsecond and sizes, then the standard
+// output, standard error and node list, each after its length), plus the end
+// time in whole seconds. Results that differ in one byte anywhere differ in
+// their identity; two runs never share one, as they differ at least in their
+// host, provider, option set or end time.
+//
+// The end time leads the identity so that a store can keep identities in
+// the order results arrive (near the present, run after run), which keeps
+// writing them cheap, and can forget them by age. A store remembers each
+// identity for at least kRememberSeconds after it stored the result.
+//
+// Thread safety: identify() may be called from any thread.
+
+#include <array>
+#include <cstdint>
+
+#include "daemon/src/provider/result.h"
+
+struct result_identity {
+  static constexpr size_t kHashSize = 16;
+  // The run's end time in Unix seconds, held between 0 and kMaxEndSeconds
+  // (a header may say anything; the hash keeps the exact value).
+  int64_t end_seconds = 0;
+  std::array<unsigned char, kHashSize> hash{};
+};
+
+constexpr int64_t kMaxEndSeconds = int64_t{1} << 40;
+
+// A result sent again within this time after it was stored is known.
+constexpr int64_t kRememberSeconds = 24 * 60 * 60;
+
+result_identity identify(const result_view& record);
