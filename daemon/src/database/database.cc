@@ -644,7 +644,7 @@ commit_result sqlite::flush() {
   return commit_result::lost;
 }
 
-write_status sqlite::write(const result_view& record) {
+write_status sqlite::write(const result_view& record, const result_identity* known_identity) {
   if (!connection_ && !reopen()) {
     return write_status::retry;
   }
@@ -658,7 +658,7 @@ write_status sqlite::write(const result_view& record) {
   }
   std::optional<result_identity> identity;
   if (exactly_once_) {
-    identity = identify(record);
+    identity = known_identity != nullptr ? *known_identity : identify(record);
     if (write_status known = remember(*identity); known != write_status::written) {
       return known;
     }

@@ -94,7 +94,14 @@ class database {
 
   // Writes one result into the open transaction. The outputs are bound
   // where they lie, not copied.
-  virtual write_status write(const result_view& record) = 0;
+  write_status write(const result_view& record) { return write(record, nullptr); }
+  // The same with the record's identity (identify(record)) when the caller
+  // has it already, so that hashing can be done on another thread; null for
+  // the store to compute it when it needs it.
+  virtual write_status write(const result_view& record, const result_identity* identity) = 0;
+
+  // Whether write() recognises results it holds, and so needs identities.
+  virtual bool exactly_once() const { return false; }
 
   // Commits every result written so far.
   virtual commit_result flush() { return commit_result::committed; }
@@ -129,7 +136,9 @@ class sqlite : public database {
   // every result is written, known or not.
   explicit sqlite(const daemon_config& config, bool exactly_once = true);
   ~sqlite() override;
-  write_status write(const result_view& record) override;
+  using database::write;
+  write_status write(const result_view& record, const result_identity* identity) override;
+  bool exactly_once() const override { return exactly_once_; }
   commit_result flush() override;
   std::string last_error() const override { return last_error_; }
   void give_up_waiting_at(int64_t mono_ms) override;

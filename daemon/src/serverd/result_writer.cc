@@ -21,9 +21,13 @@ constexpr int kInterruptCheckMs = 50;
 }  // namespace
 
 result_writer::result_writer(database* store, const daemon_config& config)
-    : store_(store), config_(config), slots_(kSlots), refused_(kSlots, false), thread_([this] {
-        run();
-      }) {}
+    : store_(store),
+      config_(config),
+      slots_(kSlots),
+      refused_(kSlots, false),
+      identify_ahead_(store != nullptr && store->exactly_once()),
+      identities_(identify_ahead_ ? kSlots : 0),
+      thread_([this] { run(); }) {}
 
 result_writer::~result_writer() {
   finish(kNoDeadline);
@@ -69,6 +73,11 @@ received_message* result_writer::free_slot() {
 }
 
 received_message* result_writer::push() {
+  if (identify_ahead_) {
+    // The slot is the receiving thread's until it is queued: the hash is
+    // made here, beside the writing thread's inserts rather than before them.
+    identities_[queued_ % kSlots] = identify(slots_[queued_ % kSlots].result());
+  }
   std::lock_guard<std::mutex> lock(mutex_);
   queued_bytes_ += slots_[head_ % kSlots].total_size();
   ++head_;
@@ -110,7 +119,7 @@ bool result_writer::write_batch(std::unique_lock<std::mutex>& lock, uint64_t end
       dump_result(result, config_);
       ++stored;
     } else {
-      write_status status = store_->write(result);
+      write_status status = store_->write(result, identify_ahead_ ? &identities_[slot] : nullptr);
       if (status == write_status::retry) {
         error = store_->last_error();
         break;

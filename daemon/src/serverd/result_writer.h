@@ -114,7 +114,11 @@ class result_writer {
   const daemon_config& config_;
   std::vector<received_message> slots_;
   std::vector<bool> refused_;  // per slot: refused for good, skipped by a rewind
-  uint64_t queued_ = 0;        // receiving thread only
+  // Per slot, with a store that recognises results: the result's identity,
+  // made by the receiving thread when it queues the slot.
+  const bool identify_ahead_;
+  std::vector<result_identity> identities_;
+  uint64_t queued_ = 0;  // receiving thread only
 
   std::mutex mutex_;
   std::condition_variable work_;
