@@ -20,6 +20,7 @@
 #include <thread>
 
 #include "daemon/src/database/latest.h"
+#include "daemon/src/database/sqlite_identities.h"
 #include "util/czmq.h"
 #include "util/fs.h"
 #include "util/log.h"
@@ -40,35 +41,6 @@ constexpr const char* kInsert =
     "INSERT INTO vorn_1 (Provider, Hostname, num_nodes, node_names, Exit_status, Timestamp, "
     "Duration, Encoding, Stdout_size, STDOUT, Stderr_size,STDERR, OptionID, version) values "
     "($0, $1, $2, $3, $4, $5, $6, $7, $8, $9, $10, $11, $12, $13)";
-
-// The identities of stored results, in the order of their runs' end times:
-// results arrive near the present, so new keys land in the last few pages
-// instead of all over the table (keyed by the hash alone, ingest fell to a
-// seventh with five million identities kept).
-constexpr const char* kCreateIdentities =
-    "CREATE TABLE IF NOT EXISTS vorn_result_ids (end_seconds INTEGER NOT NULL, hash BLOB NOT "
-    "NULL, PRIMARY KEY (end_seconds, hash)) WITHOUT ROWID";
-// For each hour of end time, when a result of it was last stored: an hour
-// nothing was stored into for kRememberSeconds is forgotten whole.
-constexpr const char* kCreateHours =
-    "CREATE TABLE IF NOT EXISTS vorn_result_id_hours (hour INTEGER PRIMARY KEY, last_stored "
-    "INTEGER NOT NULL)";
-constexpr const char* kReadHours = "SELECT hour, last_stored FROM vorn_result_id_hours";
-constexpr const char* kRemember =
-    "INSERT INTO vorn_result_ids (end_seconds, hash) VALUES ($0, $1) ON CONFLICT DO NOTHING";
-constexpr const char* kForget = "DELETE FROM vorn_result_ids WHERE end_seconds = $0 AND hash = $1";
-constexpr const char* kHourStored =
-    "INSERT INTO vorn_result_id_hours (hour, last_stored) VALUES ($0, $1) ON CONFLICT (hour) DO "
-    "UPDATE SET last_stored = max(last_stored, excluded.last_stored)";
-// The first $2 identities of the end times [$0, $1), or all when fewer: up
-// to the ($2+1)-th key, or to ($1, x'') past every key of the range.
-constexpr const char* kForgetSliceOfHour =
-    "DELETE FROM vorn_result_ids WHERE end_seconds >= $0 AND (end_seconds, hash) < (SELECT "
-    "end_seconds, hash FROM (SELECT end_seconds, hash FROM vorn_result_ids WHERE end_seconds >= "
-    "$0 AND end_seconds < $1 ORDER BY end_seconds, hash LIMIT 1 OFFSET $2) UNION ALL SELECT $1, "
-    "x'' LIMIT 1)";
-constexpr const char* kForgetHour = "DELETE FROM vorn_result_id_hours WHERE hour = $0";
-constexpr int64_t kSecondsPerHour = 3600;
 
 // Base64 as providers print it, without its line breaks and blanks; false
 // when a character is neither base64 nor white space.
@@ -276,13 +248,12 @@ void sqlite::open() {
     return;
   }
   if (exactly_once_) {
-    hours_.clear();
-    if (connection_->issueCommand(kCreateIdentities) != 0 ||
-        connection_->issueCommand(kCreateHours) != 0 ||
-        connection_->readIntegers(kReadHours, 2,
-                                  [this](const int64_t* row) { hours_[row[0]] = row[1]; }) != 0) {
-      VORN_LOG(4) << "Cannot keep the identities of stored results: "
-                  << connection_->getLastErrorInfo() << ". Results sent again may be stored twice";
+    identities_ = std::make_unique<sqlite_identities>(connection_.get());
+    std::string error;
+    if (identities_->open(&error) != 0) {
+      VORN_LOG(4) << "Cannot keep the identities of stored results: " << error
+                  << ". Results sent again may be stored twice";
+      identities_.reset();
     }
   }
   // Rows that reached the file without this server (an older one, a hand-made
@@ -348,6 +319,7 @@ bool sqlite::file_in_place() {
 
 void sqlite::abandon_file() {
   checkpointer_.reset();
+  identities_.reset();
   connection_.reset();
   // SQLite leaves the log of a file that moved where it is. Still at the
   // path, it would be read into whatever file is opened there: the old
@@ -367,9 +339,6 @@ void sqlite::abandon_file() {
   // is made from its own rows.
   latest_.clear();
   summary_pending_.clear();
-  hours_.clear();
-  hours_written_.clear();
-  hours_emptied_.clear();
 }
 
 bool sqlite::reopen() {
@@ -403,8 +372,9 @@ void sqlite::roll_back(std::string error) {
   uncommitted_ = 0;
   // The rows are written again; what earlier commits left to summarise stays.
   latest_.clear();
-  hours_written_.clear();
-  hours_emptied_.clear();
+  if (identities_) {
+    identities_->rolled_back();
+  }
 }
 
 bool sqlite::begin() {
@@ -415,7 +385,7 @@ bool sqlite::begin() {
   }
   in_transaction_ = connection_->inTransaction();
   transaction_time_ = std::time(nullptr);
-  if (!exactly_once_) {
+  if (!identities_) {
     // Without a transaction each row commits on its own: slower, not wrong.
     return true;
   }
@@ -425,130 +395,41 @@ bool sqlite::begin() {
     last_error_ = std::string("begin: ") + connection_->getLastErrorInfo();
     return false;
   }
-  return forget_expired();
+  std::string error;
+  if (int rc = identities_->forget_expired(transaction_time_, &error); rc != 0) {
+    if (may_pass(rc)) {
+      roll_back("forgetting old results: " + error);
+      return false;
+    }
+    // Kept longer is not wrong: tried again with the next transaction.
+    static vorn::log::RateLimit warnings(600000);
+    uint64_t suppressed = 0;
+    if (warnings.allow(zclock_mono(), &suppressed)) {
+      VORN_LOG(4) << "Cannot forget the identities of old results: " << error;
+    }
+  }
+  return true;
 }
 
 write_status sqlite::remember(const result_identity& identity) {
-  storix1::DataWriter* raw = nullptr;
-  int rc = connection_->getDataWriter(kRemember, &raw);
-  storix1::Owned<storix1::DataWriter> insert(raw);
-  int64_t end_seconds = identity.end_seconds;
+  bool known = false;
+  std::string error;
+  int rc = identities_->remember(identity, &known, &error);
   if (rc == 0) {
-    insert->bindParam(0, storix1::kInt64, 8, &end_seconds);
-    insert->bindParam(1, storix1::kBlob, identity.hash.size(), identity.hash.data());
-    rc = insert->writeData();
+    return known ? write_status::duplicate : write_status::written;
   }
-  if (rc == 0 && connection_->changes() == 0) {
-    return write_status::duplicate;
-  }
-  int64_t hour = end_seconds / kSecondsPerHour;
-  if (rc == 0 &&
-      std::find(hours_written_.begin(), hours_written_.end(), hour) == hours_written_.end()) {
-    insert.reset();
-    if ((rc = connection_->getDataWriter(kHourStored, &raw)) == 0) {
-      insert.reset(raw);
-      insert->bindParam(0, storix1::kInt64, 8, &hour);
-      insert->bindParam(1, storix1::kInt64, 8, &transaction_time_);
-      rc = insert->writeData();
-    }
-    if (rc == 0) {
-      hours_written_.push_back(hour);
-    }
-  }
-  if (rc == 0) {
-    return write_status::written;
-  }
-  std::string error = insert ? insert->getLastErrorInfo() : connection_->getLastErrorInfo();
-  insert.reset();
   if (may_pass(rc)) {
-    roll_back("insert: " + error);
+    roll_back("reading stored results: " + error);
     return write_status::retry;
   }
   // Stored at least once is better than not stored.
   static vorn::log::RateLimit warnings(600000);
   uint64_t suppressed = 0;
   if (warnings.allow(zclock_mono(), &suppressed)) {
-    VORN_LOG(4) << "Cannot remember a stored result: " << error
+    VORN_LOG(4) << "Cannot look up stored results: " << error
                 << ". Results sent again may be stored twice";
   }
   return write_status::written;
-}
-
-void sqlite::forget(const result_identity& identity) {
-  storix1::DataWriter* raw = nullptr;
-  if (connection_->getDataWriter(kForget, &raw) != 0) {
-    return;
-  }
-  storix1::Owned<storix1::DataWriter> erase(raw);
-  int64_t end_seconds = identity.end_seconds;
-  erase->bindParam(0, storix1::kInt64, 8, &end_seconds);
-  erase->bindParam(1, storix1::kBlob, identity.hash.size(), identity.hash.data());
-  erase->writeData();
-}
-
-bool sqlite::forget_expired() {
-  auto oldest = hours_.end();
-  for (auto it = hours_.begin(); it != hours_.end(); ++it) {
-    if (oldest == hours_.end() || it->second < oldest->second) {
-      oldest = it;
-    }
-  }
-  if (oldest == hours_.end() || transaction_time_ - oldest->second <= kRememberSeconds) {
-    return true;
-  }
-  int64_t hour = oldest->first;
-  int64_t from = hour * kSecondsPerHour;
-  int64_t to = from + kSecondsPerHour;
-  int64_t limit = kForgetSlice;
-  storix1::DataWriter* raw = nullptr;
-  int rc = connection_->getDataWriter(kForgetSliceOfHour, &raw);
-  storix1::Owned<storix1::DataWriter> erase(raw);
-  if (rc == 0) {
-    erase->bindParam(0, storix1::kInt64, 8, &from);
-    erase->bindParam(1, storix1::kInt64, 8, &to);
-    erase->bindParam(2, storix1::kInt64, 8, &limit);
-    rc = erase->writeData();
-  }
-  if (rc == 0 && connection_->changes() < limit) {
-    // The hour's last identities: the hour goes too.
-    erase.reset();
-    if ((rc = connection_->getDataWriter(kForgetHour, &raw)) == 0) {
-      erase.reset(raw);
-      erase->bindParam(0, storix1::kInt64, 8, &hour);
-      rc = erase->writeData();
-    }
-    if (rc == 0) {
-      hours_emptied_.push_back(hour);
-    }
-  }
-  if (rc == 0) {
-    return true;
-  }
-  std::string error = erase ? erase->getLastErrorInfo() : connection_->getLastErrorInfo();
-  erase.reset();
-  if (may_pass(rc)) {
-    roll_back("forgetting old results: " + error);
-    return false;
-  }
-  // Kept longer is not wrong: tried again with the next transaction.
-  static vorn::log::RateLimit warnings(600000);
-  uint64_t suppressed = 0;
-  if (warnings.allow(zclock_mono(), &suppressed)) {
-    VORN_LOG(4) << "Cannot forget the identities of old results: " << error;
-  }
-  return true;
-}
-
-void sqlite::hours_committed() {
-  for (int64_t hour : hours_emptied_) {
-    hours_.erase(hour);
-  }
-  for (int64_t hour : hours_written_) {
-    int64_t& last_stored = hours_[hour];
-    last_stored = std::max(last_stored, transaction_time_);
-  }
-  hours_emptied_.clear();
-  hours_written_.clear();
 }
 
 bool sqlite::write_summary() {
@@ -608,6 +489,22 @@ commit_result sqlite::flush() {
     last_error_ = "the transaction was rolled back by a refused row";
     return commit_result::retry;
   }
+  if (identities_ && in_transaction_) {
+    std::string error;
+    if (int rc = identities_->write(transaction_time_, &error); rc != 0) {
+      if (may_pass(rc)) {
+        roll_back("insert: " + error);
+        return commit_result::retry;
+      }
+      static vorn::log::RateLimit warnings(600000);
+      uint64_t suppressed = 0;
+      if (warnings.allow(zclock_mono(), &suppressed)) {
+        VORN_LOG(4) << "Cannot write the identities of stored results: " << error
+                    << ". Results sent again may be stored twice";
+      }
+      identities_->rolled_back();
+    }
+  }
   int64_t now = zclock_mono();
   bool summarise = force_summary_ || now - last_summary_ms_ >= kSummaryMs;
   if (summarise && !write_summary()) {
@@ -620,7 +517,9 @@ commit_result sqlite::flush() {
   if (rc == 0) {
     in_transaction_ = false;
     uncommitted_ = 0;
-    hours_committed();
+    if (identities_) {
+      identities_->committed();
+    }
     if (summarise) {
       summary_pending_.clear();
       last_summary_ms_ = now;
@@ -657,7 +556,7 @@ write_status sqlite::write(const result_view& record, const result_identity* kno
     return write_status::retry;
   }
   std::optional<result_identity> identity;
-  if (exactly_once_) {
+  if (identities_) {
     identity = known_identity != nullptr ? *known_identity : identify(record);
     if (write_status known = remember(*identity); known != write_status::written) {
       return known;
@@ -672,7 +571,7 @@ write_status sqlite::write(const result_view& record, const result_identity* kno
     last_error_ = connection_->getLastErrorInfo();
     VORN_LOG(3) << "Database writer creation error: " << last_error_;
     if (identity) {
-      forget(*identity);
+      identities_->take_back(*identity);
     }
     return write_status::refused;
   }
@@ -750,13 +649,13 @@ write_status sqlite::write(const result_view& record, const result_identity* kno
       in_transaction_ = false;
       uncommitted_ = 0;
       latest_.clear();
-      hours_written_.clear();
-      hours_emptied_.clear();
+      if (identities_) {
+        identities_->rolled_back();
+      }
       transaction_lost_ = true;
     } else if (identity) {
       // Sent again, it is refused again rather than taken for stored.
-      writer.reset();
-      forget(*identity);
+      identities_->take_back(*identity);
     }
     return write_status::refused;
   }

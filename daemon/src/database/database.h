@@ -16,12 +16,11 @@
 // transaction. Identities are kept for at least kRememberSeconds after their
 // row was stored, so a result sent again within that time is stored once,
 // whatever happened to the server in between; a lost database file loses
-// them with its rows. The sqlite store keeps them in table vorn_result_ids,
-// ordered by the run's end time, and the hour of end time each was last
-// stored into in vorn_result_id_hours; it forgets an hour's identities once
-// nothing was stored into that hour for kRememberSeconds, a slice of at
-// most kForgetSlice at the start of each transaction, so forgetting never
-// holds up a commit for long.
+// them with its rows. The sqlite store keeps them beside vorn_1 in tables
+// of their own, grouped by minute of end time, and forgets an hour of end
+// time once nothing was stored into it for kRememberSeconds, a slice at the
+// start of each transaction, so that forgetting never holds up a commit for
+// long (sqlite_identities.h).
 //
 // Rows are written into an open transaction and committed together when the
 // caller flushes: one commit for hundreds of rows. Its writer
@@ -57,11 +56,9 @@
 
 #include <atomic>
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <string>
 #include <unordered_map>
-#include <vector>
 
 #include "daemon/src/config/config.h"
 #include "daemon/src/database/result_identity.h"
@@ -116,6 +113,7 @@ class database {
 };
 
 class wal_checkpointer;
+class sqlite_identities;
 
 // Which file a path named when looked at; known false when it named none.
 struct file_identity {
@@ -130,8 +128,6 @@ class sqlite : public database {
   // after the last time, not with every one: with thousands of hosts, nearly
   // every row of a commit is the newest of its key.
   static constexpr int64_t kSummaryMs = 1000;
-  // Identities forgotten at most at the start of a transaction.
-  static constexpr int64_t kForgetSlice = 2048;
   // Without `exactly_once` (for measuring what it costs, never in a server)
   // every result is written, known or not.
   explicit sqlite(const daemon_config& config, bool exactly_once = true);
@@ -158,13 +154,6 @@ class sqlite : public database {
   // Adds the identity in the open transaction: written, duplicate, or retry
   // (rolled back).
   write_status remember(const result_identity& identity);
-  // Takes back the identity of a row the database refused.
-  void forget(const result_identity& identity);
-  // Forgets a slice of identities of an hour that nothing was stored into
-  // for kRememberSeconds; false when the transaction was rolled back.
-  bool forget_expired();
-  // The commit is durable: the hours written and emptied in it are known.
-  void hours_committed();
 
   // Opens the file at the configured path, creating it and its tables.
   void open();
@@ -200,14 +189,9 @@ class sqlite : public database {
   std::atomic<int64_t> give_up_at_{0};
 
   const bool exactly_once_;
-  // Hour of end time (end_seconds / 3600) -> when a result of it was last
-  // stored (Unix seconds), as committed.
-  std::map<int64_t, int64_t> hours_;
-  // Of the open transaction: its start (Unix seconds), the hours it stored
-  // into, and the hours whose last identities it forgot.
-  int64_t transaction_time_ = 0;
-  std::vector<int64_t> hours_written_;
-  std::vector<int64_t> hours_emptied_;
+  // Null without exactly-once, or when the file cannot keep identities.
+  std::unique_ptr<sqlite_identities> identities_;
+  int64_t transaction_time_ = 0;  // Unix seconds, when the open transaction began
 };
 
 // None when the backend is not sqlite3 or the file cannot be used even after

@@ -1,6 +1,7 @@
 // The store against real SQLite files, read back with SQL.
 
 #include "daemon/src/database/database.h"
+#include "daemon/src/database/sqlite_identities.h"
 
 #include <sys/stat.h>
 
@@ -204,18 +205,22 @@ TEST_F(DatabaseTest, AResultIsStoredOnceAndAnyChangeMakesAnother) {
 // a slice at the start of each transaction; a result of it sent again then
 // is stored again, while one of a later hour is still known.
 TEST_F(DatabaseTest, IdentitiesAreForgottenADayAfterTheirHourWasLastStoredInto) {
-  constexpr int kOld = 5000;
-  constexpr long kOldEnd = 1700000000;  // in hour 472222
+  constexpr long kHourStart = 472222L * 3600;  // hour 472222, minutes 28333320 to 28333379
+  constexpr int kCommits = 3;
+  constexpr int kMinutes = 50;  // a row of identities per minute and commit
   auto store = open_database(&config_);
   ASSERT_TRUE(store);
   std::vector<provider_result> old;
-  for (int i = 0; i < kOld; ++i) {
-    old.push_back(sample_result("old", std::to_string(i)));
-    old.back().header.timestamp.tv_sec = kOldEnd;
-    ASSERT_EQ(store->write(old.back()), write_status::written);
+  for (int commit = 0; commit < kCommits; ++commit) {
+    for (int minute = 0; minute < kMinutes; ++minute) {
+      old.push_back(sample_result("old", std::to_string(old.size())));
+      old.back().header.timestamp.tv_sec = kHourStart + minute * 60;
+      ASSERT_EQ(store->write(old.back()), write_status::written);
+    }
+    ASSERT_EQ(store->flush(), commit_result::committed);
   }
   provider_result later = sample_result("later", "x");
-  later.header.timestamp.tv_sec = kOldEnd + 3600;
+  later.header.timestamp.tv_sec = kHourStart + 3600;
   ASSERT_EQ(store->write(later), write_status::written);
   ASSERT_EQ(store->flush(), commit_result::committed);
   store.reset();
@@ -224,16 +229,19 @@ TEST_F(DatabaseTest, IdentitiesAreForgottenADayAfterTheirHourWasLastStoredInto) 
                                   "UPDATE vorn_result_id_hours SET last_stored = last_stored - "
                                   "86401 WHERE hour = 472222"));
   auto kept = [&] {
-    return query(config_.database_file,
-                 "SELECT (SELECT count(*) FROM vorn_result_ids WHERE end_seconds = 1700000000), "
-                 "(SELECT count(*) FROM vorn_result_id_hours WHERE hour = 472222)")[0];
+    return query(
+        config_.database_file,
+        "SELECT (SELECT count(*) FROM vorn_result_ids WHERE end_minute BETWEEN 28333320 "
+        "AND 28333379), (SELECT count(*) FROM vorn_result_id_hours WHERE hour = 472222)")[0];
   };
+  using Kept = std::vector<std::string>;
+  const int rows = kCommits * kMinutes;
+  const int slice = static_cast<int>(sqlite_identities::kForgetSlice);
+  ASSERT_EQ(kept(), (Kept{std::to_string(rows), "1"}));
   store = open_database(&config_);
   ASSERT_TRUE(store);
-  using Kept = std::vector<std::string>;
-  const int slice = static_cast<int>(sqlite::kForgetSlice);
-  for (const Kept& want : {Kept{std::to_string(kOld - slice), "1"},
-                           Kept{std::to_string(kOld - 2 * slice), "1"}, Kept{"0", "0"}}) {
+  for (const Kept& want : {Kept{std::to_string(rows - slice), "1"},
+                           Kept{std::to_string(rows - 2 * slice), "1"}, Kept{"0", "0"}}) {
     provider_result now = sample_result("now", "x");
     now.header.timestamp.tv_sec = std::time(nullptr);
     ASSERT_EQ(store->write(now), write_status::written);
@@ -242,6 +250,39 @@ TEST_F(DatabaseTest, IdentitiesAreForgottenADayAfterTheirHourWasLastStoredInto) 
   }
   EXPECT_EQ(store->write(old[0]), write_status::written) << "forgotten";
   EXPECT_EQ(store->write(later), write_status::duplicate) << "its hour is still remembered";
+}
+
+// More identities than the store holds in memory: a minute it let go of,
+// with some of its identities still uncommitted, is read back from the
+// table when needed, and nothing is stored twice.
+TEST_F(DatabaseTest, IdentitiesBeyondWhatIsHeldAreReadBack) {
+  auto store = open_database(&config_);
+  ASSERT_TRUE(store);
+  auto result = [](long end, size_t i) {
+    provider_result r = sample_result("many", std::to_string(i));
+    r.header.timestamp.tv_sec = end;
+    return r;
+  };
+  const size_t kMany = sqlite_identities::kMaxCached + 10;
+  std::vector<provider_result> first_minute = {result(1700000000, 0), result(1700000001, 1)};
+  ASSERT_EQ(store->write(first_minute[0]), write_status::written);
+  ASSERT_EQ(store->flush(), commit_result::committed);
+  ASSERT_EQ(store->write(first_minute[1]), write_status::written);
+  provider_result last;
+  for (size_t i = 0; i < kMany; ++i) {
+    last = result(1700000060, i);
+    ASSERT_EQ(store->write(last), write_status::written);
+  }
+  for (const provider_result& r : first_minute) {
+    EXPECT_EQ(store->write(r), write_status::duplicate) << "in the open transaction";
+  }
+  ASSERT_EQ(store->flush(), commit_result::committed);
+  for (const provider_result& r : first_minute) {
+    EXPECT_EQ(store->write(r), write_status::duplicate) << "committed";
+  }
+  EXPECT_EQ(store->write(last), write_status::duplicate);
+  ASSERT_EQ(store->flush(), commit_result::committed);
+  EXPECT_EQ(vorn::test::count_rows(config_.database_file), static_cast<long>(kMany + 2));
 }
 
 TEST_F(DatabaseTest, UnusableFileIsMovedAsideAndReplaced) {

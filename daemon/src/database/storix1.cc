@@ -100,26 +100,6 @@ int Connection::issueCommand(const char* sql) {
   return rc;
 }
 
-int Connection::readIntegers(const char* sql, int columns,
-                             const std::function<void(const int64_t* values)>& row) {
-  sqlite3_stmt* raw = nullptr;
-  int rc = sqlite3_prepare_v2(db_.get(), sql, -1, &raw, nullptr);
-  std::unique_ptr<sqlite3_stmt, DataWriter::Finalize> statement(raw);
-  std::vector<int64_t> values(static_cast<size_t>(columns > 0 ? columns : 0));
-  while (rc == SQLITE_OK && (rc = sqlite3_step(raw)) == SQLITE_ROW) {
-    for (int i = 0; i < columns; ++i) {
-      values[static_cast<size_t>(i)] = sqlite3_column_int64(raw, i);
-    }
-    row(values.data());
-    rc = SQLITE_OK;
-  }
-  if (rc == SQLITE_DONE) {
-    return 0;
-  }
-  setLastError(sqlite3_errmsg(db_.get()));
-  return rc;
-}
-
 int Connection::getDataWriter(const char* sql, DataWriter** writer) {
   *writer = nullptr;
   for (auto it = idle_writers_.begin(); it != idle_writers_.end(); ++it) {
@@ -209,6 +189,21 @@ int DataWriter::writeData() {
   sqlite3_stmt* s = statement_.get();
   int rc = sqlite3_step(s);
   if (rc == SQLITE_DONE || rc == SQLITE_ROW) {
+    sqlite3_reset(s);
+    return 0;
+  }
+  setLastError(sqlite3_errmsg(sqlite3_db_handle(s)));
+  sqlite3_reset(s);
+  return rc;
+}
+
+int DataWriter::readData(const std::function<void(const DataRow& row)>& row) {
+  sqlite3_stmt* s = statement_.get();
+  int rc;
+  while ((rc = sqlite3_step(s)) == SQLITE_ROW) {
+    row(DataRow(s));
+  }
+  if (rc == SQLITE_DONE) {
     sqlite3_reset(s);
     return 0;
   }

@@ -25,6 +25,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace storix1 {
@@ -57,11 +58,30 @@ class Handle {
 
 class Connection;
 
+// One row of a query's result, readable during the call that hands it over.
+class DataRow {
+ public:
+  explicit DataRow(sqlite3_stmt* statement) : statement_(statement) {}
+  int64_t integer(int column) const { return sqlite3_column_int64(statement_, column); }
+  std::string_view blob(int column) const {
+    const void* data = sqlite3_column_blob(statement_, column);
+    int size = sqlite3_column_bytes(statement_, column);
+    return data != nullptr
+               ? std::string_view(static_cast<const char*>(data), static_cast<size_t>(size))
+               : std::string_view();
+  }
+
+ private:
+  sqlite3_stmt* statement_;
+};
+
 class DataWriter : public Handle {
  public:
   int bindParam(int index, ColumnType type, size_t size, const void* value);
   // Runs the statement once with the bound values; they may be bound anew after.
   int writeData();
+  // The same for a query: hands each row of its result to `row`.
+  int readData(const std::function<void(const DataRow& row)>& row);
   // Returns the writer to its connection for reuse.
   void release() override;
 
@@ -93,10 +113,6 @@ class Connection : public Handle {
   int64_t changes() const { return sqlite3_changes64(db_.get()); }
   // Runs one statement; rows it may yield are discarded.
   int issueCommand(const char* sql);
-  // Runs a query and hands each row to `row`: its first `columns` values,
-  // read as 64-bit integers.
-  int readIntegers(const char* sql, int columns,
-                   const std::function<void(const int64_t* values)>& row);
   int getDataWriter(const char* sql, DataWriter** writer);
 
  private:
