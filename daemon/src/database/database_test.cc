@@ -224,10 +224,10 @@ TEST_F(DatabaseTest, IdentitiesAreForgottenADayAfterTheirHourWasLastStoredInto) 
   ASSERT_EQ(store->write(later), write_status::written);
   ASSERT_EQ(store->flush(), commit_result::committed);
   store.reset();
-  // As if a day had passed since.
+  // As if two days had passed since.
   ASSERT_TRUE(vorn::test::execute(config_.database_file,
                                   "UPDATE vorn_result_id_hours SET last_stored = last_stored - "
-                                  "86401 WHERE hour = 472222"));
+                                  "172800 WHERE hour = 472222"));
   auto kept = [&] {
     return query(
         config_.database_file,

@@ -7,6 +7,10 @@ namespace {
 
 constexpr int64_t kMinute = 60;
 constexpr int64_t kMinutesPerHour = 60;
+// An hour's time of last storing is written again only when it moved by this
+// much: not with every commit, each of which would write its page again.
+// Forgetting waits this much longer.
+constexpr int64_t kHourRefreshSeconds = 60;
 
 constexpr const char* kCreateIdentities =
     "CREATE TABLE IF NOT EXISTS vorn_result_ids (end_minute INTEGER NOT NULL, hashes BLOB NOT "
@@ -161,7 +165,7 @@ int sqlite_identities::forget_expired(int64_t now, std::string* error) {
       oldest = it;
     }
   }
-  if (oldest == hours_.end() || now - oldest->second <= kRememberSeconds) {
+  if (oldest == hours_.end() || now - oldest->second <= kRememberSeconds + kHourRefreshSeconds) {
     return 0;
   }
   int64_t hour = oldest->first;
@@ -210,7 +214,9 @@ int sqlite_identities::write(int64_t now, std::string* error) {
       rc = insert->writeData();
     }
     int64_t hour = m / kMinutesPerHour;
-    if (rc == 0 && (hours_written_.empty() || hours_written_.back() != hour)) {
+    auto known = hours_.find(hour);
+    bool fresh = known != hours_.end() && now - known->second < kHourRefreshSeconds;
+    if (rc == 0 && !fresh && (hours_written_.empty() || hours_written_.back() != hour)) {
       insert.reset();
       if ((rc = connection_->getDataWriter(kHourStored, &raw)) == 0) {
         insert.reset(raw);

@@ -11,8 +11,9 @@
 // so that is nearly always the current minute.
 //
 // Table vorn_result_id_hours says, for each hour of end time, when a result of
-// it was last stored. An hour nothing was stored into for kRememberSeconds is
-// forgotten, kForgetSlice rows at the start of each transaction.
+// it was last stored (to the minute). An hour nothing was stored into for
+// kRememberSeconds is forgotten, kForgetSlice rows at the start of each
+// transaction.
 //
 // Every operation returns 0 or the SQLite code of its failure, with the text
 // in *error; what failed in a transaction is undone by the caller's rollback,
@@ -33,7 +34,7 @@
 
 class sqlite_identities {
  public:
-  static constexpr size_t kMaxCached = size_t{1} << 16;
+  static constexpr size_t kMaxCached = size_t{1} << 14;
   static constexpr int64_t kForgetSlice = 64;
 
   // `connection` must outlive the object.
