@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 
 namespace {
 
@@ -35,11 +36,54 @@ constexpr const char* kForgetHour = "DELETE FROM vorn_result_id_hours WHERE hour
 
 }  // namespace
 
-size_t sqlite_identities::hash_of_hash::operator()(const hash& h) const noexcept {
-  // The bytes of a cryptographic hash are as good a hash as any.
-  size_t value;
-  std::memcpy(&value, h.data(), sizeof value);
-  return value;
+sqlite_identities::key sqlite_identities::key_of(const result_identity& identity) {
+  key k;
+  std::memcpy(&k, identity.hash.data(), sizeof k);
+  return k;
+}
+
+size_t sqlite_identities::key_set::slot(const key& k) const {
+  // The bits of a cryptographic hash are as well spread as any.
+  size_t mask = slots_.size() - 1;
+  size_t i = static_cast<size_t>(k.low) & mask;
+  while (used_[i] && !(slots_[i] == k)) {
+    i = (i + 1) & mask;
+  }
+  return i;
+}
+
+bool sqlite_identities::key_set::contains(const key& k) const {
+  return size_ > 0 && used_[slot(k)];
+}
+
+void sqlite_identities::key_set::insert(const key& k) {
+  if (2 * (size_ + 1) > slots_.size()) {
+    std::vector<key> held;
+    for (size_t i = 0; i < slots_.size(); ++i) {
+      if (used_[i]) {
+        held.push_back(slots_[i]);
+      }
+    }
+    slots_.assign(std::max<size_t>(1024, 2 * slots_.size()), key{});
+    used_.assign(slots_.size(), false);
+    size_ = 0;
+    for (const key& h : held) {
+      insert(h);
+    }
+  }
+  size_t i = slot(k);
+  if (!used_[i]) {
+    slots_[i] = k;
+    used_[i] = true;
+    ++size_;
+  }
+}
+
+void sqlite_identities::key_set::clear() {
+  if (size_ > 0) {
+    used_.assign(used_.size(), false);
+    size_ = 0;
+  }
 }
 
 int sqlite_identities::open(std::string* error) {
@@ -87,9 +131,9 @@ sqlite_identities::minute* sqlite_identities::load(int64_t m, int* rc, std::stri
       query->bindParam(0, storix1::kInt64, 8, &m);
       *rc = query->readData([&](const storix1::DataRow& row) {
         std::string_view hashes = row.blob(0);
-        for (size_t at = 0; at + sizeof(hash) <= hashes.size(); at += sizeof(hash)) {
-          hash& h = fresh.stored.emplace_back();
-          std::memcpy(h.data(), hashes.data() + at, sizeof h);
+        for (size_t at = 0; at + sizeof(key) <= hashes.size(); at += sizeof(key)) {
+          key& k = fresh.stored.emplace_back();
+          std::memcpy(&k, hashes.data() + at, sizeof k);
         }
       });
     }
@@ -128,8 +172,8 @@ void sqlite_identities::drop(int64_t first_minute, int64_t end_minute) {
 }
 
 int sqlite_identities::remember(const result_identity& identity, bool* known, std::string* error) {
-  const hash& h = identity.hash;
-  if (added_set_.count(h) > 0) {
+  const key h = key_of(identity);
+  if (added_set_.contains(h)) {
     *known = true;
     return 0;
   }
@@ -149,11 +193,18 @@ int sqlite_identities::remember(const result_identity& identity, bool* known, st
 
 void sqlite_identities::take_back(const result_identity& identity) {
   auto it = added_.find(identity.end_seconds / kMinute);
-  if (it != added_.end() && !it->second.empty() && it->second.back() == identity.hash) {
-    it->second.pop_back();
-    added_set_.erase(identity.hash);
-    if (it->second.empty()) {
-      added_.erase(it);
+  if (it == added_.end() || it->second.empty() || !(it->second.back() == key_of(identity))) {
+    return;
+  }
+  it->second.pop_back();
+  if (it->second.empty()) {
+    added_.erase(it);
+  }
+  // Rare (a refused row): the set is made anew rather than taught to erase.
+  added_set_.clear();
+  for (const auto& [m, keys] : added_) {
+    for (const key& k : keys) {
+      added_set_.insert(k);
     }
   }
 }
@@ -210,7 +261,7 @@ int sqlite_identities::write(int64_t now, std::string* error) {
     if (rc == 0) {
       int64_t end_minute = m;
       insert->bindParam(0, storix1::kInt64, 8, &end_minute);
-      insert->bindParam(1, storix1::kBlob, hashes.size() * sizeof(hash), hashes.data());
+      insert->bindParam(1, storix1::kBlob, hashes.size() * sizeof(key), hashes.data());
       rc = insert->writeData();
     }
     int64_t hour = m / kMinutesPerHour;
@@ -241,12 +292,13 @@ void sqlite_identities::committed() {
     if (it == minutes_.end()) {
       continue;  // read from the table when next needed
     }
-    std::vector<hash>& stored = it->second.stored;
-    size_t before = stored.size();
+    std::vector<key>& stored = it->second.stored;
     std::sort(hashes.begin(), hashes.end());
-    stored.insert(stored.end(), hashes.begin(), hashes.end());
-    std::inplace_merge(stored.begin(), stored.begin() + static_cast<ptrdiff_t>(before),
-                       stored.end());
+    std::vector<key> merged;
+    merged.reserve(stored.size() + hashes.size());
+    std::merge(stored.begin(), stored.end(), hashes.begin(), hashes.end(),
+               std::back_inserter(merged));
+    stored.swap(merged);
     cached_ += hashes.size();
   }
   for (int64_t hour : hours_emptied_) {

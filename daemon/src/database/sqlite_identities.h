@@ -21,12 +21,10 @@
 //
 // Thread safety: as its connection, one thread at a time.
 
-#include <array>
 #include <cstdint>
 #include <map>
 #include <string>
 #include <unordered_map>
-#include <unordered_set>
 #include <vector>
 
 #include "daemon/src/database/result_identity.h"
@@ -64,12 +62,36 @@ class sqlite_identities {
   void rolled_back();
 
  private:
-  using hash = std::array<unsigned char, result_identity::kHashSize>;
-  struct hash_of_hash {
-    size_t operator()(const hash& h) const noexcept;
+  // A hash as two integers, so that comparing one is no call to memcmp:
+  // the writer compares several for every result.
+  struct key {
+    uint64_t high = 0;
+    uint64_t low = 0;
+    bool operator<(const key& other) const {
+      return high != other.high ? high < other.high : low < other.low;
+    }
+    bool operator==(const key& other) const { return high == other.high && low == other.low; }
   };
+  static_assert(sizeof(key) == result_identity::kHashSize);
+  static key key_of(const result_identity& identity);
+
+  // The keys added in the open transaction: open addressing, so that adding
+  // one allocates nothing.
+  class key_set {
+   public:
+    bool contains(const key& k) const;
+    void insert(const key& k);
+    void clear();
+
+   private:
+    size_t slot(const key& k) const;
+    std::vector<key> slots_;
+    std::vector<bool> used_;
+    size_t size_ = 0;
+  };
+
   struct minute {
-    std::vector<hash> stored;  // sorted
+    std::vector<key> stored;  // sorted
     uint64_t used = 0;
   };
 
@@ -89,8 +111,8 @@ class sqlite_identities {
   // Hour of end time -> when a result of it was last stored, as committed.
   std::map<int64_t, int64_t> hours_;
   // Of the open transaction.
-  std::map<int64_t, std::vector<hash>> added_;  // by minute
-  std::unordered_set<hash, hash_of_hash> added_set_;
+  std::map<int64_t, std::vector<key>> added_;  // by minute, in the order added
+  key_set added_set_;
   std::vector<int64_t> hours_written_;
   std::vector<int64_t> hours_emptied_;
   int64_t written_at_ = 0;

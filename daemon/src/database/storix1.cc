@@ -102,10 +102,11 @@ int Connection::issueCommand(const char* sql) {
 
 int Connection::getDataWriter(const char* sql, DataWriter** writer) {
   *writer = nullptr;
-  for (auto it = idle_writers_.begin(); it != idle_writers_.end(); ++it) {
-    if (std::strcmp(sqlite3_sql((*it)->statement_.get()), sql) == 0) {
-      *writer = it->release();
-      idle_writers_.erase(it);
+  // The writer released last is the one most often asked for again.
+  for (size_t i = idle_writers_.size(); i-- > 0;) {
+    if (std::strcmp(sqlite3_sql(idle_writers_[i]->statement_.get()), sql) == 0) {
+      *writer = idle_writers_[i].release();
+      idle_writers_.erase(idle_writers_.begin() + static_cast<ptrdiff_t>(i));
       return 0;
     }
   }

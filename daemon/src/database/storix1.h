@@ -100,7 +100,7 @@ class DataWriter : public Handle {
 class Connection : public Handle {
  public:
   // Writers kept for reuse; one per SQL text is what a steady writer needs.
-  static constexpr size_t kMaxIdleWriters = 8;
+  static constexpr size_t kMaxIdleWriters = 12;
 
   // Waits for another connection's lock for `milliseconds` at most, and
   // never past *give_up_at when that is set (CLOCK_MONOTONIC milliseconds,
