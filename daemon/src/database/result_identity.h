@@ -11,10 +11,14 @@
 // their identity; two runs never share one, as they differ at least in their
 // host, provider, option set or end time.
 //
-// The end time leads the identity so that a store can keep identities in
-// the order results arrive (near the present, run after run), which keeps
-// writing them cheap, and can forget them by age. A store remembers each
-// identity for at least kRememberSeconds after it stored the result.
+// The end time comes with the identity so that a store can keep identities
+// by time: results arrive near the present, so new identities go next to
+// recent ones, which keeps writing and looking them up cheap, and old ones
+// can be forgotten by age. A store remembers each identity for at least
+// kRememberSeconds after it stored the result.
+//
+// Hashing is the main cost of exactly-once (about 2 us for 1.6 KB here), so
+// the server does it on its receiving thread, beside the writer's inserts.
 //
 // Thread safety: identify() may be called from any thread.
 
