@@ -150,7 +150,7 @@ sqlite_identities::minute* sqlite_identities::load(int64_t m, int* rc, std::stri
 }
 
 void sqlite_identities::evict() {
-  while (cached_ > kMaxCached && minutes_.size() > 1) {
+  while ((cached_ > kMaxCached || minutes_.size() > kMaxMinutes) && minutes_.size() > 1) {
     auto oldest = minutes_.begin();
     for (auto it = minutes_.begin(); it != minutes_.end(); ++it) {
       if (it->second.used < oldest->second.used) {

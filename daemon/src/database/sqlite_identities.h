@@ -7,8 +7,9 @@
 // two, not one per result, which would cost the writer a second insert for
 // every row it stores. Lookups are answered from the identities of recently
 // used minutes, read from the table once and kept, at most kMaxCached of them
-// (the minute in use is always held whole); results arrive near the present,
-// so that is nearly always the current minute.
+// in at most kMaxMinutes minutes (the minute in use is always held whole);
+// results arrive near the present, so that is nearly always the current
+// minute.
 //
 // Table vorn_result_id_hours says, for each hour of end time, when a result of
 // it was last stored (to the minute). An hour nothing was stored into for
@@ -33,6 +34,7 @@
 class sqlite_identities {
  public:
   static constexpr size_t kMaxCached = size_t{1} << 14;
+  static constexpr size_t kMaxMinutes = 1024;
   static constexpr int64_t kForgetSlice = 64;
 
   // `connection` must outlive the object.
@@ -98,8 +100,8 @@ class sqlite_identities {
   // The stored identities of minute `m`, read from the table when not held;
   // null on failure.
   minute* load(int64_t m, int* rc, std::string* error);
-  // Lets go of the minutes used longest ago while more than kMaxCached are
-  // held, keeping at least the last used.
+  // Lets go of the minutes used longest ago while more than kMaxCached
+  // identities or kMaxMinutes minutes are held, keeping the last used.
   void evict();
   void drop(int64_t first_minute, int64_t end_minute);
 
