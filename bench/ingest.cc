@@ -7,7 +7,14 @@
 //
 // The main row (4 senders, 1 KiB unless -s and -o say otherwise) is measured
 // RUNS times (default 5), each time also with CURVE (a key per sender), for
-// the cost of authentication and encryption; -q measures only that row.
+// the cost of authentication and encryption, and with the server's store with
+// and without exactly-once, for the cost of recognising results sent again;
+// -q measures only that row.
+//
+// vorn-serverd has no switch for exactly-once: for that comparison this
+// program runs the same accumulate server and store itself, in a process of
+// its own ("ingest --serve exactly-once|at-least-once -c CONFIG"), once each
+// way.
 
 #include <fcntl.h>
 #include <sys/time.h>
@@ -25,8 +32,12 @@
 #include <vector>
 
 #include "bench/support.h"
+#include "daemon/src/config/config.h"
+#include "daemon/src/database/database.h"
 #include "daemon/src/provider/result.h"
 #include "daemon/src/provider/sender.h"
+#include "daemon/src/serverd/accumulate_server.h"
+#include "daemon/src/serverd/daemon_options.h"
 #include "daemon/src/serverd/pub_ack_answerer.h"
 #include "daemon/src/serverd/receiver.h"
 #include "util/log.h"
@@ -161,10 +172,12 @@ struct ServerRun {
   std::vector<double> latencies;  // seconds, when probed
 };
 
-// The real server, storing into a fresh database. The clock runs from the
-// first result sent until the last row is visible to another connection.
-ServerRun measure_server(const std::string& serverd, const Load& load, const std::string& dir,
-                         bool probe_latency, const vorn::bench::CurveKeys* curve = nullptr) {
+// The server started by `server` and "-c CONFIG", storing into a fresh
+// database. The clock runs from the first result sent until the last row is
+// visible to another connection.
+ServerRun measure_server(const std::vector<std::string>& server, const Load& load,
+                         const std::string& dir, bool probe_latency,
+                         const vorn::bench::CurveKeys* curve = nullptr) {
   int port = vorn::bench::free_port();
   std::string config_path = dir + "/vornd.xml";
   std::string db = dir + "/vorn.db";
@@ -173,7 +186,9 @@ ServerRun measure_server(const std::string& serverd, const Load& load, const std
   }
   vorn::bench::write_server_config(config_path, port, dir, db,
                                    curve != nullptr ? curve->server_config() : "");
-  pid_t server = vorn::bench::spawn({serverd, "-c", config_path}, "");
+  std::vector<std::string> command = server;
+  command.insert(command.end(), {"-c", config_path});
+  pid_t server_pid = vorn::bench::spawn(command, "");
   ServerRun run;
   Clock::time_point start;
   std::atomic<bool> sent{false};
@@ -204,10 +219,10 @@ ServerRun measure_server(const std::string& serverd, const Load& load, const std
     }
   }
   senders.join();
-  run.peak_rss_kib = vorn::bench::proc_status_kib(server, "VmHWM");
-  run.cpu_s = static_cast<double>(vorn::bench::cpu_ticks(server)) /
+  run.peak_rss_kib = vorn::bench::proc_status_kib(server_pid, "VmHWM");
+  run.cpu_s = static_cast<double>(vorn::bench::cpu_ticks(server_pid)) /
               static_cast<double>(::sysconf(_SC_CLK_TCK));
-  vorn::bench::stop(server);
+  vorn::bench::stop(server_pid);
   run.lost = load.total - Reader(db).last_rowid();
   run.stored_per_s = last / elapsed;
   return run;
@@ -326,7 +341,7 @@ struct Row {
 };
 
 void measure_row(const std::string& serverd, const std::string& dir, Row& row) {
-  ServerRun run = measure_server(serverd, row.load, dir, false);
+  ServerRun run = measure_server({serverd}, row.load, dir, false);
   row.runs.push_back(run);
   row.received.push_back(measure_receive_only(row.load));
   row.bulk.push_back(measure_bulk_insert(row.load, dir));
@@ -378,9 +393,35 @@ void print_values(const char* what, const std::vector<double>& values) {
   std::printf("   median %.0f\n", median(values));
 }
 
+// This program's own file, to start it again as a server.
+std::string own_path() {
+  char path[4096];
+  ssize_t size = ::readlink("/proc/self/exe", path, sizeof path - 1);
+  return size > 0 ? std::string(path, static_cast<size_t>(size)) : "";
+}
+
+// The accumulate server and store of vorn-serverd, in this process, with or
+// without exactly-once; it stops at SIGTERM as vorn-serverd stops at a second.
+int serve(const std::string& mode, const char* config_path) {
+  vorn::log::LOG_LEVEL = 4;
+  daemon_config config;
+  if (read_config(config, config_path) != 0) {
+    return 1;
+  }
+  sqlite store(config, mode == "exactly-once");
+  if (!store.usable()) {
+    return 1;
+  }
+  daemon_options options;
+  return run_accumulate_server(options, config, &store) ? 0 : 1;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (argc == 5 && std::string(argv[1]) == "--serve" && std::string(argv[3]) == "-c") {
+    return serve(argv[2], argv[4]);
+  }
   std::string serverd = VORN_SERVERD_PATH;
   int main_runs = 5;
   bool quick = false;
@@ -460,9 +501,20 @@ int main(int argc, char** argv) {
     return 1;
   }
   std::vector<ServerRun> curve_runs;
+  std::vector<ServerRun> once_runs;
+  std::vector<ServerRun> plain_runs;
+  const std::string self = own_path();
   for (int i = 0; i < main_runs; ++i) {
     measure_row(serverd, dir, main_row);
-    curve_runs.push_back(measure_server(serverd, main_row.load, dir, false, &keys));
+    curve_runs.push_back(measure_server({serverd}, main_row.load, dir, false, &keys));
+    // Both ways one after the other, which first alternating, so that both
+    // see the same machine.
+    for (bool exactly_once : {i % 2 == 0, i % 2 != 0}) {
+      ServerRun run =
+          measure_server({self, "--serve", exactly_once ? "exactly-once" : "at-least-once"},
+                         main_row.load, dir, false);
+      (exactly_once ? once_runs : plain_runs).push_back(run);
+    }
   }
   print_row(main_row);
 
@@ -503,12 +555,41 @@ int main(int argc, char** argv) {
   const double curve_r = median(curve_ratio) / 100;
   std::printf("  goal 0.7 of plaintext: %s\n", curve_r >= 0.7 ? "met" : "not met");
 
+  std::vector<double> once_stored;
+  std::vector<double> plain_stored;
+  std::vector<double> once_ratio;
+  std::vector<double> once_rss;
+  std::vector<double> plain_rss;
+  std::vector<double> once_cpu_ns;
+  std::vector<double> plain_cpu_ns_own;
+  for (size_t i = 0; i < once_runs.size(); ++i) {
+    once_stored.push_back(once_runs[i].stored_per_s);
+    plain_stored.push_back(plain_runs[i].stored_per_s);
+    once_ratio.push_back(once_runs[i].stored_per_s / plain_runs[i].stored_per_s * 100);
+    once_rss.push_back(static_cast<double>(once_runs[i].peak_rss_kib) / 1024);
+    plain_rss.push_back(static_cast<double>(plain_runs[i].peak_rss_kib) / 1024);
+    once_cpu_ns.push_back(once_runs[i].cpu_s / results * 1e9);
+    plain_cpu_ns_own.push_back(plain_runs[i].cpu_s / results * 1e9);
+  }
+  std::printf("\nExactly-once against the same server without it (both run by this program):\n");
+  print_values("exactly-once stored/s", once_stored);
+  print_values("without it, stored/s", plain_stored);
+  print_values("once/without, percent", once_ratio);
+  print_values("server CPU/result, ns", once_cpu_ns);
+  print_values("  the same, without", plain_cpu_ns_own);
+  print_values("peak RSS MiB", once_rss);
+  print_values("  the same, without", plain_rss);
+  const double once_r = median(once_ratio) / 100;
+  const bool memory_kept = median(once_rss) <= median(plain_rss) + 1;
+  std::printf("  goal 0.9 of the rate without it, and no more memory: %s and %s\n",
+              once_r >= 0.9 ? "met" : "not met", memory_kept ? "met" : "not met");
+
   // Arrival to commit, with the senders paced at half the stored rate so
   // that results do not queue on their way: the time from sending to the
   // row's visibility to another connection.
   const int senders = main_row.load.senders;
   Load paced{senders, main_row.load.output_bytes, static_cast<long>(s) / senders * senders, s / 2};
-  ServerRun probe = measure_server(serverd, paced, dir, true);
+  ServerRun probe = measure_server({serverd}, paced, dir, true);
   std::sort(probe.latencies.begin(), probe.latencies.end());
   auto percentile = [&](double p) {
     return probe.latencies.empty()
@@ -530,8 +611,10 @@ int main(int argc, char** argv) {
   for (const ServerRun& run : main_row.runs) {
     lost += run.lost;
   }
-  for (const ServerRun& run : curve_runs) {
-    lost += run.lost;
+  for (const std::vector<ServerRun>* runs : {&curve_runs, &once_runs, &plain_runs}) {
+    for (const ServerRun& run : *runs) {
+      lost += run.lost;
+    }
   }
   std::printf("lost: %ld\n", lost);
 

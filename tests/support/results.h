@@ -3,6 +3,7 @@
 
 #include <sqlite3.h>
 
+#include <atomic>
 #include <string>
 #include <vector>
 
@@ -11,15 +12,18 @@
 
 namespace vorn::test {
 
+// Each sample is a run of its own, ending a microsecond after the one before
+// (from .000042): the server stores a result it receives twice only once.
 inline provider_result sample_result(const std::string& name, const std::string& out,
                                      const std::string& err = "", const std::string& nodes = "") {
+  static std::atomic<long> runs{0};
   provider_result r;
   r.header.api = 1;
   r.header.exit_status = 3;
   vorn::str::copy(r.header.name, name);
   r.header.encoding = 0;
   r.header.timestamp.tv_sec = 1700000000;
-  r.header.timestamp.tv_usec = 42;
+  r.header.timestamp.tv_usec = 42 + runs++ % 999000;
   r.header.duration = 2.5;
   vorn::str::copy(r.header.hostname, "node17");
   r.header.nodes_size = nodes.size();

@@ -64,7 +64,8 @@ std::string text(const T& value) {
 }
 
 // A daemon configuration file body: `keys` inside a configuration element,
-// with discovery switched off so that no test broadcasts.
+// with discovery switched off so that no test broadcasts, and health rows
+// off unless `keys` sets heartbeat_period.
 std::string config_xml(const std::string& keys);
 
 // A program run with fork and exec; standard output and error go to files in

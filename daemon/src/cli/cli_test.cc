@@ -13,6 +13,7 @@
 #include <map>
 #include <memory>
 #include <regex>
+#include <sstream>
 #include <thread>
 
 #include <nlohmann/json.hpp>
@@ -77,6 +78,29 @@ std::vector<std::string> first_lines(const std::vector<json>& objects, bool sort
   return lines;
 }
 
+// The standard output of a daemon's health row (README, "Health rows"): its
+// keys in their order, each value distinct so that a series read back names
+// its key; `values` replaces some.
+std::string health_output(const std::string& provider,
+                          const std::map<std::string, std::string>& values = {}) {
+  const std::string node =
+      "version=3.1.2\nuptime_s=1001\nfiles_waiting=5\noldest_waiting_s=120\nruns=10\n"
+      "failures=2\ntimeouts=1\nlost=3\nrejected=4\nserver=tcp://127.0.0.1:1974\n"
+      "sleep_mode=1\nlast_progress_s=7\n";
+  const std::string server =
+      "version=3.1.2\nuptime_s=2002\nresults_stored=1000\nduplicates_dropped=11\n"
+      "pub_ack_answered=12\npub_ack_dropped=13\npub_ack_refused=14\ndatabase_retries=15\n"
+      "database_unavailable_s=16\nwriter_queue=17\npeers=18\n";
+  std::string out;
+  std::istringstream lines(provider == "vorn-noded" ? node : server);
+  for (std::string line; std::getline(lines, line);) {
+    std::string key = line.substr(0, line.find('='));
+    auto replaced = values.find(key);
+    out += replaced != values.end() ? key + "=" + replaced->second + "\n" : line + "\n";
+  }
+  return out;
+}
+
 class CliTest : public testing::Test {
  protected:
   void SetUp() override {
@@ -85,7 +109,10 @@ class CliTest : public testing::Test {
         config_, vorn::test::config_xml("<accumulate_port>" + std::to_string(port_) +
                                         "</accumulate_port>\n<accumulate_output_dir>" +
                                         (dir_ / "acc") + "</accumulate_output_dir>\n" +
-                                        "<database_file>" + db_path() + "</database_file>\n"));
+                                        "<database_file>" + db_path() + "</database_file>\n" +
+                                        // The tests count the rows they send; the server's
+                                        // own would be in the way.
+                                        "<heartbeat_period>0</heartbeat_period>\n"));
   }
 
   std::string db_path() const { return dir_ / "db/vorn.db"; }
@@ -270,6 +297,82 @@ TEST_F(CliTest, LatestFailingAndStaleSetsOfAHandMadeHistory) {
                                                    "7\tload\tnode1\tbig\t2\t1h\t2\\.50s\t"
                                                    "load big fails\n")))
       << tsv.out;
+}
+
+// The daemons' health rows have no period in the database: each host's rows
+// show theirs, and its newest is stale after three of its intervals.
+TEST_F(CliTest, HealthRowsAreStaleByTheirOwnInterval) {
+  start_server();
+  const std::string node = health_output("vorn-noded");
+  const std::string trouble = "files waiting for 900 s without the server confirming any\n";
+  struct Host {
+    const char* comment;
+    std::string provider;
+    std::string host;
+    std::vector<int> ages;  // of its rows, oldest first
+    int exit_status = 0;
+  } hosts[] = {
+      {"a row a minute, the newest half a minute old", "vorn-noded", "alive", {150, 90, 30}},
+      {"a row a minute, silent for almost seven", "vorn-noded", "silent", {520, 460, 400}},
+      {"a row an hour, the newest half an hour old", "vorn-noded", "hourly", {9000, 5400, 1800}},
+      {"restarted 5 s after a row: the period is the longer interval",
+       "vorn-noded",
+       "restarted",
+       {170, 110, 105}},
+      {"one row, five minutes old: judged by the others' minute", "vorn-noded", "new", {300}},
+      {"in trouble", "vorn-noded", "troubled", {100, 40}, 1},
+      {"the server's rows, a minute apart", "vorn-serverd", "collector", {130, 70, 10}},
+  };
+  std::vector<Sent> sent = {{"load", "alive", "None", 0, 7200, "load silent\n"}};
+  for (const Host& h : hosts) {
+    for (int age : h.ages) {
+      sent.push_back({h.provider, h.host, "", h.exit_status, age, health_output(h.provider),
+                      h.exit_status != 0 ? trouble : ""});
+    }
+  }
+  send(sent);
+
+  auto listed = [](const std::vector<json>& objects) {
+    std::vector<std::string> names;
+    for (const json& o : objects) {
+      names.push_back(o.at("provider").get<std::string>() + " " + o.at("host").get<std::string>());
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+  };
+  struct Row {
+    const char* comment;
+    std::vector<std::string> args;
+    std::vector<std::string> want;
+  } rows[] = {
+      {"silent nodes, each by its own interval",
+       {"stale", "-p", "vorn-noded"},
+       {"vorn-noded new", "vorn-noded silent"}},
+      {"and by a limit given for all",
+       {"stale", "-p", "vorn-noded", "--older-than", "10m"},
+       {"vorn-noded hourly"}},
+      {"every provider: the others by the default 10m",
+       {"stale"},
+       {"load alive", "vorn-noded new", "vorn-noded silent"}},
+      {"one host: still judged by the others' interval",
+       {"stale", "-H", "new"},
+       {"vorn-noded new"}},
+      {"a health row with exit status 1 is failing", {"failing"}, {"vorn-noded troubled"}},
+      {"one latest row per daemon", {"latest", "-p", "vorn-serverd"}, {"vorn-serverd collector"}},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.comment);
+    EXPECT_EQ(listed(vorn_json(row.args)), row.want);
+  }
+
+  // Its keys in full, and why it is in trouble.
+  std::vector<json> troubled = vorn_json({"failing"});
+  ASSERT_EQ(troubled.size(), 1u);
+  const std::string rowid = std::to_string(troubled[0].at("rowid").get<int>());
+  EXPECT_EQ(vorn({"show", rowid, "--db", db_path()}).out, node);
+  EXPECT_EQ(vorn({"show", rowid, "--stderr", "--db", db_path()}).out, trouble);
+  Outcome help = vorn({"stale", "--help"});
+  EXPECT_NE(help.out.find("three times its interval"), std::string::npos) << help.out;
 }
 
 // A run killed at its time-out exits with 0; the last line of its standard
@@ -473,6 +576,20 @@ TEST_F(CliTest, MetricsReadBackByThePrometheusParser) {
       {"hung", "node2", "None", 0, 50, "e\n", time_out_line(60)},
   };
   send(sent);
+  // The daemons' health rows, one of them garbled; a node's newest over two
+  // option sets.
+  const std::vector<Sent> health = {
+      {"vorn-noded", "node\"1\"", "", 0, 60, health_output("vorn-noded")},
+      {"vorn-serverd", "collector", "", 0, 60, health_output("vorn-serverd")},
+      {"vorn-serverd", "collector2", "", 1, 60, health_output("vorn-serverd", {{"peers", "-1"}})},
+      {"vorn-noded", "garbled", "", 0, 60,
+       "files_waiting=lots\nruns=\n=5\nuptime_s=12abc\nsleep_mode=0\r\nbogus_key=9\n\xff\x01"
+       "binary\nlost=nan\noldest_waiting_s=1e2\nrejected=0x10\ntimeouts= "
+       "3\nsleep_mode=1\nfailures"},
+      {"vorn-noded", "node2", "", 0, 120, health_output("vorn-noded", {{"files_waiting", "1"}})},
+      {"vorn-noded", "node2", "x", 0, 60, health_output("vorn-noded", {{"files_waiting", "9"}})},
+  };
+  send(health);
   auto server = serve();
   auto metrics = get("/metrics");
   ASSERT_TRUE(metrics);
@@ -501,8 +618,10 @@ TEST_F(CliTest, MetricsReadBackByThePrometheusParser) {
   EXPECT_EQ(types["vorn_result_exit_status"], "gauge");
   EXPECT_EQ(types["vorn_results_total"], "counter");
   EXPECT_EQ(types["vorn_result_timed_out"], "gauge");
-  EXPECT_EQ((values[{"vorn_results_total", "", "", ""}]), 5);
-  EXPECT_EQ(values.size(), 4 * sent.size() + 1) << parser.out();
+  EXPECT_EQ((values[{"vorn_results_total", "", "", ""}]), 11);
+  // Four series of each result, the count, and the health rows' series.
+  EXPECT_EQ(values.size(), 4 * (sent.size() + health.size()) + 1 + 10 + 10 + 9 + 2 + 10)
+      << parser.out();
   for (const Sent& r : sent) {
     std::string provider = r.provider == "bad\xff utf-8" ? "bad\xEF\xBF\xBD utf-8" : r.provider;
     SCOPED_TRACE(provider);
@@ -513,6 +632,63 @@ TEST_F(CliTest, MetricsReadBackByThePrometheusParser) {
     EXPECT_EQ((values[{"vorn_result_timed_out", provider, r.host, r.option_set}]),
               r.provider == "hung" ? 1 : 0);
   }
+  struct Series {
+    const char* name;
+    const char* type;
+    std::string host;
+    double value;
+  } series[] = {
+      {"vorn_node_uptime_seconds", "gauge", "node\"1\"", 1001},
+      {"vorn_node_queue_files", "gauge", "node\"1\"", 5},
+      {"vorn_node_oldest_file_age_seconds", "gauge", "node\"1\"", 120},
+      {"vorn_node_runs_total", "counter", "node\"1\"", 10},
+      {"vorn_node_failures_total", "counter", "node\"1\"", 2},
+      {"vorn_node_timeouts_total", "counter", "node\"1\"", 1},
+      {"vorn_node_lost_results_total", "counter", "node\"1\"", 3},
+      {"vorn_node_rejected_files_total", "counter", "node\"1\"", 4},
+      {"vorn_node_sleep_mode", "gauge", "node\"1\"", 1},
+      {"vorn_node_last_progress_age_seconds", "gauge", "node\"1\"", 7},
+      {"vorn_server_uptime_seconds", "gauge", "collector", 2002},
+      {"vorn_server_results_stored_total", "counter", "collector", 1000},
+      {"vorn_server_duplicates_dropped_total", "counter", "collector", 11},
+      {"vorn_server_pub_ack_answered_total", "counter", "collector", 12},
+      {"vorn_server_pub_ack_dropped_total", "counter", "collector", 13},
+      {"vorn_server_pub_ack_refused_total", "counter", "collector", 14},
+      {"vorn_server_database_retries_total", "counter", "collector", 15},
+      {"vorn_server_database_unavailable_seconds_total", "counter", "collector", 16},
+      {"vorn_server_writer_queue", "gauge", "collector", 17},
+      {"vorn_server_peers", "gauge", "collector", 18},
+      // The newest row of the host, whatever its option set.
+      {"vorn_node_queue_files", "gauge", "node2", 9},
+      // Of a garbled row, what is a number.
+      {"vorn_node_sleep_mode", "gauge", "garbled", 0},
+      {"vorn_node_oldest_file_age_seconds", "gauge", "garbled", 100},
+  };
+  for (const Series& x : series) {
+    SCOPED_TRACE(std::string(x.name) + " of " + x.host);
+    EXPECT_EQ(types[x.name], x.type);
+    EXPECT_EQ((values[{x.name, "", x.host, ""}]), x.value);
+  }
+  EXPECT_EQ((values.count({"vorn_server_peers", "", "collector2", ""})), 0u) << "-1: unknown";
+  // The parser keeps the last of two samples of a series; Prometheus refuses the scrape.
+  EXPECT_EQ(vorn::test::occurrences(metrics->body, "\nvorn_node_queue_files{host=\"node2\"} "), 1);
+  if (std::system("command -v promtool >/dev/null 2>&1") == 0) {
+    Process lint({"/bin/sh", "-c", "exec promtool check metrics < '" + metrics_file + "'"},
+                 dir_.path());
+    EXPECT_EQ(lint.wait_exit(), 0) << lint.out() << lint.err();
+    EXPECT_EQ(lint.out() + lint.err(), "");
+  }
+  // The page's view of the same rows.
+  auto health_lines = get("/api/health");
+  ASSERT_TRUE(health_lines);
+  std::vector<json> objects = json_lines(health_lines->body);
+  ASSERT_EQ(objects.size(), 5u) << health_lines->body;
+  const json& node2 = objects[2];
+  EXPECT_EQ(node2.at("host"), "node2");
+  EXPECT_EQ(node2.at("interval_seconds"), 60);
+  EXPECT_EQ(node2.at("stale_after_seconds"), 180);
+  EXPECT_EQ(node2.at("fields").at("files_waiting"), "9");
+  EXPECT_EQ(node2.at("fields").at("server"), "tcp://127.0.0.1:1974");
 
   // The JSON of the API is the command line's; ages may have moved on.
   auto without_age = [](std::vector<json> objects) {
@@ -653,6 +829,18 @@ TEST_F(CliTest, StatusPageInHeadlessChromium) {
   for (int i = 1; i <= 8; ++i) {
     sent.push_back({wide + std::to_string(i), "node4", "None", 0, 5, "wide\n"});
   }
+  // The daemons' health rows, after the results the checks below name by rowid.
+  const std::string trouble = health_output(
+      "vorn-noded", {{"files_waiting", "12"}, {"oldest_waiting_s", "900"}, {"sleep_mode", "0"}});
+  sent.insert(sent.end(), {
+                              {"vorn-noded", "node1", "", 0, 65, health_output("vorn-noded")},
+                              {"vorn-noded", "node1", "", 0, 5, health_output("vorn-noded")},
+                              {"vorn-noded", "node2", "", 1, 5, trouble, "stuck\n"},
+                              {"vorn-serverd", "node3", "", 0, 1260, health_output("vorn-serverd")},
+                              {"vorn-serverd", "node3", "", 0, 1200, health_output("vorn-serverd")},
+                              {"vorn-noded", "node4", "", 0, 5400, health_output("vorn-noded")},
+                              {"vorn-noded", "node4", "", 0, 1800, health_output("vorn-noded")},
+                          });
   send(sent);
   std::string why;
   std::unique_ptr<vorn::test::TestNetwork> net;
@@ -681,6 +869,9 @@ TEST_F(CliTest, StatusPageInHeadlessChromium) {
     EXPECT_EQ(
         browser.wait_for("return document.getElementById('stderr').textContent", "no space\n"),
         "no space\n");
+    // The pane's result and the grid come from separate requests.
+    EXPECT_EQ(browser.wait_for("return document.getElementById('count-stored').textContent", "20"),
+              "20");
     std::string dom = browser.run("return document.documentElement.outerHTML").get<std::string>();
     struct Row {
       const char* comment;
@@ -688,7 +879,8 @@ TEST_F(CliTest, StatusPageInHeadlessChromium) {
     } rows[] = {
         {"the grid's columns",
          "<div role=\"columnheader\">host</div><div role=\"columnheader\">disk</div>"
-         "<div role=\"columnheader\">load</div><div role=\"columnheader\">" +
+         "<div role=\"columnheader\">load</div><div role=\"columnheader\">vorn-noded</div>"
+         "<div role=\"columnheader\">vorn-serverd</div><div role=\"columnheader\">" +
              wide + "1</div>"},
         {"a failing tile, the linked one",
          "<a class=\"r fail selected\" href=\"#rowid=2\" data-rowid=\"2\">1</a>"},
@@ -697,10 +889,17 @@ TEST_F(CliTest, StatusPageInHeadlessChromium) {
         {"an old failure", "<a class=\"r fail stale\" href=\"#rowid=5\""},
         {"killed at its time-out: failing, exit 0",
          "<a class=\"r fail timed-out\" href=\"#rowid=4\" data-rowid=\"4\">0 T</a>"},
-        {"counts",
-         "id=\"count-hosts\">4<[\\s\\S]*id=\"count-providers\">10<[\\s\\S]*id=\"count-keys\">13<"
-         "[\\s\\S]*id=\"count-stored\">13<[\\s\\S]*id=\"count-failing\">3<[\\s\\S]*id=\"count-"
-         "stale\">2<"},
+        {"a node's health beside its name: queue, oldest file, sleep mode",
+         "<span class=\"host\">node1</span><span class=\"health\" data-health=\"[0-9]+\">5 queued, "
+         "oldest 2m, asleep</span></div>"},
+        {"in trouble: its exit status is 1",
+         "<span class=\"host\">node2</span><span class=\"health trouble\" [^>]*>12 queued, oldest "
+         "15m, in trouble</span></div>"},
+        {"a server's health, stale after three of its minutes",
+         "<span class=\"host\">node3</span><span class=\"health stale\" [^>]*>silent 20m, server: "
+         "17 to write, 18 peers</span></div>"},
+        {"a health row an hour apart is not stale at half an hour",
+         "<a class=\"r ok\" href=\"#rowid=20\" data-rowid=\"20\">0</a>"},
         {"the time of a refresh", "id=\"timing\">refreshed in [0-9]+ ms"},
         {"the linked result's output, as text",
          "<pre id=\"stdout\">disk &lt;b&gt;full&lt;/b&gt;\n</pre>"},
@@ -709,6 +908,15 @@ TEST_F(CliTest, StatusPageInHeadlessChromium) {
       SCOPED_TRACE(row.comment);
       EXPECT_TRUE(std::regex_search(dom, std::regex(row.pattern))) << dom;
     }
+    // The counts; a regular expression over the whole page would, failing,
+    // take more stack than the thread has.
+    EXPECT_EQ(browser.run("return ['hosts', 'providers', 'keys', 'stored', 'failing', 'stale']"
+                          ".map(c => document.getElementById('count-' + c).textContent)"),
+              json({"4", "12", "17", "20", "4", "3"}));
+    // The host column is measured wide enough for the names and their health.
+    EXPECT_EQ(browser.run("return [...document.querySelectorAll('#grid [role=rowheader]')]"
+                          ".filter(e => e.scrollWidth > e.clientWidth).map(e => e.textContent)"),
+              json::array());
 
     // The pane narrows the grid's area instead of covering it, and the
     // selected tile, in the last column, is in sight, clear of the host column:
@@ -751,7 +959,8 @@ TEST_F(CliTest, StatusPageInHeadlessChromium) {
     // The view's controls: which hosts are listed, and the address that
     // reproduces the view (the selected result stays selected).
     const std::string hosts =
-        "return [...document.querySelectorAll('#grid [role=rowheader]')].map(e => e.textContent)";
+        "return [...document.querySelectorAll('#grid [role=rowheader] .host')].map(e => "
+        "e.textContent)";
     struct Step {
       const char* comment;
       std::string click;

@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <ctime>
 
+#include "daemon/src/cli/health.h"
+
 namespace vorn::cli {
 
 namespace {
@@ -227,6 +229,28 @@ nlohmann::json result_json(const Result& row) {
   out["version"] = row.version;
   out["stored_at"] = row.stored_at;
   return out;
+}
+
+nlohmann::json health_json(const Health& health, int64_t now) {
+  const Summary& row = health.row;
+  nlohmann::json fields = nlohmann::json::object();
+  for_each_health_field(health.output, [&fields](std::string_view key, std::string_view value) {
+    std::string name(key);
+    if (!fields.contains(name)) {
+      fields[name] = std::string(value);
+    }
+  });
+  return {
+      {"rowid", row.rowid},
+      {"provider", row.provider},
+      {"host", row.host},
+      {"exit_status", row.exit_status},
+      {"timed_out", row.timed_out},
+      {"age_seconds", now - row.timestamp},
+      {"interval_seconds", health.interval ? nlohmann::json(*health.interval) : nlohmann::json()},
+      {"stale_after_seconds", health.stale_after},
+      {"fields", fields},
+      {"reason", health.reason}};
 }
 
 std::string json_line(const nlohmann::json& value) {

@@ -34,6 +34,10 @@ std::string valid_utf8(const std::string& text);
 
 nlohmann::json summary_json(const Summary& row, int64_t now);
 nlohmann::json result_json(const Result& row);
+// A host's newest health row: who, when, its interval (null when not seen)
+// and the age at which it is stale, its key=value lines as texts ("fields")
+// and the first line of its standard error ("reason").
+nlohmann::json health_json(const Health& health, int64_t now);
 
 // One line (newline included) of compact JSON.
 std::string json_line(const nlohmann::json& value);

@@ -136,7 +136,7 @@ void route(httplib::Server* server, StorePool* pool, const ServeOptions& options
     with_store(pool, response, [&](StorePool::Lease& store) {
       int64_t total = store->results_total();
       std::vector<Summary> latest = store->latest(Filter{}, false);
-      response.set_content(exposition(latest, total), kMetricsContentType);
+      response.set_content(exposition(latest, total, store->health(false)), kMetricsContentType);
     });
   });
 
@@ -147,6 +147,18 @@ void route(httplib::Server* server, StorePool* pool, const ServeOptions& options
       std::string body;
       for (const Summary& row : store->latest(filter)) {
         body += json_line(summary_json(row, t));
+      }
+      set_json_lines(request, response, body);
+    });
+  });
+
+  server->Get("/api/health", [pool](const httplib::Request& request, httplib::Response& response) {
+    with_store(pool, response, [&](StorePool::Lease& store) {
+      std::vector<Health> health = store->health(true);
+      int64_t t = now();
+      std::string body;
+      for (const Health& h : health) {
+        body += json_line(health_json(h, t));
       }
       set_json_lines(request, response, body);
     });

@@ -7,6 +7,8 @@
 //                     ?provider= and ?host= restrict them
 //   GET /api/history  ?provider= (required), &host=, &since=, &limit=: as `vorn history --json`
 //   GET /api/result   ?rowid=: one result with both outputs, as one JSON object
+//   GET /api/health   the newest health row of each provider and host, one JSON object per
+//                     line (format.h, health_json), with the age at which it is stale
 //
 // Each connection has a thread of its own, with limits on how many and for
 // how long (connection_guard.h); each request a read-only connection of the

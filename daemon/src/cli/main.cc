@@ -6,6 +6,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -18,6 +19,7 @@
 #include <CLI/CLI.hpp>
 
 #include "daemon/src/cli/format.h"
+#include "daemon/src/cli/health.h"
 #include "daemon/src/cli/http.h"
 #include "daemon/src/cli/query.h"
 #include "daemon/src/config/config.h"
@@ -202,12 +204,17 @@ int main(int argc, char** argv) {
   add_filters(latest);
   CLI::App* failing = app.add_subcommand("failing", "latest results whose exit status is not 0");
   add_filters(failing);
-  CLI::App* stale = app.add_subcommand(
-      "stale", "provider and host pairs whose latest result is older than --older-than");
+  CLI::App* stale =
+      app.add_subcommand("stale",
+                         "provider and host pairs whose latest result is older than --older-than; "
+                         "`vorn stale -p vorn-noded` lists the nodes that went silent");
   add_filters(stale);
-  stale->add_option("--older-than", request.older_than, "age, such as 90s, 10m, 2h or 1d")
-      ->check(duration)
-      ->capture_default_str();
+  auto* older_than =
+      stale
+          ->add_option("--older-than", request.older_than,
+                       "age, such as 90s, 10m, 2h or 1d; given, it holds for the health rows too")
+          ->check(duration)
+          ->capture_default_str();
 
   CLI::App* history = app.add_subcommand("history", "results of a provider, newest first");
   history->add_option("-p,--provider", request.provider, "the provider")->required();
@@ -229,7 +236,7 @@ int main(int argc, char** argv) {
   CLI::App* serve =
       app.add_subcommand("serve",
                          "HTTP server: the status page at /, /metrics for Prometheus, /api/latest, "
-                         "/api/history, /api/result");
+                         "/api/history, /api/result, /api/health");
   serve->add_option("--listen", request.listen, "address; port 0 lets the system choose")
       ->check(address)
       ->capture_default_str();
@@ -259,6 +266,14 @@ int main(int argc, char** argv) {
     }
     command->footer("Every command also takes -c FILE (the daemon configuration) or --db FILE.");
   }
+  stale->footer(
+      "Health rows (providers vorn-noded and vorn-serverd, one per heartbeat_period) have no\n"
+      "period in the database: unless --older-than is given, a host's health row is stale when\n"
+      "it is older than three times its interval, the longer of the two between its three\n"
+      "newest health rows (the one, of two). A host with fewer than two health rows among the\n"
+      "last 1,000,000 results takes the median interval of the other hosts of its provider,\n"
+      "and without any the default period, 1h: stale after 3h.\n\n"
+      "Every command also takes -c FILE (the daemon configuration) or --db FILE.");
 
   try {
     app.parse(argc, argv);
@@ -302,7 +317,14 @@ int main(int argc, char** argv) {
     if (failing->parsed()) {
       rows = vorn::cli::failing(rows);
     } else if (stale->parsed()) {
-      rows = vorn::cli::stale(rows, now, *vorn::cli::parse_duration(request.older_than));
+      vorn::cli::StaleLimits own;
+      bool any_health = std::any_of(rows.begin(), rows.end(), [](const Summary& row) {
+        return vorn::cli::is_health_provider(row.provider);
+      });
+      if (older_than->count() == 0 && any_health) {
+        own = vorn::cli::stale_limits(store.health(true));
+      }
+      rows = vorn::cli::stale(rows, now, *vorn::cli::parse_duration(request.older_than), own);
     }
     print(rows, request.json, now);
     return 0;

@@ -59,6 +59,14 @@ constexpr const char* kPage = R"html(<!DOCTYPE html>
   .r.ok.stale { background: #c4c4c0; color: #1d1d1d; }
   .r.fail.stale { background: #e8a9a9; color: #6d0000; }
   .r.selected { outline: 2px solid #1d1d1d; outline-offset: 1px; }
+  /* A daemon's health beside its host's name: grey when fine, red when in
+     trouble, framed and faded when its newest health row is stale. */
+  .health { display: inline-block; margin-left: 6px; padding: 0 4px; border: 2px solid transparent;
+            border-radius: 3px; background: #e0e0dc; font-size: 12px; line-height: 16px;
+            font-variant-numeric: tabular-nums; }
+  .health.trouble { background: #c62828; color: #fff; }
+  .health.stale { border-color: #5f5f5f; background: #c4c4c0; }
+  .health.trouble.stale { background: #e8a9a9; color: #6d0000; }
   #detail pre { background: #f3f3f0; padding: 6px; max-height: 40vh; overflow: auto;
                 white-space: pre-wrap; word-break: break-all; }
   #detail dl { display: grid; grid-template-columns: max-content auto; gap: 2px 12px; margin: 6px 0; }
@@ -85,7 +93,9 @@ constexpr const char* kPage = R"html(<!DOCTYPE html>
   <span id="shown"></span>
   <span class="legend"><span class="r ok">0</span> exit 0 <span class="r fail">1</span> failing
     <span class="r fail timed-out">0 T</span> timed out <span class="r ok stale">0</span> <span class="r fail stale">1</span> older than
-    <span id="stale-after"></span></span>
+    <span id="stale-after"></span> (health rows: three of their intervals);
+    health by the host's name: <span class="health">5 queued, oldest 2m</span>
+    <span class="health trouble">in trouble</span> <span class="health stale">silent</span></span>
   <span id="updated"></span>
   <span id="timing"></span>
   <span id="error" role="alert"></span>
@@ -118,6 +128,9 @@ const $ = id => document.getElementById(id);
 // order; a link to it opens the same view.
 const view = {rowid: null, show: "", order: ""};
 let latest = null;        // the last answer of api/latest, redrawn when the view changes
+let health = [];          // and of api/health
+let healthByKey = new Map();  // provider + "\n" + host -> its newest health row
+let drawnHealth = [];     // the health rows drawn, which badges name by index
 let byRowid = new Map();  // rowid -> result, for the tiles' titles
 let scrollPending = false;
 
@@ -144,9 +157,11 @@ const fontOf = e => {
   return style.fontStyle + " " + style.fontWeight + " " + style.fontSize + " " + style.fontFamily;
 };
 const fonts = {head: fontOf($("grid-head")), body: fontOf($("grid-body")),
-               tile: fontOf(document.querySelector(".legend .r"))};
+               tile: fontOf(document.querySelector(".legend .r")),
+               health: fontOf(document.querySelector(".legend .health"))};
 const cellExtra = 7 + 3;  // padding and border, and room for rounding
 const tileExtra = 12;     // padding, border and margin
+const healthExtra = 8 + 4 + 6;  // padding, border and margin
 const tileWidths = new Map();
 
 function textWidth(text, font) {
@@ -161,6 +176,38 @@ function tileWidth(label) {
     tileWidths.set(label, w);
   }
   return w;
+}
+
+// What a daemon's health row says in its host's row header. Values that
+// are not numbers show as "?": a malformed row must not stop the page.
+function healthText(h) {
+  const f = h.fields;
+  const n = key => {
+    const v = f[key] === undefined || f[key] === "" ? NaN : Number(f[key]);
+    return Number.isFinite(v) ? v : null;
+  };
+  const count = key => n(key) === null ? "?" : n(key).toLocaleString();
+  const parts = [];
+  if (h.stale) parts.push("silent " + age(h.age_seconds));
+  if (h.provider === "vorn-noded") {
+    parts.push(count("files_waiting") + " queued" +
+               (n("files_waiting") ? ", oldest " + (n("oldest_waiting_s") === null ? "?" : age(n("oldest_waiting_s"))) : ""));
+    if (n("sleep_mode") === 1) parts.push("asleep");
+  } else {
+    parts.push("server: " + count("writer_queue") + " to write");
+    if (n("peers") !== null && n("peers") >= 0) parts.push(count("peers") + " peers");
+  }
+  if (h.failing) parts.push("in trouble");
+  return parts.join(", ");
+}
+
+function healthTitle(h) {
+  const lines = [h.provider + " on " + h.host + ", " + age(h.age_seconds) + " ago (stale after " +
+                 age(h.stale_after_seconds) + (h.interval_seconds === null ? "" : ", a row every " + age(h.interval_seconds)) +
+                 "), exit status " + h.exit_status];
+  if (h.reason) lines.push(h.reason);
+  for (const [k, v] of Object.entries(h.fields)) lines.push(k + "=" + v);
+  return lines.join("\n");
 }
 
 function readHash() {
@@ -192,15 +239,24 @@ function syncControls() {
   $("close").href = viewHash(Object.assign({}, view, {rowid: null}));
 }
 
-function draw(results) {
+function draw(results, healthRows) {
   const hosts = new Map();
   const providerSet = new Set();
   let failing = 0, stale = 0, stored = 0;
   byRowid = new Map();
+  healthByKey = new Map();
+  drawnHealth = healthRows;
+  for (const [i, h] of healthRows.entries()) {
+    h.index = i;
+    h.stale = h.age_seconds > h.stale_after_seconds;
+    h.failing = h.exit_status !== 0 || h.timed_out === true;
+    h.text = healthText(h);
+    healthByKey.set(h.provider + "\n" + h.host, h);
+  }
   for (const r of results) {
     let host = hosts.get(r.host);
     if (!host) {
-      host = {name: r.host, cells: new Map(), failing: 0, stale: 0};
+      host = {name: r.host, cells: new Map(), failing: 0, stale: 0, health: []};
       hosts.set(r.host, host);
     }
     let cell = host.cells.get(r.provider);
@@ -210,7 +266,10 @@ function draw(results) {
       providerSet.add(r.provider);
     }
     cell.push(r);
-    r.stale = r.age_seconds > staleAfter;
+    // A daemon's health row is stale by its own interval, not by the page's limit.
+    const h = healthByKey.get(r.provider + "\n" + r.host);
+    if (h && !host.health.includes(h)) host.health.push(h);
+    r.stale = r.age_seconds > (h ? h.stale_after_seconds : staleAfter);
     // Killed at its time-out, a run may still exit with 0: failing all the same.
     r.failing = r.exit_status !== 0 || r.timed_out === true;
     r.label = r.timed_out ? r.exit_status + " T" : String(r.exit_status);
@@ -236,7 +295,9 @@ function draw(results) {
   let hostWidth = textWidth("host", fonts.head);
   const widths = new Map(providers.map(p => [p, textWidth(p, fonts.head)]));
   for (const h of hosts.values()) {
-    hostWidth = Math.max(hostWidth, textWidth(h.name, fonts.body));
+    let w = textWidth(h.name, fonts.body);
+    for (const x of h.health) w += textWidth(x.text, fonts.health) + healthExtra;
+    hostWidth = Math.max(hostWidth, w);
     for (const [p, cell] of h.cells) {
       let w = 0;
       for (const r of cell) w += tileWidth(r.label);
@@ -253,7 +314,17 @@ function draw(results) {
   const body = document.createDocumentFragment();
   for (const h of shown) {
     const row = element("div", {className: "row", role: "row"});
-    row.appendChild(element("div", {role: "rowheader"}, h.name));
+    const header = element("div", {role: "rowheader"});
+    header.appendChild(element("span", {className: "host"}, h.name));
+    // The node's health first, then the server's.
+    if (h.health.length > 1) h.health.sort((a, b) => byName(a.provider, b.provider));
+    for (const x of h.health) {
+      const badge = element("span", {className: "health" + (x.failing ? " trouble" : "") +
+                                                (x.stale ? " stale" : "")}, x.text);
+      badge.dataset.health = x.index;
+      header.appendChild(badge);
+    }
+    row.appendChild(header);
     for (const p of providers) {
       const td = document.createElement("div");
       td.setAttribute("role", "cell");
@@ -308,13 +379,16 @@ function scrollToSelected() {
 async function refresh() {
   const start = performance.now();
   try {
-    const response = await fetch("api/latest", {cache: "no-store"});
-    if (!response.ok) throw new Error((await response.text()).trim() || response.statusText);
-    const text = await response.text();
+    const lines = async path => {
+      const response = await fetch(path, {cache: "no-store"});
+      if (!response.ok) throw new Error((await response.text()).trim() || response.statusText);
+      return (await response.text()).split("\n").filter(line => line !== "").map(line => JSON.parse(line));
+    };
+    const [results, healthRows] = await Promise.all([lines("api/latest"), lines("api/health")]);
     const fetched = performance.now();
-    const results = text.split("\n").filter(line => line !== "").map(line => JSON.parse(line));
-    draw(results);
+    draw(results, healthRows);
     latest = results;
+    health = healthRows;
     const drawn = performance.now();
     $("error").textContent = "";
     $("updated").textContent = "updated " + new Date().toLocaleTimeString();
@@ -375,12 +449,18 @@ function onHashChange() {
   const reselect = next.rowid !== view.rowid;
   Object.assign(view, next);
   syncControls();
-  if (redraw && latest) draw(latest);
+  if (redraw && latest) draw(latest, health);
   if (reselect) showDetail();
 }
 
 // One listener for all tiles: a title is made when a tile is first pointed at.
 function describeTile(event) {
+  const badge = event.target.closest && event.target.closest("#grid .health");
+  if (badge && !badge.title) {
+    const h = drawnHealth[badge.dataset.health];
+    if (h) badge.title = healthTitle(h);
+    return;
+  }
   const a = event.target.closest && event.target.closest("#grid .r");
   if (!a || a.title) return;
   const r = byRowid.get(a.dataset.rowid);
@@ -388,6 +468,8 @@ function describeTile(event) {
   a.title = r.provider + " on " + r.host + ", option set " + r.option_set + ": exit status " +
             r.exit_status + (r.timed_out ? ", timed out" : "") + ", " + age(r.age_seconds) +
             " ago\n" + r.stdout_first_line;
+  const h = healthByKey.get(r.provider + "\n" + r.host);
+  if (h) a.title += "\n" + h.text;
 }
 
 $("grid").addEventListener("mouseover", describeTile);

@@ -10,6 +10,7 @@
 #include <tuple>
 #include <utility>
 
+#include "daemon/src/cli/health.h"
 #include "daemon/src/provider/result.h"
 
 namespace vorn::cli {
@@ -210,6 +211,94 @@ std::vector<Summary> Store::latest(const Filter& filter, bool with_output) {
   return rows;
 }
 
+std::vector<Health> Store::health(bool judge_staleness) {
+  Statement begin(db_.get(), "BEGIN", path_);
+  begin.step();
+  struct End {
+    sqlite3* db;
+    ~End() { sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr); }
+  } end{db_.get()};
+
+  // A health row's output is a few hundred bytes; a longer one is cut, not
+  // read whole, and what is cut off is not a key of it.
+  std::string sql = has_table("vorn_latest") ? kLatestIdsFromSummary : kLatestIdsFromScan;
+  sql += "SELECT ";
+  sql += kSummaryColumns;
+  sql +=
+      ", substr(r.STDOUT, 1, 4096), substr(CAST(r.STDERR AS BLOB), 1, 1024) "
+      "FROM ids JOIN vorn_1 r ON r.rowid = ids.id ORDER BY 2, 3, 1";
+  std::vector<Health> rows;
+  for (const char* provider : {kNodeHealthProvider, kServerHealthProvider}) {
+    Statement s(db_.get(), sql, path_);
+    s.bind(1, std::optional<std::string>(provider));
+    s.bind(2, std::optional<std::string>());
+    s.bind(9, std::optional<int64_t>(0));
+    while (s.step()) {
+      Health health;
+      health.row = read_summary(s);
+      health.output = s.bytes(9);
+      health.row.stdout_first_line = first_line(health.output);
+      health.reason = first_line(s.bytes(10));
+      // A host's option sets come in the order they were stored; the last is
+      // its newest.
+      if (!rows.empty() && rows.back().row.provider == health.row.provider &&
+          rows.back().row.host == health.row.host) {
+        rows.back() = std::move(health);
+      } else {
+        rows.push_back(std::move(health));
+      }
+    }
+  }
+  if (!judge_staleness) {
+    return rows;
+  }
+
+  // The health rows' timestamps, newest stored first, until every host has
+  // shown two intervals or the bound is reached. A host whose newest row lies
+  // beyond the bound has none to show, and is not waited for.
+  const int64_t bound = results_total() - kHealthScanRows;
+  std::map<std::pair<std::string, std::string>, size_t> index;
+  size_t settled = 0;
+  for (size_t i = 0; i < rows.size(); ++i) {
+    index[{rows[i].row.provider, rows[i].row.host}] = i;
+    settled += rows[i].row.rowid <= bound ? 1 : 0;
+  }
+  std::vector<std::vector<int64_t>> times(rows.size());
+  Statement scan(db_.get(),
+                 "SELECT rowid, Provider, coalesce(Hostname, ''), coalesce(Timestamp, 0) "
+                 "FROM vorn_1 WHERE rowid > ?1 AND Provider IN (?2, ?3) ORDER BY rowid DESC",
+                 path_);
+  scan.bind(1, std::optional<int64_t>(bound));
+  scan.bind(2, std::optional<std::string>(kNodeHealthProvider));
+  scan.bind(3, std::optional<std::string>(kServerHealthProvider));
+  while (settled < rows.size() && scan.step()) {
+    auto found = index.find({scan.bytes(1), scan.bytes(2)});
+    if (found == index.end()) {
+      continue;
+    }
+    std::vector<int64_t>& seen = times[found->second];
+    if (seen.size() < 3 && scan.integer(0) <= rows[found->second].row.rowid) {
+      seen.push_back(scan.integer(3));
+      settled += seen.size() == 3 ? 1 : 0;
+    }
+  }
+  std::map<std::string, std::vector<int64_t>> by_provider;
+  for (size_t i = 0; i < rows.size(); ++i) {
+    rows[i].interval = health_interval(times[i]);
+    if (rows[i].interval) {
+      by_provider[rows[i].row.provider].push_back(*rows[i].interval);
+    }
+  }
+  std::map<std::string, std::optional<int64_t>> typical;
+  for (const auto& [provider, intervals] : by_provider) {
+    typical[provider] = median(intervals);
+  }
+  for (Health& health : rows) {
+    health.stale_after = health_stale_after(health.interval, typical[health.row.provider]);
+  }
+  return rows;
+}
+
 std::vector<Summary> Store::history(const std::string& provider,
                                     const std::optional<std::string>& host,
                                     std::optional<int64_t> since, int64_t limit) {
@@ -261,7 +350,8 @@ int64_t Store::results_total() {
   return s.step() ? s.integer(0) : 0;
 }
 
-std::vector<Summary> stale(const std::vector<Summary>& latest, int64_t now, int64_t older_than) {
+std::vector<Summary> stale(const std::vector<Summary>& latest, int64_t now, int64_t older_than,
+                           const StaleLimits& own) {
   std::map<std::pair<std::string, std::string>, const Summary*> newest;
   for (const Summary& row : latest) {
     const Summary*& pair = newest[{row.provider, row.host}];
@@ -272,11 +362,20 @@ std::vector<Summary> stale(const std::vector<Summary>& latest, int64_t now, int6
   }
   std::vector<Summary> silent;
   for (const auto& entry : newest) {
-    if (now - entry.second->timestamp > older_than) {
+    auto limit = own.find(entry.first);
+    if (now - entry.second->timestamp > (limit != own.end() ? limit->second : older_than)) {
       silent.push_back(*entry.second);
     }
   }
   return silent;
+}
+
+StaleLimits stale_limits(const std::vector<Health>& health) {
+  StaleLimits limits;
+  for (const Health& h : health) {
+    limits[{h.row.provider, h.row.host}] = h.stale_after;
+  }
+  return limits;
 }
 
 std::vector<Summary> failing(const std::vector<Summary>& latest) {

@@ -24,11 +24,13 @@
 #include <sqlite3.h>
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace vorn::cli {
@@ -68,6 +70,17 @@ struct Result : Summary {
   int64_t stored_at = 0;  // when the server stored it, Unix seconds
 };
 
+// The newest health row (health.h) of a provider and host, over its option
+// sets.
+struct Health {
+  Summary row;
+  std::string output;  // standard output, its first 4 KiB
+  std::string reason;  // the first line of standard error: why, when in trouble
+  // What its rows showed of the period, when they were found (health.h).
+  std::optional<int64_t> interval;
+  int64_t stale_after = 0;  // seconds; 0 unless asked for
+};
+
 struct Filter {
   std::optional<std::string> provider;
   std::optional<std::string> host;
@@ -98,6 +111,12 @@ class Store {
 
   std::optional<Result> result(int64_t rowid);
 
+  // The newest health row of every provider and host, ordered by provider
+  // and host; with `judge_staleness`, each with its interval and the age at
+  // which it is stale, from the health rows among the last kHealthScanRows
+  // results (read newest first, until every host has shown its interval).
+  std::vector<Health> health(bool judge_staleness);
+
   // How many results the server has stored: the largest rowid, which the
   // server never takes back (it deletes no row), so it only grows. Counting
   // the rows would read the whole table.
@@ -113,9 +132,17 @@ class Store {
   std::unique_ptr<sqlite3, Close> db_;
 };
 
+// A limit of its own for some provider and host pairs, seconds.
+using StaleLimits = std::map<std::pair<std::string, std::string>, int64_t>;
+
 // The newest result of each provider and host pair among `latest` (over its
-// option sets) that ended more than `older_than` seconds before `now`.
-std::vector<Summary> stale(const std::vector<Summary>& latest, int64_t now, int64_t older_than);
+// option sets) that ended more than `older_than` seconds before `now`, or
+// more than the pair's own limit when `own` has one.
+std::vector<Summary> stale(const std::vector<Summary>& latest, int64_t now, int64_t older_than,
+                           const StaleLimits& own = {});
+
+// The limits of the health rows (Store::health with judge_staleness).
+StaleLimits stale_limits(const std::vector<Health>& health);
 
 // The results among `latest` that are failing (is_failing).
 std::vector<Summary> failing(const std::vector<Summary>& latest);

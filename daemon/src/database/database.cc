@@ -14,11 +14,13 @@
 #include <cstring>
 #include <ctime>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <thread>
 
 #include "daemon/src/database/latest.h"
+#include "daemon/src/database/sqlite_identities.h"
 #include "util/czmq.h"
 #include "util/fs.h"
 #include "util/log.h"
@@ -221,7 +223,8 @@ std::string bad_file_name(const std::string& path) {
 
 }  // namespace
 
-sqlite::sqlite(const daemon_config& config) : config_(config) {
+sqlite::sqlite(const daemon_config& config, bool exactly_once)
+    : config_(config), exactly_once_(exactly_once) {
   open();
 }
 
@@ -243,6 +246,15 @@ void sqlite::open() {
     VORN_LOG(3) << "Could not create table in the database: " << connection_->getLastErrorInfo();
     connection_.reset();
     return;
+  }
+  if (exactly_once_) {
+    identities_ = std::make_unique<sqlite_identities>(connection_.get());
+    std::string error;
+    if (identities_->open(&error) != 0) {
+      VORN_LOG(4) << "Cannot keep the identities of stored results: " << error
+                  << ". Results sent again may be stored twice";
+      identities_.reset();
+    }
   }
   // Rows that reached the file without this server (an older one, a hand-made
   // insert) are summarised once here.
@@ -307,6 +319,7 @@ bool sqlite::file_in_place() {
 
 void sqlite::abandon_file() {
   checkpointer_.reset();
+  identities_.reset();
   connection_.reset();
   // SQLite leaves the log of a file that moved where it is. Still at the
   // path, it would be read into whatever file is opened there: the old
@@ -359,6 +372,64 @@ void sqlite::roll_back(std::string error) {
   uncommitted_ = 0;
   // The rows are written again; what earlier commits left to summarise stays.
   latest_.clear();
+  if (identities_) {
+    identities_->rolled_back();
+  }
+}
+
+bool sqlite::begin() {
+  int rc = connection_->issueCommand("BEGIN");
+  if (rc != 0 && may_pass(rc)) {
+    roll_back(std::string("begin: ") + connection_->getLastErrorInfo());
+    return false;
+  }
+  in_transaction_ = connection_->inTransaction();
+  transaction_time_ = std::time(nullptr);
+  if (!identities_) {
+    // Without a transaction each row commits on its own: slower, not wrong.
+    return true;
+  }
+  if (!in_transaction_) {
+    // A row and its identity must commit together, or a result whose
+    // identity alone was committed would be dropped when sent again.
+    last_error_ = std::string("begin: ") + connection_->getLastErrorInfo();
+    return false;
+  }
+  std::string error;
+  if (int rc = identities_->forget_expired(transaction_time_, &error); rc != 0) {
+    if (may_pass(rc)) {
+      roll_back("forgetting old results: " + error);
+      return false;
+    }
+    // Kept longer is not wrong: tried again with the next transaction.
+    static vorn::log::RateLimit warnings(600000);
+    uint64_t suppressed = 0;
+    if (warnings.allow(zclock_mono(), &suppressed)) {
+      VORN_LOG(4) << "Cannot forget the identities of old results: " << error;
+    }
+  }
+  return true;
+}
+
+write_status sqlite::remember(const result_identity& identity) {
+  bool known = false;
+  std::string error;
+  int rc = identities_->remember(identity, &known, &error);
+  if (rc == 0) {
+    return known ? write_status::duplicate : write_status::written;
+  }
+  if (may_pass(rc)) {
+    roll_back("reading stored results: " + error);
+    return write_status::retry;
+  }
+  // Stored at least once is better than not stored.
+  static vorn::log::RateLimit warnings(600000);
+  uint64_t suppressed = 0;
+  if (warnings.allow(zclock_mono(), &suppressed)) {
+    VORN_LOG(4) << "Cannot look up stored results: " << error
+                << ". Results sent again may be stored twice";
+  }
+  return write_status::written;
 }
 
 bool sqlite::write_summary() {
@@ -418,6 +489,22 @@ commit_result sqlite::flush() {
     last_error_ = "the transaction was rolled back by a refused row";
     return commit_result::retry;
   }
+  if (identities_ && in_transaction_) {
+    std::string error;
+    if (int rc = identities_->write(transaction_time_, &error); rc != 0) {
+      if (may_pass(rc)) {
+        roll_back("insert: " + error);
+        return commit_result::retry;
+      }
+      static vorn::log::RateLimit warnings(600000);
+      uint64_t suppressed = 0;
+      if (warnings.allow(zclock_mono(), &suppressed)) {
+        VORN_LOG(4) << "Cannot write the identities of stored results: " << error
+                    << ". Results sent again may be stored twice";
+      }
+      identities_->rolled_back();
+    }
+  }
   int64_t now = zclock_mono();
   bool summarise = force_summary_ || now - last_summary_ms_ >= kSummaryMs;
   if (summarise && !write_summary()) {
@@ -430,6 +517,9 @@ commit_result sqlite::flush() {
   if (rc == 0) {
     in_transaction_ = false;
     uncommitted_ = 0;
+    if (identities_) {
+      identities_->committed();
+    }
     if (summarise) {
       summary_pending_.clear();
       last_summary_ms_ = now;
@@ -453,7 +543,7 @@ commit_result sqlite::flush() {
   return commit_result::lost;
 }
 
-write_status sqlite::write(const result_view& record) {
+write_status sqlite::write(const result_view& record, const result_identity* known_identity) {
   if (!connection_ && !reopen()) {
     return write_status::retry;
   }
@@ -462,14 +552,15 @@ write_status sqlite::write(const result_view& record) {
     last_error_ = "the transaction was rolled back by a refused row";
     return write_status::retry;
   }
-  if (!in_transaction_) {
-    int rc = connection_->issueCommand("BEGIN");
-    if (rc != 0 && may_pass(rc)) {
-      roll_back(std::string("begin: ") + connection_->getLastErrorInfo());
-      return write_status::retry;
+  if (!in_transaction_ && !begin()) {
+    return write_status::retry;
+  }
+  std::optional<result_identity> identity;
+  if (identities_) {
+    identity = known_identity != nullptr ? *known_identity : identify(record);
+    if (write_status known = remember(*identity); known != write_status::written) {
+      return known;
     }
-    // Without a transaction each row commits on its own: slower, not wrong.
-    in_transaction_ = rc == 0;
   }
   storix1::DataWriter* raw = nullptr;
   if (int rc = connection_->getDataWriter(kInsert, &raw); rc != 0) {
@@ -479,6 +570,9 @@ write_status sqlite::write(const result_view& record) {
     }
     last_error_ = connection_->getLastErrorInfo();
     VORN_LOG(3) << "Database writer creation error: " << last_error_;
+    if (identity) {
+      identities_->take_back(*identity);
+    }
     return write_status::refused;
   }
   storix1::Owned<storix1::DataWriter> writer(raw);
@@ -555,7 +649,13 @@ write_status sqlite::write(const result_view& record) {
       in_transaction_ = false;
       uncommitted_ = 0;
       latest_.clear();
+      if (identities_) {
+        identities_->rolled_back();
+      }
       transaction_lost_ = true;
+    } else if (identity) {
+      // Sent again, it is refused again rather than taken for stored.
+      identities_->take_back(*identity);
     }
     return write_status::refused;
   }

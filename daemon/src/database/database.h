@@ -8,6 +8,20 @@
 // when that exists) and a fresh one is started in its place. Any other
 // failure leaves the file alone and yields no store.
 //
+// Exactly once: a store keeps the identity of every result it stores
+// (result_identity.h) in the same transaction as its row, and write() answers
+// write_status::duplicate, writing nothing, for a result whose identity it
+// holds: one committed before (a node sends again what the server did not
+// acknowledge before it was killed), or one written earlier in the open
+// transaction. Identities are kept for at least kRememberSeconds after their
+// row was stored, so a result sent again within that time is stored once,
+// whatever happened to the server in between; a lost database file loses
+// them with its rows. The sqlite store keeps them beside vorn_1 in tables
+// of their own, grouped by minute of end time, and forgets an hour of end
+// time once nothing was stored into it for kRememberSeconds, a slice at the
+// start of each transaction, so that forgetting never holds up a commit for
+// long (sqlite_identities.h).
+//
 // Rows are written into an open transaction and committed together when the
 // caller flushes: one commit for hundreds of rows. Its writer
 // (daemon/src/serverd/result_writer.h) flushes when the stream pauses, at the
@@ -47,13 +61,15 @@
 #include <unordered_map>
 
 #include "daemon/src/config/config.h"
+#include "daemon/src/database/result_identity.h"
 #include "daemon/src/database/storix1.h"
 #include "daemon/src/provider/result.h"
 
 enum class write_status {
-  written,  // in the open transaction
-  refused,  // never to be written: the reason is last_error()
-  retry,    // not now; the open transaction was rolled back (last_error())
+  written,    // in the open transaction
+  duplicate,  // stored already (committed, or in the open transaction): nothing written
+  refused,    // never to be written: the reason is last_error()
+  retry,      // not now; the open transaction was rolled back (last_error())
 };
 
 enum class commit_result {
@@ -75,7 +91,14 @@ class database {
 
   // Writes one result into the open transaction. The outputs are bound
   // where they lie, not copied.
-  virtual write_status write(const result_view& record) = 0;
+  write_status write(const result_view& record) { return write(record, nullptr); }
+  // The same with the record's identity (identify(record)) when the caller
+  // has it already, so that hashing can be done on another thread; null for
+  // the store to compute it when it needs it.
+  virtual write_status write(const result_view& record, const result_identity* identity) = 0;
+
+  // Whether write() recognises results it holds, and so needs identities.
+  virtual bool exactly_once() const { return false; }
 
   // Commits every result written so far.
   virtual commit_result flush() { return commit_result::committed; }
@@ -90,6 +113,7 @@ class database {
 };
 
 class wal_checkpointer;
+class sqlite_identities;
 
 // Which file a path named when looked at; known false when it named none.
 struct file_identity {
@@ -104,9 +128,13 @@ class sqlite : public database {
   // after the last time, not with every one: with thousands of hosts, nearly
   // every row of a commit is the newest of its key.
   static constexpr int64_t kSummaryMs = 1000;
-  explicit sqlite(const daemon_config& config);
+  // Without `exactly_once` (for measuring what it costs, never in a server)
+  // every result is written, known or not.
+  explicit sqlite(const daemon_config& config, bool exactly_once = true);
   ~sqlite() override;
-  write_status write(const result_view& record) override;
+  using database::write;
+  write_status write(const result_view& record, const result_identity* identity) override;
+  bool exactly_once() const override { return exactly_once_; }
   commit_result flush() override;
   std::string last_error() const override { return last_error_; }
   void give_up_waiting_at(int64_t mono_ms) override;
@@ -120,6 +148,12 @@ class sqlite : public database {
   // Brings vorn_latest up to every row written so far, in the open
   // transaction; false when it was rolled back.
   bool write_summary();
+  // Begins a transaction, forgetting a slice of old identities in it;
+  // false when the caller must try again (rolled back, last_error).
+  bool begin();
+  // Adds the identity in the open transaction: written, duplicate, or retry
+  // (rolled back).
+  write_status remember(const result_identity& identity);
 
   // Opens the file at the configured path, creating it and its tables.
   void open();
@@ -153,6 +187,11 @@ class sqlite : public database {
   int64_t last_summary_ms_ = 0;
   bool force_summary_ = false;
   std::atomic<int64_t> give_up_at_{0};
+
+  const bool exactly_once_;
+  // Null without exactly-once, or when the file cannot keep identities.
+  std::unique_ptr<sqlite_identities> identities_;
+  int64_t transaction_time_ = 0;  // Unix seconds, when the open transaction began
 };
 
 // None when the backend is not sqlite3 or the file cannot be used even after

@@ -1,6 +1,7 @@
 // The store against real SQLite files, read back with SQL.
 
 #include "daemon/src/database/database.h"
+#include "daemon/src/database/sqlite_identities.h"
 
 #include <sys/stat.h>
 
@@ -8,11 +9,21 @@
 
 #include <cstdio>
 #include <ctime>
+#include <functional>
 #include <memory>
+#include <ostream>
+#include <string>
+#include <vector>
 
 #include "tests/support/results.h"
 #include "tests/support/test_support.h"
 #include "util/czmq.h"
+
+// Statuses by name in failure messages.
+void PrintTo(write_status status, std::ostream* out) {
+  const char* names[] = {"written", "duplicate", "refused", "retry"};
+  *out << names[static_cast<int>(status)];
+}
 
 namespace {
 
@@ -144,6 +155,134 @@ TEST_F(DatabaseTest, LatestRowOfEachKeyIsKept) {
                   "SELECT Provider, Hostname, last_rowid FROM vorn_latest"
                   " WHERE last_rowid = 6"),
             (Rows{{"mem", "", "6"}}));
+}
+
+// A result is known by all of it: written again, in the open transaction
+// or after a commit and a reopen, it is a duplicate and writes nothing; one
+// byte changed anywhere makes another result.
+TEST_F(DatabaseTest, AResultIsStoredOnceAndAnyChangeMakesAnother) {
+  const provider_result base = sample_result("probe", "out", "err", "n1, n2");
+  struct Row {
+    const char* comment;
+    std::function<void(provider_result&)> change;
+  } rows[] = {
+      {"the same result", [](provider_result&) {}},
+      {"one byte of standard output", [](provider_result& r) { r.stdout_data[2] = 'T'; }},
+      {"one byte of standard error", [](provider_result& r) { r.stderr_data[0] = 'E'; }},
+      {"the node list", [](provider_result& r) { r.nodes_csv = "n1, n3"; }},
+      {"the end time by a microsecond", [](provider_result& r) { ++r.header.timestamp.tv_usec; }},
+      {"the option set", [](provider_result& r) { vorn::str::copy(r.header.option_id, "b"); }},
+      {"the host", [](provider_result& r) { vorn::str::copy(r.header.hostname, "node18"); }},
+      {"output moved into standard error",
+       [](provider_result& r) {
+         r.stdout_data = "ou";
+         r.stderr_data = "terr";
+         r.header.stdout_size = 2;
+         r.header.stderr_size = 4;
+       }},
+  };
+  for (int round = 0; round < 2; ++round) {
+    SCOPED_TRACE(round == 0 ? "first written" : "after a commit and a reopen");
+    auto store = open_database(&config_);
+    ASSERT_TRUE(store);
+    if (round == 0) {
+      ASSERT_EQ(store->write(base), write_status::written);
+    }
+    for (const Row& row : rows) {
+      SCOPED_TRACE(row.comment);
+      provider_result r = base;
+      row.change(r);
+      bool first = round == 0 && &row != &rows[0];
+      EXPECT_EQ(store->write(r), first ? write_status::written : write_status::duplicate);
+      EXPECT_EQ(store->write(r), write_status::duplicate);
+    }
+    ASSERT_EQ(store->flush(), commit_result::committed);
+  }
+  EXPECT_EQ(vorn::test::count_rows(config_.database_file), static_cast<long>(std::size(rows)));
+}
+
+// An hour of end time that nothing was stored into for a day is forgotten
+// a slice at the start of each transaction; a result of it sent again then
+// is stored again, while one of a later hour is still known.
+TEST_F(DatabaseTest, IdentitiesAreForgottenADayAfterTheirHourWasLastStoredInto) {
+  constexpr long kHourStart = 472222L * 3600;  // hour 472222, minutes 28333320 to 28333379
+  constexpr int kCommits = 3;
+  constexpr int kMinutes = 50;  // a row of identities per minute and commit
+  auto store = open_database(&config_);
+  ASSERT_TRUE(store);
+  std::vector<provider_result> old;
+  for (int commit = 0; commit < kCommits; ++commit) {
+    for (int minute = 0; minute < kMinutes; ++minute) {
+      old.push_back(sample_result("old", std::to_string(old.size())));
+      old.back().header.timestamp.tv_sec = kHourStart + minute * 60;
+      ASSERT_EQ(store->write(old.back()), write_status::written);
+    }
+    ASSERT_EQ(store->flush(), commit_result::committed);
+  }
+  provider_result later = sample_result("later", "x");
+  later.header.timestamp.tv_sec = kHourStart + 3600;
+  ASSERT_EQ(store->write(later), write_status::written);
+  ASSERT_EQ(store->flush(), commit_result::committed);
+  store.reset();
+  // As if two days had passed since.
+  ASSERT_TRUE(vorn::test::execute(config_.database_file,
+                                  "UPDATE vorn_result_id_hours SET last_stored = last_stored - "
+                                  "172800 WHERE hour = 472222"));
+  auto kept = [&] {
+    return query(
+        config_.database_file,
+        "SELECT (SELECT count(*) FROM vorn_result_ids WHERE end_minute BETWEEN 28333320 "
+        "AND 28333379), (SELECT count(*) FROM vorn_result_id_hours WHERE hour = 472222)")[0];
+  };
+  using Kept = std::vector<std::string>;
+  const int rows = kCommits * kMinutes;
+  const int slice = static_cast<int>(sqlite_identities::kForgetSlice);
+  ASSERT_EQ(kept(), (Kept{std::to_string(rows), "1"}));
+  store = open_database(&config_);
+  ASSERT_TRUE(store);
+  for (const Kept& want : {Kept{std::to_string(rows - slice), "1"},
+                           Kept{std::to_string(rows - 2 * slice), "1"}, Kept{"0", "0"}}) {
+    provider_result now = sample_result("now", "x");
+    now.header.timestamp.tv_sec = std::time(nullptr);
+    ASSERT_EQ(store->write(now), write_status::written);
+    ASSERT_EQ(store->flush(), commit_result::committed);
+    EXPECT_EQ(kept(), want);
+  }
+  EXPECT_EQ(store->write(old[0]), write_status::written) << "forgotten";
+  EXPECT_EQ(store->write(later), write_status::duplicate) << "its hour is still remembered";
+}
+
+// More identities than the store holds in memory: a minute it let go of,
+// with some of its identities still uncommitted, is read back from the
+// table when needed, and nothing is stored twice.
+TEST_F(DatabaseTest, IdentitiesBeyondWhatIsHeldAreReadBack) {
+  auto store = open_database(&config_);
+  ASSERT_TRUE(store);
+  auto result = [](long end, size_t i) {
+    provider_result r = sample_result("many", std::to_string(i));
+    r.header.timestamp.tv_sec = end;
+    return r;
+  };
+  const size_t kMany = sqlite_identities::kMaxCached + 10;
+  std::vector<provider_result> first_minute = {result(1700000000, 0), result(1700000001, 1)};
+  ASSERT_EQ(store->write(first_minute[0]), write_status::written);
+  ASSERT_EQ(store->flush(), commit_result::committed);
+  ASSERT_EQ(store->write(first_minute[1]), write_status::written);
+  provider_result last;
+  for (size_t i = 0; i < kMany; ++i) {
+    last = result(1700000060, i);
+    ASSERT_EQ(store->write(last), write_status::written);
+  }
+  for (const provider_result& r : first_minute) {
+    EXPECT_EQ(store->write(r), write_status::duplicate) << "in the open transaction";
+  }
+  ASSERT_EQ(store->flush(), commit_result::committed);
+  for (const provider_result& r : first_minute) {
+    EXPECT_EQ(store->write(r), write_status::duplicate) << "committed";
+  }
+  EXPECT_EQ(store->write(last), write_status::duplicate);
+  ASSERT_EQ(store->flush(), commit_result::committed);
+  EXPECT_EQ(vorn::test::count_rows(config_.database_file), static_cast<long>(kMany + 2));
 }
 
 TEST_F(DatabaseTest, UnusableFileIsMovedAsideAndReplaced) {

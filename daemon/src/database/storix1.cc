@@ -102,10 +102,11 @@ int Connection::issueCommand(const char* sql) {
 
 int Connection::getDataWriter(const char* sql, DataWriter** writer) {
   *writer = nullptr;
-  for (auto it = idle_writers_.begin(); it != idle_writers_.end(); ++it) {
-    if (std::strcmp(sqlite3_sql((*it)->statement_.get()), sql) == 0) {
-      *writer = it->release();
-      idle_writers_.erase(it);
+  // The writer released last is the one most often asked for again.
+  for (size_t i = idle_writers_.size(); i-- > 0;) {
+    if (std::strcmp(sqlite3_sql(idle_writers_[i]->statement_.get()), sql) == 0) {
+      *writer = idle_writers_[i].release();
+      idle_writers_.erase(idle_writers_.begin() + static_cast<ptrdiff_t>(i));
       return 0;
     }
   }
@@ -189,6 +190,21 @@ int DataWriter::writeData() {
   sqlite3_stmt* s = statement_.get();
   int rc = sqlite3_step(s);
   if (rc == SQLITE_DONE || rc == SQLITE_ROW) {
+    sqlite3_reset(s);
+    return 0;
+  }
+  setLastError(sqlite3_errmsg(sqlite3_db_handle(s)));
+  sqlite3_reset(s);
+  return rc;
+}
+
+int DataWriter::readData(const std::function<void(const DataRow& row)>& row) {
+  sqlite3_stmt* s = statement_.get();
+  int rc;
+  while ((rc = sqlite3_step(s)) == SQLITE_ROW) {
+    row(DataRow(s));
+  }
+  if (rc == SQLITE_DONE) {
     sqlite3_reset(s);
     return 0;
   }

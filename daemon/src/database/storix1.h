@@ -22,8 +22,10 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace storix1 {
@@ -56,11 +58,30 @@ class Handle {
 
 class Connection;
 
+// One row of a query's result, readable during the call that hands it over.
+class DataRow {
+ public:
+  explicit DataRow(sqlite3_stmt* statement) : statement_(statement) {}
+  int64_t integer(int column) const { return sqlite3_column_int64(statement_, column); }
+  std::string_view blob(int column) const {
+    const void* data = sqlite3_column_blob(statement_, column);
+    int size = sqlite3_column_bytes(statement_, column);
+    return data != nullptr
+               ? std::string_view(static_cast<const char*>(data), static_cast<size_t>(size))
+               : std::string_view();
+  }
+
+ private:
+  sqlite3_stmt* statement_;
+};
+
 class DataWriter : public Handle {
  public:
   int bindParam(int index, ColumnType type, size_t size, const void* value);
   // Runs the statement once with the bound values; they may be bound anew after.
   int writeData();
+  // The same for a query: hands each row of its result to `row`.
+  int readData(const std::function<void(const DataRow& row)>& row);
   // Returns the writer to its connection for reuse.
   void release() override;
 
@@ -79,7 +100,7 @@ class DataWriter : public Handle {
 class Connection : public Handle {
  public:
   // Writers kept for reuse; one per SQL text is what a steady writer needs.
-  static constexpr size_t kMaxIdleWriters = 8;
+  static constexpr size_t kMaxIdleWriters = 12;
 
   // Waits for another connection's lock for `milliseconds` at most, and
   // never past *give_up_at when that is set (CLOCK_MONOTONIC milliseconds,
@@ -88,6 +109,8 @@ class Connection : public Handle {
   int64_t lastInsertRowid() const { return sqlite3_last_insert_rowid(db_.get()); }
   // False also after an error that rolled the transaction back by itself.
   bool inTransaction() const { return sqlite3_get_autocommit(db_.get()) == 0; }
+  // Rows inserted, changed or deleted by the last statement that did so.
+  int64_t changes() const { return sqlite3_changes64(db_.get()); }
   // Runs one statement; rows it may yield are discarded.
   int issueCommand(const char* sql);
   int getDataWriter(const char* sql, DataWriter** writer);

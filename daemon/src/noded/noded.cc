@@ -5,6 +5,7 @@
 #include <syslog.h>
 
 #include <cstdio>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -12,6 +13,8 @@
 
 #include "daemon/src/config/config.h"
 #include "daemon/src/curve/curve.h"
+#include "daemon/src/provider/health.h"
+#include "daemon/src/provider/health_row.h"
 #include "daemon/src/provider/publisher.h"
 #include "daemon/src/provider/run_record.h"
 #include "daemon/src/provider/scheduler.h"
@@ -44,6 +47,7 @@ void set_sleep_mode(bool on) {
   {
     std::lock_guard<std::mutex> lock(sleep_mutex);
     sleep_mode = on;
+    node_health_counters().sleeping = on;
   }
   sleep_cond.notify_all();
 }
@@ -138,7 +142,11 @@ int noded_main(int argc, char** argv) {
   bool publisher_failed = false;
   {
     result_publisher publisher(config, curve);
+    // Beside the scheduler, which a long run or sleep mode holds up; both
+    // end with the stop.
+    std::thread health(report_node_health, std::cref(config));
     run_scheduler(config);
+    health.join();
     publisher_failed = publisher.failed();
     // The publisher's destructor gives it up to 5 s to finish its checkpoint.
   }

@@ -9,7 +9,9 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 
+#include "daemon/src/provider/health.h"
 #include "daemon/src/provider/nodes.h"
 #include "daemon/src/provider/popen3.h"
 #include "util/fs.h"
@@ -19,6 +21,29 @@
 namespace {
 
 constexpr const char* kLogSource = "daemon/src/provider";
+
+// The reason results are being lost, and how many were since it began.
+struct lost_results {
+  std::mutex mutex;
+  std::string reason;
+  int64_t count = 0;
+};
+
+lost_results& lost() {
+  static lost_results record;
+  return record;
+}
+
+void count_run(const popen3_job& job, int rc) {
+  node_health& health = node_health_counters();
+  ++health.runs;
+  if (rc != 0 || job.exit_status != 0 || job.timed_out) {
+    ++health.failures;
+  }
+  if (killed_at_time_out(job.stderr_data)) {
+    ++health.timeouts;
+  }
+}
 
 }  // namespace
 
@@ -69,6 +94,7 @@ int run_provider(provider& record, const daemon_config& config, provider_result&
     VORN_LOG(5) << "Run of data provider '" << record.name << "' ended by the stop; no result";
     return 0;
   }
+  count_run(job, rc);
   if (rc != 0) {
     VORN_LOG(3) << "Error executing popen3 " << vorn::log::sys_error(errno);
     return 0;
@@ -145,6 +171,31 @@ int write_output_file(const provider_result& result, const std::string& director
     *path = name;
   }
   return 1;
+}
+
+bool store_result(const provider_result& result, const daemon_config& config) {
+  std::string reason;
+  const bool written = write_output_file(result, config.provider_output_dir, nullptr, &reason);
+  lost_results& record = lost();
+  std::lock_guard<std::mutex> lock(record.mutex);
+  if (!written) {
+    ++node_health_counters().lost;
+    ++record.count;
+    if (reason != record.reason) {
+      VORN_LOG(4) << "The result of data provider '" << result.header.name
+                  << "' is lost: its output file " << reason
+                  << ". Results are lost until output files can be written again";
+      record.reason = reason;
+    }
+    return false;
+  }
+  if (record.count > 0) {
+    VORN_LOG(4) << "Output files are written to '" << config.provider_output_dir << "' again; "
+                << record.count << " result(s) were lost meanwhile";
+    record.reason.clear();
+    record.count = 0;
+  }
+  return true;
 }
 
 bool read_output_file(const std::string& path, provider_result& result, std::string* error) {

@@ -27,7 +27,9 @@ std::string provider_command_line(const provider& record, const daemon_config& c
 option_set_map provider_option_sets(const provider& record, const daemon_config& config);
 
 // Runs the provider once and fills `result` (its option_id is left as it is).
-// Returns 1 when the command ran, 0 when it could not (logged).
+// Returns 1 when the command ran, 0 when it could not (logged). Every run
+// that was not cut short by the daemon's stop counts in node_health: runs,
+// failures (a non-zero exit status, or killed) and timeouts.
 int run_provider(provider& record, const daemon_config& config, provider_result& result,
                  const std::string& environment);
 
@@ -37,6 +39,13 @@ int run_provider(provider& record, const daemon_config& config, provider_result&
 // in `error`, or logged when `error` is null.
 int write_output_file(const provider_result& result, const std::string& directory,
                       std::string* path = nullptr, std::string* error = nullptr);
+
+// Stores a result as every result of this node is stored: an output file in
+// provider_output_dir, which the publisher delivers. A result that cannot be
+// written is lost: counted in node_health::lost, and logged as a warning once
+// per reason until a file is written again, so that a full disk says so
+// without filling the log. True when written. Any thread may call it.
+bool store_result(const provider_result& result, const daemon_config& config);
 
 // Reads an output file back. False, with the reason in `error`, when the file
 // cannot be read or is shorter than its header says.

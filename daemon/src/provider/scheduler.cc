@@ -22,33 +22,6 @@ namespace {
 
 constexpr const char* kLogSource = "daemon/src/provider";
 
-// A run's result that cannot be written is lost (the run is not repeated
-// before its period). Each reason is logged once, as a warning, until a
-// result is written again, so that a full disk says so without filling the
-// log. Touched by the scheduler's thread only.
-struct lost_results {
-  std::string reason;
-  int64_t count = 0;
-};
-lost_results lost;
-
-void note_lost(const provider& record, const std::string& reason) {
-  ++lost.count;
-  if (reason != lost.reason) {
-    VORN_LOG(4) << "The result of data provider '" << record.name << "' is lost: its output file "
-                << reason << ". Results are lost until output files can be written again";
-    lost.reason = reason;
-  }
-}
-
-void note_written(const daemon_config& config) {
-  if (lost.count > 0) {
-    VORN_LOG(4) << "Output files are written to '" << config.provider_output_dir << "' again; "
-                << lost.count << " result(s) were lost meanwhile";
-    lost = {};
-  }
-}
-
 int64_t now_seconds() {
   timeval now{};
   ::gettimeofday(&now, nullptr);
@@ -131,12 +104,9 @@ int run_due_provider(provider& record, const daemon_config& config) {
     if (!run_provider(record, config, result, environment)) {
       return 1;
     }
-    std::string reason;
-    if (!write_output_file(result, config.provider_output_dir, nullptr, &reason)) {
-      note_lost(record, reason);
+    if (!store_result(result, config)) {
       return 1;
     }
-    note_written(config);
     record.next_run = record.last_run;
     record.next_run.tv_sec += static_cast<uint32_t>(record.period);
   }

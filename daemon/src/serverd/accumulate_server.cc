@@ -16,6 +16,8 @@
 #include <vector>
 
 #include "daemon/src/provider/result.h"
+#include "daemon/src/serverd/health.h"
+#include "daemon/src/serverd/health_row.h"
 #include "daemon/src/serverd/pub_ack_answerer.h"
 #include "daemon/src/serverd/receiver.h"
 #include "daemon/src/serverd/result_writer.h"
@@ -120,17 +122,21 @@ class waiting_requests {
   std::deque<std::pair<pub_ack_request, uint64_t>> waiting_;
 };
 
-// Handshakes the result socket failed before any key was looked at: a peer
-// without CURVE, or with another server key. The ZAP handler logs the
-// refusals it decides itself.
-class handshake_failures {
+// What the result socket's monitor tells: the senders connected (accepted
+// minus disconnected connections, for the health rows), and with CURVE the
+// handshakes it failed before any key was looked at (a peer without CURVE,
+// or with another server key); the ZAP handler logs the refusals it decides
+// itself. A socket has one monitor at most, so one watches both.
+class socket_events {
  public:
-  explicit handshake_failures(zsock_t* socket) {
-    const std::string endpoint = "inproc://vorn-result-handshakes-" + std::to_string(++instances_);
-    if (zmq_socket_monitor(
-            zsock_resolve(socket), endpoint.c_str(),
-            ZMQ_EVENT_HANDSHAKE_FAILED_NO_DETAIL | ZMQ_EVENT_HANDSHAKE_FAILED_PROTOCOL) != 0) {
-      VORN_LOG(4) << "Cannot watch the handshakes of the result socket "
+  socket_events(zsock_t* socket, bool curve) : curve_(curve) {
+    const std::string endpoint = "inproc://vorn-result-events-" + std::to_string(++instances_);
+    int events = ZMQ_EVENT_ACCEPTED | ZMQ_EVENT_DISCONNECTED;
+    if (curve) {
+      events |= ZMQ_EVENT_HANDSHAKE_FAILED_NO_DETAIL | ZMQ_EVENT_HANDSHAKE_FAILED_PROTOCOL;
+    }
+    if (zmq_socket_monitor(zsock_resolve(socket), endpoint.c_str(), events) != 0) {
+      VORN_LOG(4) << "Cannot watch the connections of the result socket "
                   << vorn::log::sys_error(zmq_errno());
       return;
     }
@@ -138,12 +144,15 @@ class handshake_failures {
     if (monitor_ && zsock_connect(monitor_.get(), "%s", endpoint.c_str()) != 0) {
       monitor_.reset();
     }
+    if (monitor_) {
+      server_health_counters().peers = 0;
+    }
   }
 
   // The socket to poll; null when there is none.
   void* socket() const { return monitor_ ? zsock_resolve(monitor_.get()) : nullptr; }
 
-  // Reads the events that wait, and logs them as one warning per 10 s.
+  // Reads the events that wait; logs refused handshakes as one warning per 10 s.
   void read() {
     for (;;) {
       vorn::czmq::Message event(zmsg_recv_nowait(monitor_.get()));
@@ -151,13 +160,23 @@ class handshake_failures {
         break;
       }
       zframe_t* head = zmsg_first(event.get());
-      if (head != nullptr && zframe_size(head) >= 6) {
-        std::memcpy(&last_error_, zframe_data(head) + 2, sizeof last_error_);
+      if (head == nullptr || zframe_size(head) < 6) {
+        continue;
       }
-      ++unreported_;
+      uint16_t kind = 0;
+      std::memcpy(&kind, zframe_data(head), sizeof kind);
+      if (kind == ZMQ_EVENT_ACCEPTED) {
+        ++peers_;
+      } else if (kind == ZMQ_EVENT_DISCONNECTED) {
+        --peers_;
+      } else {
+        std::memcpy(&last_error_, zframe_data(head) + 2, sizeof last_error_);
+        ++unreported_;
+      }
     }
+    server_health_counters().peers = peers_;
     uint64_t suppressed = 0;
-    if (unreported_ > 0 && warnings_.allow(zclock_mono(), &suppressed)) {
+    if (curve_ && unreported_ > 0 && warnings_.allow(zclock_mono(), &suppressed)) {
       VORN_LOG(4) << "Refused " << unreported_
                   << " peer(s) on the result socket in the handshake since the last report: not "
                      "a CURVE client of this server (ZeroMQ protocol error 0x"
@@ -168,7 +187,9 @@ class handshake_failures {
 
  private:
   static inline std::atomic<int> instances_{0};
+  const bool curve_;
   vorn::czmq::Socket monitor_;
+  int64_t peers_ = 0;
   uint64_t unreported_ = 0;
   uint32_t last_error_ = 0;
   vorn::log::RateLimit warnings_{10000};
@@ -215,9 +236,9 @@ bool run_accumulate_server(daemon_options& options, const daemon_config& config,
       vorn::curve::make_server(subscriber.get(), curve.own);
     }
   }
-  std::optional<handshake_failures> refused;
-  if (subscriber && curve.enabled) {
-    refused.emplace(subscriber.get());
+  std::optional<socket_events> events;
+  if (subscriber) {
+    events.emplace(subscriber.get(), curve.enabled);
   }
   std::string endpoint = subscriber ? bind_subscriber(subscriber.get(), config) : "";
   options.endpoint.set_value(endpoint);
@@ -237,6 +258,8 @@ bool run_accumulate_server(daemon_options& options, const daemon_config& config,
   waiting_requests waiting;
   pub_ack_answerer answerer(curve.enabled ? std::optional(curve.own) : std::nullopt);
   vorn::log::RateLimit drop_warnings(10000);
+  server_health& health = server_health_counters();
+  server_health_reporter health_rows(config);
   // When the first stop signal was seen; a drain lasts drain_timeout at most.
   int64_t stop_seen_ms = -1;
   void* socket = zsock_resolve(subscriber.get());
@@ -259,11 +282,13 @@ bool run_accumulate_server(daemon_options& options, const daemon_config& config,
       file_replacements = writer.file_replacements();
       for (uint64_t key : waiting.take_keys()) {
         receiver.mark_answered(key);
+        ++health.pub_ack_dropped;
       }
       unconfirmed.merge(unasked);
       unasked.clear();
     }
     if (size_t dropped = waiting.answer_committed(answerer, committed)) {
+      health.pub_ack_dropped += dropped;
       warn_dropped(drop_warnings, dropped);
     }
     // A request counts as answered once its answer went out, not when it was
@@ -273,6 +298,11 @@ bool run_accumulate_server(daemon_options& options, const daemon_config& config,
     }
     if (slot == nullptr) {
       slot = writer.free_slot();
+    }
+    // Stored as the next result received, so a full queue delays it too.
+    if (slot != nullptr && options.running && health_rows.due(zclock_mono())) {
+      health_rows.fill(*slot);
+      slot = writer.push();
     }
     // Only CZMQ's interrupt flag (the second stop signal) stops at once.
     if (zsys_interrupted) {
@@ -311,10 +341,12 @@ bool run_accumulate_server(daemon_options& options, const daemon_config& config,
         if (unconfirmed.erase(connection) > 0) {
           unasked.erase(connection);
           receiver.mark_answered(receiver.request().key);
+          ++health.pub_ack_dropped;
         } else if (waiting.add(receiver.request(), writer.last_queued())) {
           unasked.erase(connection);
           writer.request_commit(writer.last_queued());
         } else {
+          ++health.pub_ack_dropped;
           warn_dropped(drop_warnings, 1);
         }
       }
@@ -325,7 +357,7 @@ bool run_accumulate_server(daemon_options& options, const daemon_config& config,
     int wait_ms = slot == nullptr || !waiting.empty() ? result_writer::kPauseMs : kPollMs;
     zmq_pollitem_t items[] = {
         {socket, 0, static_cast<short>(slot != nullptr ? ZMQ_POLLIN : 0), 0},
-        {refused ? refused->socket() : nullptr, 0, ZMQ_POLLIN, 0},
+        {events ? events->socket() : nullptr, 0, ZMQ_POLLIN, 0},
     };
     int ready = zmq_poll(items, items[1].socket != nullptr ? 2 : 1, wait_ms);
     if (ready < 0 && zmq_errno() == ETERM) {
@@ -333,7 +365,7 @@ bool run_accumulate_server(daemon_options& options, const daemon_config& config,
       break;
     }
     if (items[1].revents & ZMQ_POLLIN) {
-      refused->read();
+      events->read();
     }
     if (items[0].revents & ZMQ_POLLIN) {
       more_waiting = true;

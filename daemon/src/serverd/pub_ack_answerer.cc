@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "daemon/src/serverd/health.h"
 #include "util/czmq.h"
 #include "util/log.h"
 
@@ -143,6 +144,7 @@ void pub_ack_answerer::run() {
         if (socket != nullptr) {
           close_socket(socket, 0);
         }
+        ++server_health_counters().pub_ack_dropped;
         done.push_back(request.key);
         continue;
       }
@@ -176,12 +178,16 @@ void pub_ack_answerer::run() {
       if (items[i + 1].revents & ZMQ_POLLOUT) {
         if (zmq_send(c.socket, c.number.data(), c.number.size(), ZMQ_DONTWAIT) >= 0) {
           delivered.push_back(c.key);
+          ++server_health_counters().pub_ack_answered;
+        } else {
+          ++server_health_counters().pub_ack_dropped;
         }
         close_socket(c.socket, kLingerMs);
         done.push_back(c.key);
       } else if (now >= c.deadline_ms) {
         // Unreachable: answered when its sender asks again.
         close_socket(c.socket, 0);
+        ++server_health_counters().pub_ack_dropped;
         done.push_back(c.key);
       } else {
         still_open.push_back(c);

@@ -17,6 +17,9 @@
 // With CURVE, each answer is a CURVE client with the server's own key, of
 // the requester's key: a node's reply socket is a CURVE server with its own.
 //
+// Answers sent count in server_health::pub_ack_answered; requests given up
+// (unreachable, no socket) in pub_ack_dropped, like those the caller drops.
+//
 // Thread safety: answer() may be called from any thread; the destructor
 // from the owner's.
 

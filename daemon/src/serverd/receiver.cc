@@ -11,6 +11,7 @@
 #include <string_view>
 
 #include "daemon/src/curve/curve.h"
+#include "daemon/src/serverd/health.h"
 #include "util/czmq.h"
 #include "util/fs.h"
 #include "util/log.h"
@@ -32,6 +33,14 @@ std::string dump_file_name(const char* name) {
     out = "_" + out;
   }
   return out;
+}
+
+// A PUB_ACK request left unanswered because its sender may not store
+// results here, or would have the answer sent elsewhere.
+void count_refused(bool pub_ack) {
+  if (pub_ack) {
+    ++server_health_counters().pub_ack_refused;
+  }
 }
 
 }  // namespace
@@ -258,18 +267,21 @@ bool result_receiver::hostname_allowed(const received_message& message,
 
 message_kind result_receiver::classify(received_message& message, const message_origin& origin) {
   std::optional<std::string> allowed;
+  const bool pub_ack = message.count() == 4 && message.frame(1) == "PUB_ACK";
   if (keys_) {
     allowed = allowed_hostname(origin);
     if (!allowed) {
+      count_refused(pub_ack);
       return message_kind::ignored;
     }
   }
   if (message.count() == 4) {
-    if (message.frame(1) != "PUB_ACK") {
+    if (!pub_ack) {
       return message_kind::ignored;
     }
     std::string_view endpoint = message.frame(2);
     if (!valid_reply_endpoint(endpoint) || !endpoint_is_peer(endpoint, origin.peer_address)) {
+      count_refused(true);
       uint64_t suppressed = 0;
       if (endpoint_warnings_.allow(zclock_mono(), &suppressed)) {
         VORN_LOG(4) << "Ignoring PUB_ACK request for endpoint '"
@@ -293,6 +305,7 @@ message_kind result_receiver::classify(received_message& message, const message_
       return message_kind::ignored;
     }
     if (recently_refused(origin.user_id, zclock_mono())) {
+      count_refused(true);
       uint64_t suppressed = 0;
       if (unanswered_warnings_.allow(zclock_mono(), &suppressed)) {
         VORN_LOG(4) << "Not answering PUB_ACK from '" << vorn::str::printable(origin.peer_address)

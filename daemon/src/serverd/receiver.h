@@ -142,7 +142,8 @@ using key_policy = std::function<std::optional<std::string>(const std::string& p
 // connection's handshake, so that a key removed while its connection stays
 // open is refused from then on; a result is stored only when its Hostname is
 // the one its key's certificate names. Refusals are logged, one warning per
-// 10 s of each kind.
+// 10 s of each kind; refused PUB_ACK requests count in
+// server_health::pub_ack_refused.
 class result_receiver {
  public:
   explicit result_receiver(key_policy keys = nullptr) : keys_(std::move(keys)) {}

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <limits>
 
+#include "daemon/src/serverd/health.h"
 #include "util/czmq.h"
 #include "util/log.h"
 #include "util/str.h"
@@ -20,9 +21,13 @@ constexpr int kInterruptCheckMs = 50;
 }  // namespace
 
 result_writer::result_writer(database* store, const daemon_config& config)
-    : store_(store), config_(config), slots_(kSlots), refused_(kSlots, false), thread_([this] {
-        run();
-      }) {}
+    : store_(store),
+      config_(config),
+      slots_(kSlots),
+      refused_(kSlots, false),
+      identify_ahead_(store != nullptr && store->exactly_once()),
+      identities_(identify_ahead_ ? kSlots : 0),
+      thread_([this] { run(); }) {}
 
 result_writer::~result_writer() {
   finish(kNoDeadline);
@@ -68,10 +73,16 @@ received_message* result_writer::free_slot() {
 }
 
 received_message* result_writer::push() {
+  if (identify_ahead_) {
+    // The slot is the receiving thread's until it is queued: the hash is
+    // made here, beside the writing thread's inserts rather than before them.
+    identities_[queued_ % kSlots] = identify(slots_[queued_ % kSlots].result());
+  }
   std::lock_guard<std::mutex> lock(mutex_);
   queued_bytes_ += slots_[head_ % kSlots].total_size();
   ++head_;
   ++queued_;
+  server_health_counters().writer_queue.store(head_ - released_, std::memory_order_relaxed);
   if (writer_waiting_) {
     work_.notify_one();
   }
@@ -92,6 +103,8 @@ bool result_writer::write_batch(std::unique_lock<std::mutex>& lock, uint64_t end
   uint64_t begin = written_;
   lock.unlock();
   size_t bytes = 0;
+  uint64_t stored = 0;
+  uint64_t duplicates = 0;
   std::string error;
   uint64_t i = begin;
   for (; i < end; ++i) {
@@ -104,12 +117,17 @@ bool result_writer::write_batch(std::unique_lock<std::mutex>& lock, uint64_t end
     result_view result = message.result();
     if (store_ == nullptr) {
       dump_result(result, config_);
+      ++stored;
     } else {
-      write_status status = store_->write(result);
+      write_status status = store_->write(result, identify_ahead_ ? &identities_[slot] : nullptr);
       if (status == write_status::retry) {
         error = store_->last_error();
         break;
       }
+      // A result stored before (sent again after a restart of the server)
+      // is done like any other: its sender's request is answered.
+      stored += status == write_status::written;
+      duplicates += status == write_status::duplicate;
       if (status == write_status::refused) {
         // Logged once: a rewind skips it.
         refused_[slot] = true;
@@ -130,6 +148,8 @@ bool result_writer::write_batch(std::unique_lock<std::mutex>& lock, uint64_t end
   }
   written_ = end;
   uncommitted_bytes_ += bytes;
+  uncommitted_stored_ += stored;
+  uncommitted_duplicates_ += duplicates;
   if (store_ == nullptr) {
     // A text dump is as durable as it gets once written.
     commit(lock);
@@ -152,6 +172,8 @@ void result_writer::commit(std::unique_lock<std::mutex>& lock) {
     lock.lock();
     written_ = released_;
     uncommitted_bytes_ = 0;
+    uncommitted_stored_ = 0;
+    uncommitted_duplicates_ = 0;
     file_replacements_.fetch_add(1, std::memory_order_release);
     return;
   } else {
@@ -165,23 +187,48 @@ void result_writer::commit(std::unique_lock<std::mutex>& lock) {
     trouble(lock, error);
     return;
   }
+  server_health& health = server_health_counters();
   if (in_trouble_) {
     in_trouble_ = false;
-    VORN_LOG(5) << "Database writable again after "
-                << (zclock_mono() - trouble_since_ms_ + 500) / 1000
+    int64_t now = zclock_mono();
+    health.database_unavailable_ms.fetch_add(now - trouble_since_ms_, std::memory_order_relaxed);
+    health.unavailable_since_ms.store(0, std::memory_order_relaxed);
+    VORN_LOG(5) << "Database writable again after " << (now - trouble_since_ms_ + 500) / 1000
                 << " s; the results kept meanwhile are stored";
   }
+  if (result == commit_result::committed) {
+    health.results_stored.fetch_add(uncommitted_stored_, std::memory_order_relaxed);
+    health.duplicates_dropped.fetch_add(uncommitted_duplicates_, std::memory_order_relaxed);
+    report_duplicates(uncommitted_duplicates_);
+  }
+  uncommitted_stored_ = 0;
+  uncommitted_duplicates_ = 0;
   released_ = end;
   queued_bytes_ -= uncommitted_bytes_;
   uncommitted_bytes_ = 0;
+  health.writer_queue.store(head_ - released_, std::memory_order_relaxed);
   committed_.store(end, std::memory_order_release);
+}
+
+void result_writer::report_duplicates(uint64_t committed) {
+  unreported_duplicates_ += committed;
+  uint64_t suppressed = 0;
+  if (unreported_duplicates_ > 0 && duplicate_reports_.allow(zclock_mono(), &suppressed)) {
+    VORN_LOG(5) << unreported_duplicates_
+                << " result(s) received again were stored already and are not stored twice "
+                   "(sent again by nodes that missed an answer)";
+    unreported_duplicates_ = 0;
+  }
 }
 
 void result_writer::trouble(std::unique_lock<std::mutex>&, const std::string& error) {
   int64_t now = zclock_mono();
+  server_health& health = server_health_counters();
+  health.database_retries.fetch_add(1, std::memory_order_relaxed);
   if (!in_trouble_) {
     in_trouble_ = true;
     trouble_since_ms_ = now;
+    health.unavailable_since_ms.store(now, std::memory_order_relaxed);
     retry_delay_ms_ = kFirstRetryMs;
     VORN_LOG(3) << "Database unavailable (" << error << "): keeping " << head_ - released_
                 << " received results and retrying; receiving pauses while the queue is full";
@@ -193,6 +240,8 @@ void result_writer::trouble(std::unique_lock<std::mutex>&, const std::string& er
   // commit is written again.
   written_ = released_;
   uncommitted_bytes_ = 0;
+  uncommitted_stored_ = 0;
+  uncommitted_duplicates_ = 0;
 }
 
 bool result_writer::wait_for_retry(std::unique_lock<std::mutex>& lock) {

@@ -15,14 +15,23 @@
 // starts and once when it ends. Meanwhile the ring fills and receiving
 // stops. Only a row that the database refuses for good is reported lost.
 //
+// A result the store holds already (write_status::duplicate: a node sent
+// again what was committed but not acknowledged before a restart) is done
+// like a committed one, and counted.
+//
 // Every queued result gets the next sequence number, from 1. committed()
-// is the number up to which every result is committed or reported lost:
+// is the number up to which every result is committed, found stored
+// already, or reported lost:
 // the receiving thread answers an acknowledgement request once committed()
 // reaches the last number queued before the request. When the database file
 // was removed or replaced, the rows of the commit that found it are written
 // again into the new file and file_replacements() counts it: the receiving
 // thread then answers none of the requests waiting, as what their senders
 // sent earlier went into the lost file.
+//
+// The writer keeps the server's health counters (health.h) of its side:
+// results stored and found stored already (at their commit), database
+// retries and spells of unavailability, and the results queued.
 //
 // When kSlots messages or kMaxQueuedBytes are waiting, there is no free
 // slot: the receiving thread stops reading and ZeroMQ's own queues, then the
@@ -44,6 +53,7 @@
 #include "daemon/src/config/config.h"
 #include "daemon/src/database/database.h"
 #include "daemon/src/serverd/receiver.h"
+#include "util/log.h"
 
 class result_writer {
  public:
@@ -53,6 +63,7 @@ class result_writer {
   static constexpr int64_t kMaxBatchMs = 100;
   static constexpr int64_t kFirstRetryMs = 100;
   static constexpr int64_t kMaxRetryMs = 5000;
+  static constexpr int64_t kReportMs = 10000;
 
   // `store` may be null: results then go to text dumps.
   result_writer(database* store, const daemon_config& config);
@@ -96,12 +107,18 @@ class result_writer {
   bool wait_for_retry(std::unique_lock<std::mutex>& lock);
   bool should_commit(int64_t now) const;
   received_message* free_slot_locked();
+  // Logs the results found stored already, as one notice per kReportMs.
+  void report_duplicates(uint64_t committed);
 
   database* const store_;
   const daemon_config& config_;
   std::vector<received_message> slots_;
   std::vector<bool> refused_;  // per slot: refused for good, skipped by a rewind
-  uint64_t queued_ = 0;        // receiving thread only
+  // Per slot, with a store that recognises results: the result's identity,
+  // made by the receiving thread when it queues the slot.
+  const bool identify_ahead_;
+  std::vector<result_identity> identities_;
+  uint64_t queued_ = 0;  // receiving thread only
 
   std::mutex mutex_;
   std::condition_variable work_;
@@ -118,6 +135,10 @@ class result_writer {
   // The writing thread's own record of what awaits its commit.
   uint64_t written_ = 0;  // slots written into the open transaction, ever
   size_t uncommitted_bytes_ = 0;
+  uint64_t uncommitted_stored_ = 0;      // rows written since the last commit
+  uint64_t uncommitted_duplicates_ = 0;  // results found stored already, since then
+  uint64_t unreported_duplicates_ = 0;
+  vorn::log::RateLimit duplicate_reports_{kReportMs};
   int64_t first_uncommitted_ms_ = 0;
   bool in_trouble_ = false;
   int64_t trouble_since_ms_ = 0;
