@@ -175,7 +175,9 @@ struct backlog_figures {
 // A backlog of 1 KiB results delivered to a local server, with the node's
 // publisher window at `window` batches ("" for its default).
 backlog_figures deliver_backlog(int files, const std::string& window) {
-  Setup s("backlog", "<provider_period>3600</provider_period>");
+  // No health row among the results counted.
+  Setup s("backlog",
+          "<provider_period>3600</provider_period><heartbeat_period>0</heartbeat_period>");
   ::mkdir(s.out.c_str(), 0755);
   provider_result r;
   r.header.api = 1;
