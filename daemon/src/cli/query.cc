@@ -143,6 +143,22 @@ Summary read_summary(const Statement& s) {
   return row;
 }
 
+// A read transaction that ends however the reading does, so that several
+// statements see one state of the database.
+class ReadTransaction {
+ public:
+  ReadTransaction(sqlite3* db, const std::string& path) : db_(db) {
+    Statement begin(db, "BEGIN", path);
+    begin.step();
+  }
+  ReadTransaction(const ReadTransaction&) = delete;
+  ReadTransaction& operator=(const ReadTransaction&) = delete;
+  ~ReadTransaction() { sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr); }
+
+ private:
+  sqlite3* db_;
+};
+
 }  // namespace
 
 std::string first_line(const std::string& output) {
@@ -189,12 +205,7 @@ bool Store::has_table(const char* name) {
 std::vector<Summary> Store::latest(const Filter& filter, bool with_output) {
   // Whether the summary table exists and the query are read in one
   // transaction, so that they agree.
-  Statement begin(db_.get(), "BEGIN", path_);
-  begin.step();
-  struct End {
-    sqlite3* db;
-    ~End() { sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr); }
-  } end{db_.get()};
+  ReadTransaction transaction(db_.get(), path_);
 
   std::string sql = has_table("vorn_latest") ? kLatestIdsFromSummary : kLatestIdsFromScan;
   sql += "SELECT ";
@@ -212,12 +223,7 @@ std::vector<Summary> Store::latest(const Filter& filter, bool with_output) {
 }
 
 std::vector<Health> Store::health(bool judge_staleness) {
-  Statement begin(db_.get(), "BEGIN", path_);
-  begin.step();
-  struct End {
-    sqlite3* db;
-    ~End() { sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr); }
-  } end{db_.get()};
+  ReadTransaction transaction(db_.get(), path_);
 
   // A health row's output is a few hundred bytes; a longer one is cut, not
   // read whole, and what is cut off is not a key of it.

@@ -15,8 +15,8 @@ struct server_health {
   std::atomic<uint64_t> results_stored{0};      // rows committed
   std::atomic<uint64_t> duplicates_dropped{0};  // results already stored, not stored again
   std::atomic<uint64_t> pub_ack_answered{0};
-  std::atomic<uint64_t> pub_ack_dropped{0};  // never answered: too many waiting, or file lost
-  std::atomic<uint64_t> pub_ack_refused{0};  // from senders that may not store results
+  std::atomic<uint64_t> pub_ack_dropped{0};   // never answered: too many waiting, or file lost
+  std::atomic<uint64_t> pub_ack_refused{0};   // from senders that may not store results
   std::atomic<uint64_t> database_retries{0};  // writes or commits to be tried again
   // Milliseconds the database has been unavailable, in spells that ended,
   // and zclock_mono when the current spell began (0 while available).
