@@ -166,7 +166,8 @@ void idle_cpu() {
 }
 
 struct backlog_figures {
-  double rate = 0;  // files/s, from the start of the node to the last row
+  double rate = 0;          // files/s, from the start of the node to the last row
+  double emptied_rate = 0;  // files/s, from the start to the last file deleted
   long long rows = 0;
   long long lost = 0;
   size_t left = 0;
@@ -188,6 +189,9 @@ backlog_figures deliver_backlog(int files, const std::string& window) {
     r.header.stdout_size = r.stdout_data.size();
     write_output_file(r, s.out);
   }
+  // On disk before the node starts, as a backlog that built up over time
+  // is: deleting a file whose blocks are still unwritten costs less.
+  ::sync();
   pid_t server = spawn({kServerd, "-c", s.config}, s.dir + "/serverd.log");
   auto start = clock_type::now();
   pid_t node = spawn({kNoded, "-c", s.config}, s.dir + "/noded.log", [&] {
@@ -197,7 +201,10 @@ backlog_figures deliver_backlog(int files, const std::string& window) {
   });
   backlog_figures f;
   while (seconds_since(start) < 600) {
-    f.rows = count_rows(s.db, "SELECT count(*) FROM vorn_1");
+    // Rows are only added, numbered from 1: the last number counts them
+    // without the scan of the table that count(*) makes, which would take
+    // the CPU the node and the server need.
+    f.rows = count_rows(s.db, "SELECT coalesce(max(rowid), 0) FROM vorn_1");
     if (f.rows >= files) {
       break;
     }
@@ -207,6 +214,7 @@ backlog_figures deliver_backlog(int files, const std::string& window) {
   while (!output_files(s.out).empty() && seconds_since(start) < 620) {
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
   }
+  f.emptied_rate = files / seconds_since(start);
   stop(node);
   stop(server);
   f.rows = count_rows(s.db, "SELECT count(*) FROM vorn_1");
@@ -228,6 +236,8 @@ void backlog_delivery() {
       "| backlog of %d files to a local server | %.0f files/s | lock-step %.0f files/s | "
       "ratio %.2f (goal >= 1.5), goal >= 25000 files/s |\n",
       files, pipelined.rate, lock_step.rate, pipelined.rate / lock_step.rate);
+  std::printf("| backlog: output directory emptied | %.0f files/s | lock-step %.0f files/s | |\n",
+              pipelined.emptied_rate, lock_step.emptied_rate);
   std::printf(
       "| backlog rows stored, lost, left on disk | %lld, %lld, %zu | lock-step %lld, %lld, %zu | "
       "goal %d, 0, 0 |\n",

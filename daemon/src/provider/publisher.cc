@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -54,6 +55,11 @@ constexpr int64_t kMinBytesPerSecond = 32 * 1024;
 constexpr int kRequestIntervalMs = 500;
 constexpr int64_t kStopGraceMs = 5000;
 constexpr int kScanIntervalMs = 1000;
+// Confirmed files whose deletion may lag behind delivery: names only, as
+// many as a listing of a large backlog holds. The directory is listed again
+// once they are gone, looked at this often meanwhile.
+constexpr size_t kMaxPendingDeletions = 100000;
+constexpr int kDeletionPollMs = 100;
 // The send queue holds a full window and the requests repeated while it
 // drains, so sending never waits for room; should it, this long at most.
 constexpr int kQueuedRequests = 1000;
@@ -220,14 +226,25 @@ int discovery_port(const std::string& payload, const daemon_config& config) {
   return port_number(payload.substr(prefix.size()));
 }
 
-// Deletes confirmed output files on threads of their own. Deleting a file
-// costs about as much as reading and sending it, and on a file system
-// mounted with "discard" each deletion of a file whose blocks reached the
-// disk waits for the device: several at once overlap those waits.
+void delete_output_file(const std::string& path) {
+  if (::unlink(path.c_str()) != 0 && errno != ENOENT) {
+    VORN_LOG(3) << "Cannot delete delivered output file '" << path << "' "
+                << vorn::log::sys_error(errno);
+  }
+}
+
+// Deletes confirmed output files on threads of their own, so that delivery
+// need not wait for it. Deleting a file costs about as much as reading and
+// sending it, and on a file system mounted with "discard" each deletion of a
+// file whose blocks reached the disk waits for the device: several at once
+// overlap those waits, and a backlog reaches the server before its files
+// are all gone. Until they are, the directory is not listed again (they
+// would be sent again).
 class file_deleter {
  public:
   static constexpr size_t kThreads = 4;
   static constexpr size_t kChunk = 64;
+  static constexpr int kNice = 10;
 
   explicit file_deleter(size_t max_pending) : max_pending_(max_pending) {
     for (size_t i = 0; i < kThreads; ++i) {
@@ -236,15 +253,20 @@ class file_deleter {
   }
   file_deleter(const file_deleter&) = delete;
   file_deleter& operator=(const file_deleter&) = delete;
-  // Deletes what it still holds first: those files are confirmed.
+  // Goes on deleting for kStopGraceMs at most; files left are confirmed
+  // ones, sent again after the next start (the server stores them once).
   ~file_deleter() {
     {
       std::lock_guard<std::mutex> lock(mutex_);
-      stopping_ = true;
+      stop_at_ms_ = zclock_mono() + kStopGraceMs;
     }
     changed_.notify_all();
     for (std::thread& thread : threads_) {
       thread.join();
+    }
+    if (!pending_.empty()) {
+      VORN_LOG(4) << pending_.size()
+                  << " delivered output file(s) not deleted before the stop will be sent again";
     }
   }
 
@@ -257,18 +279,21 @@ class file_deleter {
     changed_.notify_all();
   }
 
-  // Returns once every file handed over is deleted.
-  void flush() {
-    std::unique_lock<std::mutex> lock(mutex_);
-    changed_.wait(lock, [this] { return pending_.empty() && busy_ == 0; });
+  // True when every file handed over is deleted.
+  bool idle() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return pending_.empty() && busy_ == 0;
   }
 
  private:
   void run() {
+    // Housekeeping: reading and sending (and a server on this node) come
+    // first. Linux gives each thread a nice value of its own.
+    ::setpriority(PRIO_PROCESS, static_cast<id_t>(::gettid()), kNice);
     std::unique_lock<std::mutex> lock(mutex_);
     for (;;) {
-      changed_.wait(lock, [this] { return stopping_ || !pending_.empty(); });
-      if (pending_.empty()) {
+      changed_.wait(lock, [this] { return stop_at_ms_ >= 0 || !pending_.empty(); });
+      if (pending_.empty() || (stop_at_ms_ >= 0 && zclock_mono() >= stop_at_ms_)) {
         return;
       }
       size_t take = std::min(kChunk, pending_.size());
@@ -279,10 +304,7 @@ class file_deleter {
       changed_.notify_all();
       lock.unlock();
       for (const std::string& path : paths) {
-        if (::unlink(path.c_str()) != 0 && errno != ENOENT) {
-          VORN_LOG(3) << "Cannot delete delivered output file '" << path << "' "
-                      << vorn::log::sys_error(errno);
-        }
+        delete_output_file(path);
       }
       lock.lock();
       --busy_;
@@ -294,8 +316,8 @@ class file_deleter {
   std::mutex mutex_;
   std::condition_variable changed_;
   std::vector<std::string> pending_;
-  size_t busy_ = 0;  // threads deleting a chunk
-  bool stopping_ = false;
+  size_t busy_ = 0;          // threads deleting a chunk
+  int64_t stop_at_ms_ = -1;  // once stopping: when to leave the rest
   std::vector<std::thread> threads_;
 };
 
@@ -372,7 +394,7 @@ class publisher_loop {
         directory_(config.provider_output_dir),
         topic_(accumulate_topic(config)),
         window_batches_(window_batches()),
-        deleter_(window_batches_ * kBatchFiles) {}
+        deleter_(kMaxPendingDeletions) {}
 
   void run() {
     node_health_counters().last_progress_ms = zclock_mono();
@@ -425,9 +447,14 @@ class publisher_loop {
       }
       if (has_room(w)) {
         if (queue_.empty() && now >= next_scan_ms) {
-          list_output_files(w);
-          if (queue_.empty()) {
-            next_scan_ms = now + kScanIntervalMs;
+          if (!deleter_.idle()) {
+            // Confirmed files still on disk would be sent again.
+            next_scan_ms = now + kDeletionPollMs;
+          } else {
+            list_output_files(w);
+            if (queue_.empty()) {
+              next_scan_ms = now + kScanIntervalMs;
+            }
           }
         }
         if (!queue_.empty()) {
@@ -512,11 +539,14 @@ class publisher_loop {
     }
     w.files -= b.files.size();
     w.bytes -= b.bytes;
-    deleter_.remove(std::move(b.files));
     if (window_batches_ == 1) {
-      // Lock-step, as delivery was before the window: reading, the server's
-      // storing and deleting one after the other (for the benchmark).
-      deleter_.flush();
+      // Lock-step, as delivery was before the window (for the benchmark):
+      // reading, the server's storing and deleting one after the other.
+      for (const std::string& path : b.files) {
+        delete_output_file(path);
+      }
+    } else {
+      deleter_.remove(std::move(b.files));
     }
     b.files.clear();
     b.bytes = 0;
@@ -558,8 +588,6 @@ class publisher_loop {
   // Lists the output directory into the queue, oldest first, leaving out
   // the files in flight.
   void list_output_files(const window& w) {
-    // Confirmed files still on disk would be sent again.
-    deleter_.flush();
     listing seen;
     if (!scan_output_files(directory_, w.paths, queue_, seen)) {
       if (directory_problem_.raise("unreadable")) {
