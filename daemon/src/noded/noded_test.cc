@@ -224,6 +224,75 @@ TEST_F(NodeTest, ServerKilledMidWindowLosesNothing) {
   EXPECT_EQ(node->wait_exit(), 0) << node->err();
 }
 
+// The value of `key` in a health row's "key=value" lines; "" when absent.
+std::string health_value(const std::string& row, const std::string& key) {
+  size_t at = ("\n" + row).find("\n" + key + "=");
+  if (at == std::string::npos) {
+    return "";
+  }
+  at += key.size() + 1;
+  return row.substr(at, row.find('\n', at) - at);
+}
+
+// The node's health rows tell how its delivery fares: while the server is
+// away, the backlog waiting and the server it tries; once delivered, nothing
+// waiting, recent progress, and the file it set aside.
+TEST_F(NodeTest, HealthRowsTellHowDeliveryFares) {
+  std::string cfg = config("<heartbeat_period>1</heartbeat_period>");
+  ::mkdir(out().c_str(), 0755);
+  const int kFiles = 300;
+  for (int i = 0; i < kFiles; ++i) {
+    ASSERT_EQ(write_output_file(vorn::test::sample_result("queued", std::to_string(i)), out()), 1);
+  }
+  provider_result big = vorn::test::sample_result("short", std::string(100, 'x'));
+  const std::string truncated = out() + "/short.ABCDEF";
+  vorn::test::write_file(
+      truncated, std::string(reinterpret_cast<const char*>(&big.header), kResultHeaderSize));
+  timeval old[2] = {{1000000000, 0}, {1000000000, 0}};
+  ::utimes(truncated.c_str(), old);
+  auto node = start(kNoded, cfg);
+  ASSERT_TRUE(node->wait_for_err("does not answer")) << node->err();
+  // Rows written meanwhile wait with the backlog.
+  ASSERT_TRUE(wait_until([&] { return output_files(out()) >= kFiles + 4; }, milliseconds(20000)));
+  const std::string server_started = std::to_string(::time(nullptr));
+  auto server = start(kServerd, cfg);
+  auto health = [&](const std::string& where) {
+    std::vector<std::string> texts;
+    for (const auto& row : query(db(),
+                                 "SELECT CAST(STDOUT AS TEXT) FROM vorn_1 WHERE "
+                                 "Provider='vorn-noded' AND " +
+                                     where + " ORDER BY rowid")) {
+      texts.push_back(row[0]);
+    }
+    return texts;
+  };
+  auto delivered = [&](const std::string& row) {
+    const std::string waiting = health_value(row, "files_waiting");
+    return health_value(row, "rejected") == "1" && (waiting == "0" || waiting == "1");
+  };
+  ASSERT_TRUE(wait_until(
+      [&] {
+        auto texts = health("1");
+        return rows("Provider='queued'") == kFiles && !texts.empty() && delivered(texts.back());
+      },
+      milliseconds(30000)))
+      << node->err();
+  const std::string server_endpoint = "tcp://127.0.0.1:" + port_;
+  // Rows written while the server was away (the first may come before the
+  // publisher has looked).
+  auto away = health("Timestamp < " + server_started);
+  ASSERT_GE(away.size(), 2u);
+  for (size_t i = 1; i < away.size(); ++i) {
+    EXPECT_GE(std::stoi(health_value(away[i], "files_waiting")), kFiles) << away[i];
+    EXPECT_EQ(health_value(away[i], "server"), server_endpoint) << away[i];
+  }
+  auto last = health("1").back();
+  EXPECT_EQ(health_value(last, "server"), server_endpoint) << last;
+  EXPECT_LE(std::stoi(health_value(last, "last_progress_s")), 5) << last;
+  node->send_signal(SIGTERM);
+  EXPECT_EQ(node->wait_exit(), 0) << node->err();
+}
+
 // A server that is not there is logged once however often the node tries,
 // and its coming back once.
 TEST_F(NodeTest, SilentServerIsLoggedOnceAndItsReturnOnce) {

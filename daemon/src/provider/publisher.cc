@@ -398,15 +398,19 @@ class publisher_loop {
 
   void run() {
     node_health_counters().last_progress_ms = zclock_mono();
+    // Before a server answers, perhaps for long.
+    count_waiting_files();
     while (!vorn::stop::stop_requested()) {
       connection c;
       if (!connect(c)) {
         node_health_counters().set_server("");
+        count_waiting_files();
         continue;
       }
       node_health_counters().set_server(c.server);
       if (!handshake(c)) {
         report_silence(c);
+        count_waiting_files();
         continue;
       }
       if (announced_ != c.server) {
@@ -582,6 +586,16 @@ class publisher_loop {
       VORN_LOG(4) << "Delivery to the accumulate server at " << c.server << " broke off (" << reason
                   << ") with " << w.files
                   << " output file(s) sent but not confirmed; sending again from the oldest file";
+    }
+  }
+
+  // Keeps the counters of waiting files true while no server takes them.
+  void count_waiting_files() {
+    std::deque<std::string> names;
+    listing seen;
+    if (scan_output_files(directory_, {}, names, seen)) {
+      node_health_counters().files_waiting = seen.files;
+      node_health_counters().oldest_waiting_unix = seen.oldest;
     }
   }
 
