@@ -56,8 +56,9 @@ constexpr int kRequestIntervalMs = 500;
 constexpr int64_t kStopGraceMs = 5000;
 constexpr int kScanIntervalMs = 1000;
 // Confirmed files whose deletion may lag behind delivery: names only, as
-// many as a listing of a large backlog holds. The directory is listed again
-// once they are gone, looked at this often meanwhile.
+// many as a listing of a large backlog holds (no new batch starts beyond
+// it). The directory is listed again once they are gone, looked at this
+// often meanwhile.
 constexpr size_t kMaxPendingDeletions = 100000;
 constexpr int kDeletionPollMs = 100;
 // The send queue holds a full window and the requests repeated while it
@@ -270,13 +271,18 @@ class file_deleter {
     }
   }
 
-  // Hands `paths` over; waits while more than max_pending wait already.
+  // Hands `paths` over.
   void remove(std::vector<std::string>&& paths) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    changed_.wait(lock, [this] { return pending_.size() < max_pending_; });
+    std::lock_guard<std::mutex> lock(mutex_);
     pending_.insert(pending_.end(), std::make_move_iterator(paths.begin()),
                     std::make_move_iterator(paths.end()));
     changed_.notify_all();
+  }
+
+  // True when max_pending files wait: hand no more over for now.
+  bool full() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return pending_.size() >= max_pending_;
   }
 
   // True when every file handed over is deleted.
@@ -473,12 +479,18 @@ class publisher_loop {
       if (has_room(w) && queue_.empty()) {
         until = std::min(until, next_scan_ms);
       }
+      if (deleter_.full()) {
+        until = std::min(until, now + kDeletionPollMs);
+      }
       wait_for_news(c, until, true);
     }
   }
 
-  bool has_room(const window& w) const {
-    return w.batches.size() < window_batches_ && w.bytes < window_batches_ * kBatchBytes;
+  // Room for another batch: in the window, and among the deletions waiting
+  // (each batch in flight may add its files).
+  bool has_room(const window& w) {
+    return w.batches.size() < window_batches_ && w.bytes < window_batches_ * kBatchBytes &&
+           !deleter_.full();
   }
 
   // After the stop: no new batch; the answers to those in flight are

@@ -30,9 +30,10 @@
 // listed, the files read one at a time).
 //
 // Confirmed files are deleted by four threads of lower priority, which may
-// lag behind delivery by up to 100,000 names; the directory is not listed
-// again until they are gone, so none is sent twice. At the stop they get
-// 5 s more; what is left then is sent again after the next start.
+// lag behind delivery by 100,000 names (then no new batch starts until they
+// catch up); the directory is not listed again until they are gone, so none
+// is sent twice. At the stop they get 5 s more; what is left then is sent
+// again after the next start.
 //
 // Progress is an answer that confirms a batch. With batches in flight, the
 // next one is due within 10 s of the last progress (or of the oldest
