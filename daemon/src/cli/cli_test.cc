@@ -18,7 +18,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "daemon/src/database/latest.h"
+#include "daemon/src/database/schema.h"
 #include "daemon/src/provider/result.h"
 #include "daemon/src/provider/sender.h"
 #include "tests/support/netns.h"
@@ -249,7 +249,7 @@ TEST_F(CliTest, LatestFailingAndStaleSetsOfAHandMadeHistory) {
   }
 
   ASSERT_TRUE(vorn::test::execute(
-      db_path(), std::string(vorn::latest::kCreateTable) + ";" + vorn::latest::kCatchUp));
+      db_path(), std::string(vorn::schema::kCreateLatestSqlite) + ";" + vorn::schema::kCatchUp));
   send({
       {"load", "node1", "None", 0, 10, "load 0.1\tx\\y\nsecond line\n"},
       {"load", "node1", "big", 2, 4000, "load big fails\n"},

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "daemon/src/cli/health.h"
+#include "daemon/src/database/schema.h"
 #include "daemon/src/provider/result.h"
 
 namespace vorn::cli {
@@ -32,26 +33,6 @@ constexpr const char* kSummaryColumns =
     "CASE WHEN ?9 THEN substr(r.STDOUT, 1, 1024) END, "
     "substr(CAST(r.STDERR AS BLOB), -64)";
 static_assert(kTimeOutLineMax == 64, "the tail read above holds the whole line");
-
-// The rowid of each key's newest row. With the server's summary table
-// (daemon/src/database/latest.h): its rows, and the rows stored after the
-// newest one it accounts for, which a server folds in only when it next
-// opens the file. ?1 and ?2 restrict provider and host when not NULL.
-constexpr const char* kLatestIdsFromSummary =
-    "WITH known AS (SELECT coalesce(max(last_rowid), 0) AS last FROM vorn_latest), "
-    "keyed AS ("
-    "  SELECT Provider AS p, Hostname AS h, OptionID AS o, last_rowid AS id FROM vorn_latest "
-    "  UNION ALL "
-    "  SELECT coalesce(Provider, ''), coalesce(Hostname, ''), coalesce(OptionID, ''), rowid "
-    "  FROM vorn_1 WHERE rowid > (SELECT last FROM known)), "
-    "ids AS (SELECT max(id) AS id FROM keyed "
-    "  WHERE (?1 IS NULL OR p = ?1) AND (?2 IS NULL OR h = ?2) GROUP BY p, h, o) ";
-
-constexpr const char* kLatestIdsFromScan =
-    "WITH ids AS (SELECT max(rowid) AS id FROM vorn_1 "
-    "  WHERE (?1 IS NULL OR coalesce(Provider, '') = ?1) "
-    "    AND (?2 IS NULL OR coalesce(Hostname, '') = ?2) "
-    "  GROUP BY coalesce(Provider, ''), coalesce(Hostname, ''), coalesce(OptionID, '')) ";
 
 // A prepared statement of one query, finalized when it goes.
 class Statement {
@@ -207,7 +188,8 @@ std::vector<Summary> Store::latest(const Filter& filter, bool with_output) {
   // transaction, so that they agree.
   ReadTransaction transaction(db_.get(), path_);
 
-  std::string sql = has_table("vorn_latest") ? kLatestIdsFromSummary : kLatestIdsFromScan;
+  std::string sql =
+      has_table("vorn_latest") ? vorn::schema::kLatestIds : vorn::schema::kLatestIdsByScan;
   sql += "SELECT ";
   sql += kSummaryColumns;
   sql += " FROM ids JOIN vorn_1 r ON r.rowid = ids.id ORDER BY 2, 3, 4";
@@ -227,7 +209,8 @@ std::vector<Health> Store::health(bool judge_staleness) {
 
   // A health row's output is a few hundred bytes; a longer one is cut, not
   // read whole, and what is cut off is not a key of it.
-  std::string sql = has_table("vorn_latest") ? kLatestIdsFromSummary : kLatestIdsFromScan;
+  std::string sql =
+      has_table("vorn_latest") ? vorn::schema::kLatestIds : vorn::schema::kLatestIdsByScan;
   sql += "SELECT ";
   sql += kSummaryColumns;
   sql +=

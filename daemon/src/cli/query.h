@@ -9,7 +9,7 @@
 // fails with "database is locked". Each query sees one committed state.
 //
 // "Latest" is by rowid, the order in which the server stored the results.
-// With the server's summary table vorn_latest (daemon/src/database/latest.h)
+// With the server's summary table vorn_latest (daemon/src/database/schema.h)
 // it costs one lookup per key plus the rows stored after the newest one the
 // table accounts for; a database without that table (an older server) is
 // grouped in full: slower, the same answer.

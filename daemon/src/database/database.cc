@@ -19,7 +19,7 @@
 #include <string_view>
 #include <thread>
 
-#include "daemon/src/database/latest.h"
+#include "daemon/src/database/schema.h"
 #include "daemon/src/database/sqlite_identities.h"
 #include "util/czmq.h"
 #include "util/fs.h"
@@ -29,13 +29,6 @@
 namespace {
 
 constexpr const char* kLogSource = "daemon/src/database";
-
-constexpr const char* kCreateTable =
-    "CREATE TABLE IF NOT EXISTS vorn_1 (rowid INTEGER PRIMARY KEY, row_timestamp INTEGER "
-    "DEFAULT (strftime('%s', 'now')), Provider TEXT, Hostname TEXT, num_nodes INTEGER, "
-    "node_names TEXT, Exit_status INTEGER, Timestamp INTEGER, Duration REAL, Encoding "
-    "INTEGER, Stdout_size INTEGER, STDOUT BLOB, Stderr_size INTEGER, STDERR BLOB, OptionID "
-    "TEXT, version INTEGER)";
 
 constexpr const char* kInsert =
     "INSERT INTO vorn_1 (Provider, Hostname, num_nodes, node_names, Exit_status, Timestamp, "
@@ -242,7 +235,7 @@ void sqlite::open() {
   // Large pages suit rows that carry kilobytes of output: fewer pages and
   // log frames per row. It takes effect only when the file is new.
   connection_->issueCommand("PRAGMA page_size=16384");
-  if ((open_error_ = connection_->issueCommand(kCreateTable)) != 0) {
+  if ((open_error_ = connection_->issueCommand(vorn::schema::kCreateResultsSqlite)) != 0) {
     VORN_LOG(3) << "Could not create table in the database: " << connection_->getLastErrorInfo();
     connection_.reset();
     return;
@@ -258,8 +251,8 @@ void sqlite::open() {
   }
   // Rows that reached the file without this server (an older one, a hand-made
   // insert) are summarised once here.
-  if (connection_->issueCommand(vorn::latest::kCreateTable) != 0 ||
-      connection_->issueCommand(vorn::latest::kCatchUp) != 0) {
+  if (connection_->issueCommand(vorn::schema::kCreateLatestSqlite) != 0 ||
+      connection_->issueCommand(vorn::schema::kCatchUp) != 0) {
     VORN_LOG(4) << "Could not bring table vorn_latest up to date: "
                 << connection_->getLastErrorInfo();
   }
@@ -444,7 +437,7 @@ bool sqlite::write_summary() {
     in_transaction_ = true;
   }
   storix1::DataWriter* raw = nullptr;
-  int rc = connection_->getDataWriter(vorn::latest::kUpsert, &raw);
+  int rc = connection_->getDataWriter(vorn::schema::kUpsertLatest, &raw);
   storix1::Owned<storix1::DataWriter> upsert(raw);
   // The upsert keeps the newer rowid, so the order of the two does not matter.
   for (const auto* keys : {&summary_pending_, &latest_}) {

@@ -26,7 +26,7 @@
 // caller flushes: one commit for hundreds of rows. Its writer
 // (daemon/src/serverd/result_writer.h) flushes when the stream pauses, at the
 // latest 100 ms after the first row of the transaction, and before a PUB_ACK
-// is answered. Table vorn_latest (latest.h) is brought up to date in the
+// is answered. Table vorn_latest (schema.h) is brought up to date in the
 // transaction of a commit once every kSummaryMs, and when the store closes,
 // so readers find each key's newest row without a scan.
 //
