@@ -3,7 +3,8 @@
 
 PACKAGES := cmake g++ make pkg-config libczmq-dev libzmq3-dev libxml2-dev \
             libsqlite3-dev libgtest-dev sqlite3 iproute2 \
-            nlohmann-json3-dev libcpp-httplib-dev libcli11-dev libpq-dev
+            nlohmann-json3-dev libcpp-httplib-dev libcli11-dev libpq-dev \
+            libxxhash-dev
 # Only the tests use these: Prometheus' own parser reads vorn's /metrics and its
 # promtool checks the README's configuration; a browser, driven by chromedriver,
 # loads the status page (that test is skipped, saying why, without them).

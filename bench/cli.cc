@@ -35,7 +35,7 @@
 
 #include <httplib.h>
 
-#include "daemon/src/database/latest.h"
+#include "daemon/src/database/schema.h"
 
 namespace {
 
@@ -385,8 +385,8 @@ int main(int argc, char** argv) {
   std::printf("%-58s %8.0f ms\n", "vorn latest without vorn_latest (one run)", scan);
 
   auto start = Clock::now();
-  exec(db.get(), vorn::latest::kCreateTable);
-  exec(db.get(), vorn::latest::kCatchUp);
+  exec(db.get(), vorn::schema::kCreateLatestSqlite);
+  exec(db.get(), vorn::schema::kCatchUp);
   std::printf("%-58s %8.0f ms\n", "vorn_latest made by its catch-up (one run)", ms_since(start));
 
   std::vector<double> latest = repeat(times, [&] { return time_vorn(with_db({"latest"})); });
