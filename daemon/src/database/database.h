@@ -42,8 +42,8 @@
 // so the receiving thread never waits for it.
 //
 // With `retention` set, rows older than that are deleted by another thread
-// of the store's own with its own connection, a short transaction of a
-// thousand rows at a time (retention.h). The writer and that thread take
+// of the store's own with its own connection, a short transaction of a few
+// hundred rows at a time (retention.h). The writer and that thread take
 // turns at transactions: the writer waits at most for one batch (a few
 // milliseconds) before a transaction, and never inside one, so a commit is
 // never held up by a delete. SQLite reuses the
