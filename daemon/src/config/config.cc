@@ -36,6 +36,40 @@ std::string with_partition(const char* word, const daemon_config& config) {
   return text;
 }
 
+std::optional<int64_t> parse_duration(const std::string& text) {
+  std::string value = vorn::str::strip(text);
+  if (value.empty()) {
+    return 0;
+  }
+  int64_t unit = 1;
+  switch (value.back()) {
+    case 'd':
+      unit = 86400;
+      break;
+    case 'h':
+      unit = 3600;
+      break;
+    case 'm':
+      unit = 60;
+      break;
+    case 's':
+      break;
+    default:
+      unit = 0;
+  }
+  if (unit != 0) {
+    value.pop_back();
+  } else {
+    unit = 1;
+  }
+  if (value.empty() || value.find_first_not_of("0123456789") != std::string::npos ||
+      value.size() > 12) {
+    return std::nullopt;
+  }
+  // At most 12 digits: no overflow, even in days.
+  return std::stoll(value) * unit;
+}
+
 namespace {
 
 constexpr const char* kLogSource = "daemon/src/config";
@@ -94,6 +128,20 @@ void read_whole_number(const vorn::xml::ConfigurationReader& keys, const char* k
   }
   VORN_LOG(4) << "Unrecognized value for " << key << ": '" << *value
               << "' (not a whole number from " << low << " to " << high << ").  Using default.";
+}
+
+// Retention: a duration, as parse_duration reads it.
+void read_retention(const vorn::xml::ConfigurationReader& keys, int64_t* seconds) {
+  std::optional<std::string> value = keys.text("retention", "Multiple retention elements in '");
+  if (!value) {
+    return;
+  }
+  if (std::optional<int64_t> parsed = parse_duration(*value)) {
+    *seconds = *parsed;
+    return;
+  }
+  VORN_LOG(4) << "Unrecognized value for retention: '" << *value
+              << "' (a duration such as 30d, 12h, 90m or 45s).  Using default.";
 }
 
 void read_port(const vorn::xml::ConfigurationReader& keys, const char* key,
@@ -190,6 +238,7 @@ void read_keys(const vorn::xml::ConfigurationReader& keys, daemon_config& config
                     config.max_message_size);
   read_whole_number(keys, "max_output_size", "Multiple max_output_size elements in '", 1,
                     config.max_output_size);
+  read_retention(keys, &config.retention_seconds);
   if (auto v = keys.text("network_interface", "Multiple network_interface elements in '")) {
     config.network_interface = *v;
   }

@@ -11,6 +11,7 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 
 enum class timeout_scale : uint32_t { constant = 0, linear = 1, squared = 2, logarithmic = 3 };
@@ -64,6 +65,9 @@ struct daemon_config {
   std::string database_file = default_database_file();
   std::string database_vfs = "unix-dotfile";
   int32_t database_busy_timeout_ms = 60000;
+  // Rows older than this many seconds (by row_timestamp) are deleted; 0
+  // keeps every row.
+  int64_t retention_seconds = 0;
   char provider_auxiliary_path[4096] = "";  // install root + "/provider/share", set at start-up
   int32_t heartbeat_period = 3600;
   int64_t timeout = 60;
@@ -82,6 +86,10 @@ struct daemon_config {
 // `word`, followed by a blank and the network partition when there is one:
 // the topic of results, and the prefix of beacons and invitations.
 std::string with_partition(const char* word, const daemon_config& config);
+
+// Seconds of a duration such as "30d", "12h", "90m", "45s" or "600" (a bare
+// number is seconds); empty and "0" are 0. None for anything else.
+std::optional<int64_t> parse_duration(const std::string& text);
 
 // Reads the XML file at `path` into `config`. Returns 0 on success, otherwise
 // the errno of the failure, or -1 when the failure left errno at 0.

@@ -67,6 +67,7 @@ TEST(ReadConfigTest, EveryKeyFirstElementWins) {
       {"provider_loadavg", "2.5", FIELD(provider_loadavg), "", "Multiple loadavg elements"},
       {"provider_output_dir", "~/out", FIELD(provider_output_dir), home + "/out"},  // expanded
       {"provider_period", "30", FIELD(provider_period), "", "Multiple period elements"},
+      {"retention", "2d", FIELD(retention_seconds), "172800"},
       {"timeout scale=\"squared\"", "90", FIELD(timeout), "", "Multipe timeout value elements"},
       {"timeout scale=\"squared\"", "90", FIELD(timeout_scale), "2",
        "Multipe timeout value elements"},
@@ -162,6 +163,40 @@ TEST(ReadConfigTest, MalformedNumbersKeepTheDefault) {
     EXPECT_EQ(read_xml("<" + row.key + ">" + row.value + "</" + row.key + ">", config),
               "Unrecognized value for " + row.key + ": '" + row.value + row.log_tail);
     EXPECT_EQ(row.field(config), row.want);
+  }
+}
+
+// Retention is a duration in days, hours, minutes or seconds; anything else
+// keeps every row, with a warning.
+TEST(ReadConfigTest, RetentionIsADuration) {
+  const std::string refused = "' (a duration such as 30d, 12h, 90m or 45s).  Using default.\n";
+  struct Row {
+    std::string value;
+    int64_t want;
+    bool warned = false;
+  } rows[] = {
+      {"30d", 30 * 86400},
+      {"12h", 12 * 3600},
+      {"90m", 90 * 60},
+      {"45s", 45},
+      {"600", 600},
+      {" 7d\n", 7 * 86400},  // blanks are layout
+      {"", 0},
+      {"0", 0},
+      {"0d", 0},  // keep everything
+      {"1.5d", 0, true},
+      {"-1d", 0, true},
+      {"30 d", 0, true},
+      {"2w", 0, true},
+      {"d", 0, true},
+      {"1000000000000", 0, true},  // too long
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE("'" + row.value + "'");
+    daemon_config config;
+    EXPECT_EQ(read_xml("<retention>" + row.value + "</retention>", config),
+              row.warned ? "Unrecognized value for retention: '" + row.value + refused : "");
+    EXPECT_EQ(config.retention_seconds, row.want);
   }
 }
 

@@ -19,6 +19,7 @@
 #include <string_view>
 #include <thread>
 
+#include "daemon/src/database/retention.h"
 #include "daemon/src/database/schema.h"
 #include "daemon/src/database/sqlite_identities.h"
 #include "util/czmq.h"
@@ -262,16 +263,50 @@ void sqlite::open() {
       connection_->issueCommand("PRAGMA synchronous=NORMAL") != 0) {
     VORN_LOG(4) << "Could not switch the database to write-ahead logging: "
                 << connection_->getLastErrorInfo();
-    return;
-  }
-  // Without a checkpoint connection the writer checkpoints for itself.
-  if (auto checkpoints = connect(config)) {
+  } else if (auto checkpoints = connect(config)) {
+    // Without a checkpoint connection the writer checkpoints for itself.
     checkpoints->setBusyTimeout(config.database_busy_timeout_ms);
     if (checkpoints->issueCommand("PRAGMA synchronous=NORMAL") == 0 &&
         connection_->issueCommand("PRAGMA wal_autocheckpoint=0") == 0) {
       checkpointer_ = std::make_unique<wal_checkpointer>(std::move(checkpoints));
     }
   }
+  start_retention();
+}
+
+void sqlite::start_retention() {
+  if (config_.retention_seconds <= 0) {
+    return;
+  }
+  auto deletes = connect(config_);
+  // Another process's lock is waited for only briefly: the writer may be
+  // waiting for this batch's turn meanwhile. The next pass tries again.
+  if (!deletes || deletes->setBusyTimeout(kRetentionBusyMs) != 0 ||
+      deletes->issueCommand("PRAGMA synchronous=NORMAL") != 0) {
+    VORN_LOG(4) << "Cannot delete expired results: no second connection to the database";
+    return;
+  }
+  retention_ = std::make_unique<retention_sweeper>(config_.retention_seconds,
+                                                   sqlite_retention(std::move(deletes)), true);
+}
+
+void sqlite::take_turn() {
+  if (retention_ && !holds_turn_) {
+    holds_turn_ = retention_->writer_turns()->take();
+  }
+}
+
+void sqlite::give_back_turn() {
+  if (holds_turn_ && !in_transaction_) {
+    retention_->writer_turns()->give_back();
+    holds_turn_ = false;
+  }
+}
+
+void sqlite::stop_retention() {
+  // The turns go with the sweeper; one held now is given back by going.
+  holds_turn_ = false;
+  retention_.reset();
 }
 
 sqlite::~sqlite() {
@@ -285,6 +320,7 @@ sqlite::~sqlite() {
                   << "). Stored results lost!";
     }
   }
+  stop_retention();
   checkpointer_.reset();
 }
 
@@ -311,6 +347,7 @@ bool sqlite::file_in_place() {
 }
 
 void sqlite::abandon_file() {
+  stop_retention();
   checkpointer_.reset();
   identities_.reset();
   connection_.reset();
@@ -371,6 +408,7 @@ void sqlite::roll_back(std::string error) {
 }
 
 bool sqlite::begin() {
+  take_turn();
   int rc = connection_->issueCommand("BEGIN");
   if (rc != 0 && may_pass(rc)) {
     roll_back(std::string("begin: ") + connection_->getLastErrorInfo());
@@ -430,6 +468,7 @@ bool sqlite::write_summary() {
     return true;
   }
   if (!in_transaction_) {
+    take_turn();
     if (int rc = connection_->issueCommand("BEGIN"); rc != 0) {
       last_error_ = std::string("begin: ") + connection_->getLastErrorInfo();
       return !may_pass(rc);
@@ -474,6 +513,7 @@ bool sqlite::write_summary() {
 }
 
 commit_result sqlite::flush() {
+  turn_guard turn(this);
   if (!connection_ && !reopen()) {
     return commit_result::retry;
   }
@@ -537,6 +577,7 @@ commit_result sqlite::flush() {
 }
 
 write_status sqlite::write(const result_view& record, const result_identity* known_identity) {
+  turn_guard turn(this);
   if (!connection_ && !reopen()) {
     return write_status::retry;
   }

@@ -41,6 +41,15 @@
 // its fsyncs) happens on a thread of the store's own with its own connection,
 // so the receiving thread never waits for it.
 //
+// With `retention` set, rows older than that are deleted by another thread
+// of the store's own with its own connection, a short transaction of a few
+// hundred rows at a time (retention.h). The writer and that thread take
+// turns at transactions: the writer waits at most for one batch (a few
+// milliseconds) before a transaction, and never inside one, so a commit is
+// never held up by a delete. SQLite reuses the
+// pages freed for new rows, so the file stops growing once the oldest rows
+// go as fast as new ones come.
+//
 // Each commit ends by checking that the path still names the file the store
 // opened: rows committed into a file that was removed or replaced meanwhile
 // cannot be found by anyone. Then the store logs an alert, opens a fresh file
@@ -114,6 +123,7 @@ class database {
 
 class wal_checkpointer;
 class sqlite_identities;
+class retention_sweeper;
 
 // Which file a path named when looked at; known false when it named none.
 struct file_identity {
@@ -128,6 +138,8 @@ class sqlite : public database {
   // after the last time, not with every one: with thousands of hosts, nearly
   // every row of a commit is the newest of its key.
   static constexpr int64_t kSummaryMs = 1000;
+  // Longest wait of a retention batch for another process's lock.
+  static constexpr int kRetentionBusyMs = 100;
   // Without `exactly_once` (for measuring what it costs, never in a server)
   // every result is written, known or not.
   explicit sqlite(const daemon_config& config, bool exactly_once = true);
@@ -160,6 +172,20 @@ class sqlite : public database {
   // After a commit: true unless the path no longer names the opened file,
   // in which case that file is let go and a fresh one opened (logged).
   bool file_in_place();
+  // Takes the turn for a transaction from the retention sweeper, if there
+  // is one; gives it back once no transaction is open (turn_guard, at the
+  // end of every write and flush).
+  void take_turn();
+  void give_back_turn();
+  struct turn_guard {
+    explicit turn_guard(sqlite* store) : store(store) {}
+    turn_guard(const turn_guard&) = delete;
+    turn_guard& operator=(const turn_guard&) = delete;
+    ~turn_guard() { store->give_back_turn(); }
+    sqlite* store;
+  };
+  void start_retention();
+  void stop_retention();
   // Lets the file go, with the log and index of its own at the path.
   void abandon_file();
   // Opens the file at the path after abandon_file; false (last_error) when
@@ -169,6 +195,8 @@ class sqlite : public database {
   const daemon_config& config_;
   storix1::Owned<storix1::Connection> connection_;
   std::unique_ptr<wal_checkpointer> checkpointer_;
+  std::unique_ptr<retention_sweeper> retention_;
+  bool holds_turn_ = false;
   // The opened file, its write-ahead log and its index, as they were found
   // at the path after opening.
   file_identity file_;

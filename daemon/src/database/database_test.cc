@@ -1,6 +1,7 @@
 // The store against real SQLite files, read back with SQL.
 
 #include "daemon/src/database/database.h"
+#include "daemon/src/database/schema.h"
 #include "daemon/src/database/sqlite_identities.h"
 
 #include <sys/stat.h>
@@ -283,6 +284,65 @@ TEST_F(DatabaseTest, IdentitiesBeyondWhatIsHeldAreReadBack) {
   EXPECT_EQ(store->write(last), write_status::duplicate);
   ASSERT_EQ(store->flush(), commit_result::committed);
   EXPECT_EQ(vorn::test::count_rows(config_.database_file), static_cast<long>(kMany + 2));
+}
+
+// Retention deletes the expired rows of each key and the vorn_latest
+// entries naming them, but never the newest row of the table, so that the
+// next row does not get its rowid again.
+TEST_F(DatabaseTest, RetentionDeletesExpiredRowsButNeverTheNewest) {
+  const long day_ago = static_cast<long>(std::time(nullptr)) - 86400;
+  struct Row {
+    const char* provider;
+    long age;  // seconds before a day ago; -1: stored now
+  } rows[] = {
+      {"gone", 10}, {"mixed", 9}, {"gone", 8},   {"mixed", -1},  // "mixed" keeps its recent row
+      {"kept", -1}, {"gone", 7},  {"newest", 6},  // expired, but the table's newest row
+  };
+  ASSERT_TRUE(vorn::test::execute(config_.database_file, vorn::schema::kCreateResultsSqlite));
+  for (const Row& row : rows) {
+    std::string stamp = row.age < 0 ? "strftime('%s', 'now')" : std::to_string(day_ago - row.age);
+    ASSERT_TRUE(vorn::test::execute(config_.database_file,
+                                    "INSERT INTO vorn_1 (row_timestamp, Provider, Hostname, "
+                                    "OptionID) VALUES (" +
+                                        stamp + ", '" + row.provider + "', 'h', 'default')"));
+  }
+  config_.retention_seconds = 3600;
+  auto store = open_database(&config_);
+  ASSERT_TRUE(store);
+  using Rows = std::vector<std::vector<std::string>>;
+  auto left = [&] { return query(config_.database_file, "SELECT rowid FROM vorn_1 ORDER BY 1"); };
+  EXPECT_TRUE(
+      vorn::test::wait_until([&] { return left().size() == 3; }, vorn::test::milliseconds(10000)));
+  EXPECT_EQ(left(), (Rows{{"4"}, {"5"}, {"7"}}));
+  EXPECT_EQ(query(config_.database_file,
+                  "SELECT Provider, last_rowid FROM vorn_latest ORDER BY Provider"),
+            (Rows{{"kept", "5"}, {"mixed", "4"}, {"newest", "7"}}));
+  ASSERT_EQ(store->write(sample_result("after", "x")), write_status::written);
+  ASSERT_EQ(store->flush(), commit_result::committed);
+  EXPECT_EQ(query(config_.database_file, "SELECT max(rowid) FROM vorn_1 WHERE Provider = 'after'"),
+            (Rows{{"8"}}))
+      << "a rowid given out again";
+}
+
+// A row deleted after it was committed but before its key was summarised
+// (a server idle for longer than the retention) is not named by vorn_latest
+// when the summary comes.
+TEST_F(DatabaseTest, TheSummaryNamesNoDeletedRow) {
+  auto store = open_database(&config_);
+  ASSERT_TRUE(store);
+  ASSERT_EQ(store->write(sample_result("first", "x")), write_status::written);
+  ASSERT_EQ(store->flush(), commit_result::committed);
+  ASSERT_EQ(store->write(sample_result("deleted", "x")), write_status::written);
+  ASSERT_EQ(store->write(sample_result("last", "x")), write_status::written);
+  ASSERT_EQ(store->flush(), commit_result::committed);
+  const char* latest = "SELECT Provider FROM vorn_latest ORDER BY Provider";
+  using Rows = std::vector<std::vector<std::string>>;
+  ASSERT_EQ(query(config_.database_file, latest), (Rows{{"first"}}))
+      << "summarised at once; the test needs it a second later";
+  ASSERT_TRUE(
+      vorn::test::execute(config_.database_file, "DELETE FROM vorn_1 WHERE Provider = 'deleted'"));
+  store.reset();
+  EXPECT_EQ(query(config_.database_file, latest), (Rows{{"first"}, {"last"}}));
 }
 
 TEST_F(DatabaseTest, UnusableFileIsMovedAsideAndReplaced) {

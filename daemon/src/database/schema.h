@@ -52,8 +52,12 @@ inline constexpr const char* kCreateLatestPostgresql =
     "PRIMARY KEY (Provider, Hostname, OptionID))";
 
 // ?1 provider, ?2 host, ?3 option set, ?4 rowid of a newer row of that key.
+// A row that retention deleted before its key was summarised (a server idle
+// for longer than the retention) is not named: vorn_latest names only rows
+// that exist.
 inline constexpr const char* kUpsertLatest =
-    "INSERT INTO vorn_latest (Provider, Hostname, OptionID, last_rowid) VALUES (?1, ?2, ?3, ?4) "
+    "INSERT INTO vorn_latest (Provider, Hostname, OptionID, last_rowid) "
+    "SELECT ?1, ?2, ?3, rowid FROM vorn_1 WHERE rowid = ?4 "
     "ON CONFLICT (Provider, Hostname, OptionID) DO UPDATE SET last_rowid = excluded.last_rowid "
     "WHERE excluded.last_rowid > vorn_latest.last_rowid";
 
@@ -87,6 +91,42 @@ inline constexpr const char* kLatestIdsByScan =
     "  WHERE (?1 IS NULL OR coalesce(Provider, '') = ?1) "
     "    AND (?2 IS NULL OR coalesce(Hostname, '') = ?2) "
     "  GROUP BY coalesce(Provider, ''), coalesce(Hostname, ''), coalesce(OptionID, '')) ";
+
+// Retention deletes expired rows a window at a time, in rowid order: the
+// window is the ?2 rows after rowid ?1, and one short transaction deletes
+// those of its rows stored before ?3 (Unix seconds) with the vorn_latest
+// entries that name them, so that a key whose rows have all expired leaves
+// vorn_latest with them. A row stored out of order (a clock set back) stays
+// until it expires itself and does not stop the pass.
+//
+// The newest row of vorn_1 is never deleted, expired or not. SQLite gives a
+// new row max(rowid) + 1 (vorn_1 has no AUTOINCREMENT), so deleting it would
+// hand its rowid out again, and max(rowid) is what readers count as the
+// results stored so far (vorn_results_total), which must never go down.
+// Keeping that one row keeps both right in every store.
+
+// The last row of the window after ?1 of ?2 rows: its rowid and
+// row_timestamp; no row when nothing follows ?1.
+inline constexpr const char* kRetentionWindow =
+    "SELECT rowid, row_timestamp FROM vorn_1 WHERE rowid = (SELECT max(rowid) FROM "
+    "(SELECT rowid FROM vorn_1 WHERE rowid > ?1 ORDER BY rowid LIMIT ?2) AS w)";
+
+// The rows of the window (after ?1 up to ?2) that expired before ?3; the
+// same condition in both statements below.
+#define VORN_EXPIRED_IN_WINDOW                                                        \
+  "rowid > ?1 AND rowid <= ?2 AND row_timestamp < ?3 AND rowid < (SELECT max(rowid) " \
+  "FROM vorn_1)"
+
+// Run before kDeleteExpired, in its transaction: it finds the keys through
+// the rows, by vorn_latest's primary key.
+inline constexpr const char* kForgetExpiredLatest =
+    "DELETE FROM vorn_latest WHERE (Provider, Hostname, OptionID, last_rowid) IN "
+    "(SELECT coalesce(Provider, ''), coalesce(Hostname, ''), coalesce(OptionID, ''), rowid "
+    "FROM vorn_1 WHERE " VORN_EXPIRED_IN_WINDOW ")";
+
+inline constexpr const char* kDeleteExpired = "DELETE FROM vorn_1 WHERE " VORN_EXPIRED_IN_WINDOW;
+
+#undef VORN_EXPIRED_IN_WINDOW
 
 // `sql` with every ?N parameter written as $N, PostgreSQL's way. Statements
 // here hold no ? inside string literals.
