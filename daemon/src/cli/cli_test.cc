@@ -1232,6 +1232,30 @@ TEST_F(CliTest, PostgresqlAnswersAsSqlite) {
   EXPECT_NE(want[commands.size() + 5].find("\"node_names\":\"node1,node2,node3\""),
             std::string::npos)
       << want[commands.size() + 5];
+
+  // vorn serve outlives restarts of PostgreSQL: a connection the restart
+  // ended is made anew, and while the server is down the answers say why.
+  auto server = serve({}, backends[1].args);
+  const std::string latest_path = paths[1];
+  const std::string want_latest = want[commands.size() + 1].substr(4);
+  auto expect_latest = [&] {
+    auto up = get(latest_path);
+    ASSERT_TRUE(up);
+    EXPECT_EQ(up->status, 200) << up->body;
+    EXPECT_EQ(without_ages(up->body), want_latest);
+  };
+  expect_latest();
+  postgres().stop();
+  postgres().start();
+  expect_latest();
+  postgres().stop();
+  auto down = get(latest_path);
+  postgres().start();
+  ASSERT_TRUE(down);
+  EXPECT_EQ(down->status, 500);
+  EXPECT_TRUE(std::regex_match(down->body, std::regex("cannot (read|connect to) PostgreSQL .*\n")))
+      << down->body;
+  expect_latest();
 }
 
 // What cannot be read is one line, with no password in it.

@@ -135,6 +135,11 @@ class PostgresqlRows : public Rows {
   const std::string& name_;
 };
 
+bool succeeded(const PGresult* result) {
+  ExecStatusType status = result != nullptr ? PQresultStatus(result) : PGRES_FATAL_ERROR;
+  return status == PGRES_TUPLES_OK || status == PGRES_COMMAND_OK;
+}
+
 class PostgresqlConnection : public Connection {
  public:
   explicit PostgresqlConnection(const std::string& url)
@@ -169,7 +174,6 @@ class PostgresqlConnection : public Connection {
 
   std::unique_ptr<Rows> query(const std::string& sql, const Parameters& parameters) override {
     if (!in_snapshot_ && PQstatus(connection_.get()) == CONNECTION_BAD) {
-      // The server restarted since the last request: a connection anew.
       PQreset(connection_.get());
       check_connected();
     }
@@ -194,11 +198,21 @@ class PostgresqlConnection : public Connection {
         lengths[i] = static_cast<int>(storage[i].size());
       }
     }
-    ResultOwner result(PQexecParams(connection_.get(), vorn::schema::postgresql(sql).c_str(), count,
-                                    types.data(), values.data(), lengths.data(), formats.data(),
-                                    1));
-    ExecStatusType status = result ? PQresultStatus(result.get()) : PGRES_FATAL_ERROR;
-    if (status != PGRES_TUPLES_OK && status != PGRES_COMMAND_OK) {
+    auto run = [&] {
+      return ResultOwner(PQexecParams(connection_.get(), vorn::schema::postgresql(sql).c_str(),
+                                      count, types.data(), values.data(), lengths.data(),
+                                      formats.data(), 1));
+    };
+    ResultOwner result = run();
+    if (!succeeded(result.get()) && !in_snapshot_ &&
+        PQstatus(connection_.get()) == CONNECTION_BAD) {
+      // The server restarted since this connection's last statement; nothing
+      // was read yet, so the statement runs again on a new one.
+      PQreset(connection_.get());
+      check_connected();
+      result = run();
+    }
+    if (!succeeded(result.get())) {
       const char* primary =
           result ? PQresultErrorField(result.get(), PG_DIAG_MESSAGE_PRIMARY) : nullptr;
       throw StoreError("cannot read " + name_ + ": " +
