@@ -274,7 +274,7 @@ int serve(const ServeOptions& options) {
     return 1;
   }
   std::printf("vorn serve: status page at http://%s:%d/ (database %s)\n",
-              url_host(options.host).c_str(), port, options.database.c_str());
+              url_host(options.host).c_str(), port, describe(options.database).c_str());
   std::fflush(stdout);
 
   // Whoever comes first, a signal or the server ending for another reason,

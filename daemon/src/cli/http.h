@@ -21,10 +21,12 @@
 #include <cstdint>
 #include <string>
 
+#include "daemon/src/cli/connection.h"
+
 namespace vorn::cli {
 
 struct ServeOptions {
-  std::string database;
+  Database database;
   std::string host = "127.0.0.1";
   int port = 9178;  // 0: the kernel picks one
   // Results older than this show as stale on the page, seconds.

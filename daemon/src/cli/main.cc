@@ -51,9 +51,9 @@ struct Request {
   std::string stale_after = "10m";
 };
 
-std::string database_path(const Request& request) {
+vorn::cli::Database database_of(const Request& request) {
   if (!request.database.empty()) {
-    return request.database;
+    return vorn::cli::database_named(request.database);
   }
   const std::string& file =
       request.config_file.empty() ? installation().config_file : request.config_file;
@@ -65,7 +65,14 @@ std::string database_path(const Request& request) {
   if (error != 0) {
     throw StoreError("cannot read configuration file " + file + ": not an XML file");
   }
-  return config.database_file;
+  if (config.database_backend == database_backend_kind::postgresql) {
+    if (config.database_url.empty()) {
+      throw StoreError("configuration file " + file +
+                       " names the postgresql backend without a database_url");
+    }
+    return {vorn::cli::Database::Kind::postgresql, config.database_url};
+  }
+  return {vorn::cli::Database::Kind::sqlite, config.database_file};
 }
 
 void write(const std::string& text) {
@@ -187,9 +194,12 @@ int main(int argc, char** argv) {
   app.fallthrough();
   auto* config_option =
       app.add_option("-c,--config", request.config_file,
-                     "daemon configuration file whose database_file is read [default: " +
+                     "daemon configuration file whose database (database_backend, database_file, "
+                     "database_url) is read [default: " +
                          installation().config_file + "]");
-  auto* db_option = app.add_option("--db", request.database, "database file to read");
+  auto* db_option =
+      app.add_option("--db", request.database,
+                     "database to read: an SQLite file, or a PostgreSQL URI (postgresql://...)");
   config_option->excludes(db_option);
 
   auto add_filters = [&request](CLI::App* command) {
@@ -264,7 +274,8 @@ int main(int argc, char** argv) {
     if (command == cert) {
       continue;
     }
-    command->footer("Every command also takes -c FILE (the daemon configuration) or --db FILE.");
+    command->footer(
+        "Every command also takes -c FILE (the daemon configuration) or --db FILE|URI.");
   }
   stale->footer(
       "Health rows (providers vorn-noded and vorn-serverd, one per heartbeat_period) have no\n"
@@ -273,7 +284,7 @@ int main(int argc, char** argv) {
       "newest health rows (the one, of two). A host with fewer than two health rows among the\n"
       "last 1,000,000 results takes the median interval of the other hosts of its provider,\n"
       "and without any the default period, 1h: stale after 3h.\n\n"
-      "Every command also takes -c FILE (the daemon configuration) or --db FILE.");
+      "Every command also takes -c FILE (the daemon configuration) or --db FILE|URI.");
 
   try {
     app.parse(argc, argv);
@@ -292,15 +303,15 @@ int main(int argc, char** argv) {
     return cert_show(cert_request);
   }
   try {
-    std::string path = database_path(request);
+    vorn::cli::Database database = database_of(request);
     if (serve->parsed()) {
       vorn::cli::ServeOptions options;
-      options.database = path;
+      options.database = database;
       vorn::cli::parse_listen(request.listen, &options);
       options.stale_after = *vorn::cli::parse_duration(request.stale_after);
       return vorn::cli::serve(options);
     }
-    Store store(path);
+    Store store(database);
     if (show_command->parsed()) {
       return show(store, request);
     }

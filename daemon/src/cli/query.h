@@ -1,12 +1,11 @@
 #pragma once
-// Reading results back from the server's database: the latest result of each
-// provider, host and option set, a provider's history, one stored result.
+// Reading results back from the server's database, SQLite or PostgreSQL
+// (connection.h): the latest result of each provider, host and option set, a
+// provider's history, one stored result.
 //
-// A Store opens the file read-only, beside a server that keeps writing to it.
-// The server's database is in WAL mode, where readers and the writer do not
-// block each other; the few moments a reader must wait (a log being reset, a
-// connection recovering it) are covered by a busy time-out, so a read never
-// fails with "database is locked". Each query sees one committed state.
+// A Store reads beside a server that keeps writing; each query that takes
+// more than one statement reads them in one snapshot, so it sees one
+// committed state.
 //
 // "Latest" is by rowid, the order in which the server stored the results.
 // With the server's summary table vorn_latest (daemon/src/database/schema.h)
@@ -14,31 +13,27 @@
 // table accounts for; a database without that table (an older server) is
 // grouped in full: slower, the same answer.
 //
-// Keys are the texts as stored, NULL read as ''.
+// Keys are the texts as stored, NULL read as ''. Listings are ordered by the
+// bytes of their texts, whatever the database's collation, so that both
+// backends list alike.
 //
 // Every failure is a StoreError whose text is one line for the user.
 //
 // Thread safety: a Store belongs to one thread at a time; StorePool lends
 // stores to threads that serve requests.
 
-#include <sqlite3.h>
-
 #include <cstdint>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
 
-namespace vorn::cli {
+#include "daemon/src/cli/connection.h"
 
-class StoreError : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
-};
+namespace vorn::cli {
 
 // One stored result as listings show it.
 struct Summary {
@@ -91,13 +86,12 @@ std::string first_line(const std::string& output);
 
 class Store {
  public:
-  // Opens an existing database read-only; a missing file, a file that is not
-  // SQLite, or one without the result table are StoreErrors.
-  explicit Store(const std::string& path);
+  // Opens an existing database for reading; a missing file, a file that is
+  // not SQLite, a PostgreSQL server that cannot be reached, or a database
+  // without the result table are StoreErrors.
+  explicit Store(const Database& database);
   Store(const Store&) = delete;
   Store& operator=(const Store&) = delete;
-
-  const std::string& path() const { return path_; }
 
   // Latest result of every key that `filter` admits, ordered by provider,
   // host and option set. Without `with_output`, stdout_first_line stays
@@ -123,13 +117,9 @@ class Store {
   int64_t results_total();
 
  private:
-  struct Close {
-    void operator()(sqlite3* db) const { sqlite3_close_v2(db); }
-  };
-  bool has_table(const char* name);
+  std::string latest_ids();
 
-  std::string path_;
-  std::unique_ptr<sqlite3, Close> db_;
+  std::unique_ptr<Connection> connection_;
 };
 
 // A limit of its own for some provider and host pairs, seconds.
@@ -153,7 +143,7 @@ std::vector<Summary> failing(const std::vector<Summary>& latest);
 // Thread safety: take() may be called from any thread.
 class StorePool {
  public:
-  explicit StorePool(std::string path) : path_(std::move(path)) {}
+  explicit StorePool(Database database) : database_(std::move(database)) {}
 
   class Lease {
    public:
@@ -174,7 +164,7 @@ class StorePool {
  private:
   void give_back(std::unique_ptr<Store> store);
 
-  std::string path_;
+  Database database_;
   std::mutex mutex_;
   std::vector<std::unique_ptr<Store>> idle_;
 };

@@ -16,7 +16,7 @@
 
 enum class timeout_scale : uint32_t { constant = 0, linear = 1, squared = 2, logarithmic = 3 };
 
-enum class database_backend_kind : int32_t { none = 0, sqlite3 = 1 };
+enum class database_backend_kind : int32_t { none = 0, sqlite3 = 1, postgresql = 2 };
 
 // Texts accepted in configuration and provider files for the enumerations.
 extern const std::map<std::string, ::timeout_scale> timeout_scale_names;
@@ -63,6 +63,8 @@ struct daemon_config {
   std::string network_partition = "vorn3";
   database_backend_kind database_backend = database_backend_kind::sqlite3;
   std::string database_file = default_database_file();
+  // The PostgreSQL backend's libpq connection string or URI.
+  std::string database_url;
   std::string database_vfs = "unix-dotfile";
   int32_t database_busy_timeout_ms = 60000;
   // Rows older than this many seconds (by row_timestamp) are deleted; 0
