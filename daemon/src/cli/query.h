@@ -111,9 +111,9 @@ class Store {
   // results (read newest first, until every host has shown its interval).
   std::vector<Health> health(bool judge_staleness);
 
-  // How many results the server has stored: the largest rowid, which the
-  // server never takes back (it deletes no row), so it only grows. Counting
-  // the rows would read the whole table.
+  // How many results the server has stored: the largest rowid, which only
+  // grows, as retention never deletes the newest row (schema.h). Counting
+  // the rows would read the whole table, and miss the deleted ones.
   int64_t results_total();
 
  private:
