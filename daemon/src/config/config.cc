@@ -22,6 +22,7 @@ const std::map<std::string, ::timeout_scale> timeout_scale_names = {
 
 const std::map<std::string, database_backend_kind> database_backend_names = {
     {"sqlite3", database_backend_kind::sqlite3},
+    {"postgresql", database_backend_kind::postgresql},
 };
 
 std::string default_database_file() {
@@ -177,6 +178,10 @@ void read_keys(const vorn::xml::ConfigurationReader& keys, daemon_config& config
   }
   if (auto v = read_path(keys, "database_file", "Multiple database_file elements in '")) {
     config.database_file = *v;
+  }
+  // Not expanded: a connection string may hold '$' or '~' of its own.
+  if (auto v = keys.text("database_url", "Multiple database_url elements in '")) {
+    config.database_url = *v;
   }
   read_boolean(keys, "enable_adhoc_clusters", "Multiple enable_adhoc_clusters elements in '",
                config.enable_adhoc_clusters);

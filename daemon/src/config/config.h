@@ -15,7 +15,7 @@
 
 enum class timeout_scale : uint32_t { constant = 0, linear = 1, squared = 2, logarithmic = 3 };
 
-enum class database_backend_kind : int32_t { none = 0, sqlite3 = 1 };
+enum class database_backend_kind : int32_t { none = 0, sqlite3 = 1, postgresql = 2 };
 
 // Texts accepted in configuration and provider files for the enumerations.
 extern const std::map<std::string, ::timeout_scale> timeout_scale_names;
@@ -62,6 +62,9 @@ struct daemon_config {
   std::string network_partition = "vorn3";
   database_backend_kind database_backend = database_backend_kind::sqlite3;
   std::string database_file = default_database_file();
+  // With the postgresql backend: a libpq connection string or URI. Checked
+  // when the store opens; passwords come from ~/.pgpass or PGPASSWORD.
+  std::string database_url;
   std::string database_vfs = "unix-dotfile";
   int32_t database_busy_timeout_ms = 60000;
   char provider_auxiliary_path[4096] = "";  // install root + "/provider/share", set at start-up

@@ -88,6 +88,88 @@ inline constexpr const char* kLatestIdsByScan =
     "    AND (?2 IS NULL OR coalesce(Hostname, '') = ?2) "
     "  GROUP BY coalesce(Provider, ''), coalesce(Hostname, ''), coalesce(OptionID, '')) ";
 
+// The PostgreSQL store's own tables and statements (postgresql.h says why
+// they are shaped so).
+
+// Identities of stored results (result_identity.h), with the Unix seconds at
+// which each was stored; the end time leads the key so that new identities go
+// next to recent ones.
+inline constexpr const char* kCreateIdentitiesPostgresql =
+    "CREATE TABLE IF NOT EXISTS vorn_result_ids (end_seconds bigint NOT NULL, hash bytea NOT "
+    "NULL, stored_at bigint NOT NULL, PRIMARY KEY (end_seconds, hash))";
+inline constexpr const char* kCreateIdentitiesByAgePostgresql =
+    "CREATE INDEX IF NOT EXISTS vorn_result_ids_by_age ON vorn_result_ids (stored_at)";
+
+// Rows of one commit, copied in by COPY ... (FORMAT binary) and moved into
+// vorn_1 by kStoreStaged; `seq` keeps the order received. One per connection.
+inline constexpr const char* kCreateStagingPostgresql =
+    "CREATE TEMPORARY TABLE IF NOT EXISTS vorn_staging (seq integer, end_seconds bigint, hash "
+    "bytea, Provider text, Hostname text, num_nodes integer, node_names text, Exit_status "
+    "integer, Timestamp bigint, Duration double precision, Encoding integer, Stdout_size bigint, "
+    "STDOUT bytea, Stderr_size bigint, STDERR bytea, OptionID text, version integer) "
+    "ON COMMIT DELETE ROWS";
+inline constexpr const char* kCopyStagingPostgresql =
+    "COPY vorn_staging FROM STDIN (FORMAT binary)";
+inline constexpr int kStagingColumns = 17;
+
+// vorn_1's columns as PostgreSQL describes them, for checking a table found
+// in place: "name type,name type,...".
+inline constexpr const char* kResultsLayoutPostgresql =
+    "SELECT string_agg(attname || ' ' || format_type(atttypid, atttypmod), ',' ORDER BY attnum) "
+    "FROM pg_attribute WHERE attrelid = 'vorn_1'::regclass AND attnum > 0 AND NOT attisdropped";
+inline constexpr const char* kResultsLayout =
+    "rowid bigint,row_timestamp bigint,provider text,hostname text,num_nodes integer,"
+    "node_names text,exit_status integer,timestamp bigint,duration double precision,"
+    "encoding integer,stdout_size bigint,stdout bytea,stderr_size bigint,stderr bytea,"
+    "optionid text,version integer";
+
+// Moves the staged rows into vorn_1 in the order received and brings
+// vorn_latest up to them, in one statement; answers the number of rows
+// stored. With `exactly_once`, only rows whose identity is new go in: the
+// identities are added in key order (so that two servers adding the same
+// ones wait for each other instead of deadlocking) and one already there,
+// committed or in another server's open transaction, keeps its row out.
+// vorn_latest is updated in key order for the same reason.
+inline std::string store_staged_postgresql(bool exactly_once) {
+  std::string sql = "WITH ";
+  if (exactly_once) {
+    sql +=
+        "fresh AS (INSERT INTO vorn_result_ids (end_seconds, hash, stored_at) "
+        "SELECT end_seconds, hash, extract(epoch FROM now())::bigint FROM vorn_staging "
+        "ORDER BY end_seconds, hash ON CONFLICT DO NOTHING RETURNING end_seconds, hash), ";
+  }
+  sql +=
+      "stored AS (INSERT INTO vorn_1 (Provider, Hostname, num_nodes, node_names, Exit_status, "
+      "Timestamp, Duration, Encoding, Stdout_size, STDOUT, Stderr_size, STDERR, OptionID, "
+      "version) SELECT s.Provider, s.Hostname, s.num_nodes, s.node_names, s.Exit_status, "
+      "s.Timestamp, s.Duration, s.Encoding, s.Stdout_size, s.STDOUT, s.Stderr_size, s.STDERR, "
+      "s.OptionID, s.version FROM vorn_staging s ";
+  if (exactly_once) {
+    sql += "JOIN fresh f ON f.end_seconds = s.end_seconds AND f.hash = s.hash ";
+  }
+  sql +=
+      "ORDER BY s.seq RETURNING rowid, Provider, Hostname, OptionID), "
+      "latest AS (INSERT INTO vorn_latest (Provider, Hostname, OptionID, last_rowid) "
+      "SELECT coalesce(Provider, ''), coalesce(Hostname, ''), coalesce(OptionID, ''), max(rowid) "
+      "FROM stored GROUP BY 1, 2, 3 ORDER BY 1, 2, 3 "
+      "ON CONFLICT (Provider, Hostname, OptionID) DO UPDATE SET last_rowid = excluded.last_rowid "
+      "WHERE excluded.last_rowid > vorn_latest.last_rowid) "
+      "SELECT count(*) FROM stored";
+  return sql;
+}
+
+// Forgets up to $2 identities stored more than $1 seconds ago by the
+// database's clock, oldest first; ones another server is forgetting just now
+// are left to it.
+inline constexpr const char* kForgetIdentitiesPostgresql =
+    "DELETE FROM vorn_result_ids WHERE ctid = ANY (ARRAY (SELECT ctid FROM vorn_result_ids "
+    "WHERE stored_at < extract(epoch FROM now())::bigint - $1::bigint ORDER BY stored_at "
+    "LIMIT $2::bigint FOR UPDATE SKIP LOCKED))";
+
+// Held while a server creates the tables, so that servers starting together
+// do not trip over each other's CREATE.
+inline constexpr const char* kLockForSetUpPostgresql = "SELECT pg_advisory_xact_lock(4097001974)";
+
 // `sql` with every ?N parameter written as $N, PostgreSQL's way. Statements
 // here hold no ? inside string literals.
 inline std::string postgresql(const std::string& sql) {

@@ -1,0 +1,506 @@
+#include "daemon/src/database/postgresql.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <optional>
+#include <string_view>
+
+#include "daemon/src/database/schema.h"
+#include "daemon/src/database/stored_outputs.h"
+#include "util/czmq.h"
+#include "util/log.h"
+#include "util/str.h"
+
+namespace {
+
+constexpr const char* kLogSource = "daemon/src/database";
+constexpr const char* kStoreStatement = "vorn_store";
+
+// libpq's messages end in a newline and may span lines; the log wants one.
+std::string one_line(const char* message) {
+  std::string text = message != nullptr ? message : "";
+  for (char& c : text) {
+    if (c == '\n' || c == '\t') {
+      c = ' ';
+    }
+  }
+  while (!text.empty() && text.back() == ' ') {
+    text.pop_back();
+  }
+  std::string squeezed;
+  for (char c : text) {
+    if (!(c == ' ' && !squeezed.empty() && squeezed.back() == ' ')) {
+      squeezed.push_back(c);
+    }
+  }
+  return squeezed;
+}
+
+bool valid_utf8(std::string_view text) {
+  size_t i = 0;
+  while (i < text.size()) {
+    auto c = static_cast<unsigned char>(text[i]);
+    size_t length = c < 0x80           ? 1
+                    : (c >> 5) == 0x6  ? 2
+                    : (c >> 4) == 0xe  ? 3
+                    : (c >> 3) == 0x1e ? 4
+                                       : 0;
+    if (length == 0 || i + length > text.size()) {
+      return false;
+    }
+    uint32_t code = length == 1 ? c : c & (0x7f >> length);
+    for (size_t k = 1; k < length; ++k) {
+      auto next = static_cast<unsigned char>(text[i + k]);
+      if ((next & 0xc0) != 0x80) {
+        return false;
+      }
+      code = (code << 6) | (next & 0x3f);
+    }
+    // Overlong forms, surrogates and code points past Unicode are not UTF-8.
+    static constexpr uint32_t kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};
+    if (code < kSmallest[length] || (code >= 0xd800 && code <= 0xdfff) || code > 0x10ffff) {
+      return false;
+    }
+    i += length;
+  }
+  return true;
+}
+
+// COPY's binary layout: big-endian integers, each field after its length.
+void put16(std::string& out, uint16_t v) {
+  out.push_back(static_cast<char>(v >> 8));
+  out.push_back(static_cast<char>(v));
+}
+void put32(std::string& out, uint32_t v) {
+  for (int shift = 24; shift >= 0; shift -= 8) {
+    out.push_back(static_cast<char>(v >> shift));
+  }
+}
+void put64(std::string& out, uint64_t v) {
+  for (int shift = 56; shift >= 0; shift -= 8) {
+    out.push_back(static_cast<char>(v >> shift));
+  }
+}
+void field_int32(std::string& out, int32_t v) {
+  put32(out, 4);
+  put32(out, static_cast<uint32_t>(v));
+}
+void field_int64(std::string& out, int64_t v) {
+  put32(out, 8);
+  put64(out, static_cast<uint64_t>(v));
+}
+void field_double(std::string& out, double v) {
+  uint64_t bits = 0;
+  std::memcpy(&bits, &v, sizeof bits);
+  put32(out, 8);
+  put64(out, bits);
+}
+void field_bytes(std::string& out, std::string_view bytes) {
+  put32(out, static_cast<uint32_t>(bytes.size()));
+  out.append(bytes);
+}
+void field_null(std::string& out) {
+  put32(out, 0xffffffffu);
+}
+
+constexpr char kCopyHeader[] = "PGCOPY\n\377\r\n\0\0\0\0\0\0\0\0\0";  // signature, flags, extension
+constexpr size_t kCopyHeaderSize = 19;
+constexpr char kCopyTrailer[] = "\377\377";
+
+// SQLSTATE classes of failures that name no row: the rows are kept and
+// written again. Anything unknown is kept too; losing a row needs a reason.
+bool refuses_a_value(const PGresult* result) {
+  const char* state = result != nullptr ? PQresultErrorField(result, PG_DIAG_SQLSTATE) : nullptr;
+  if (state == nullptr) {
+    return false;
+  }
+  // 22: data exception (a text the database encoding cannot hold, a value
+  // out of range); 23: a constraint.
+  return std::strncmp(state, "22", 2) == 0 || std::strncmp(state, "23", 2) == 0;
+}
+
+// A server that answered a connection and said no for a reason that
+// waiting does not mend. libpq gives no code for these, only its text.
+bool connection_refused_for_good(PGconn* connection) {
+  if (PQconnectionNeedsPassword(connection)) {
+    return true;
+  }
+  std::string message = PQerrorMessage(connection);
+  for (const char* reason : {"authentication failed", "does not exist", "no pg_hba.conf entry",
+                             "password is required", "invalid"}) {
+    if (message.find(reason) != std::string::npos) {
+      return true;
+    }
+  }
+  return false;
+}
+
+void ignore_notice(void*, const char*) {}
+
+}  // namespace
+
+size_t postgresql::identity_hash::operator()(
+    const std::array<unsigned char, result_identity::kHashSize>& h) const {
+  // The bits of a cryptographic hash are as well spread as any.
+  size_t v = 0;
+  std::memcpy(&v, h.data(), sizeof v);
+  return v;
+}
+
+postgresql::postgresql(const daemon_config& config, bool exactly_once)
+    : config_(config), exactly_once_(exactly_once) {}
+
+postgresql::~postgresql() {
+  if (rows_.empty()) {
+    return;
+  }
+  commit_result result = flush();
+  if (result != commit_result::committed) {
+    VORN_LOG(1) << "Database unavailable at shutdown (" << last_error_ << "). Stored results lost!";
+  }
+}
+
+bool postgresql::connect() {
+  if (connection_) {
+    return true;
+  }
+  refused_for_good_ = false;
+  // Later keywords win: what the url says overrides these defaults.
+  const char* keywords[] = {"connect_timeout", "fallback_application_name", "client_encoding",
+                            "dbname", nullptr};
+  const char* values[] = {"10", "vorn-serverd", "UTF8", config_.database_url.c_str(), nullptr};
+  pq_connection connection(PQconnectdbParams(keywords, values, 1));
+  if (!connection) {
+    last_error_ = "cannot connect to PostgreSQL: out of memory";
+    return false;
+  }
+  // Notices ("relation already exists, skipping") are no news.
+  PQsetNoticeProcessor(connection.get(), ignore_notice, nullptr);
+  if (PQstatus(connection.get()) != CONNECTION_OK) {
+    last_error_ = "cannot connect to PostgreSQL: " + one_line(PQerrorMessage(connection.get()));
+    refused_for_good_ = connection_refused_for_good(connection.get());
+    return false;
+  }
+  connection_ = std::move(connection);
+  std::string set_up = std::string("BEGIN; ") + vorn::schema::kLockForSetUpPostgresql + "; " +
+                       vorn::schema::kCreateResultsPostgresql + "; " +
+                       vorn::schema::kCreateLatestPostgresql + "; ";
+  if (exactly_once_) {
+    set_up += std::string(vorn::schema::kCreateIdentitiesPostgresql) + "; " +
+              vorn::schema::kCreateIdentitiesByAgePostgresql + "; ";
+  }
+  set_up += "COMMIT";
+  pq_result layout;
+  if (!command(set_up.c_str(), "creating the tables") ||
+      !check(pq_result(PQexec(connection_.get(), vorn::schema::kResultsLayoutPostgresql)),
+             "reading the columns of vorn_1", &layout)) {
+    // Not allowed to create or read them: an administrator's business.
+    refused_for_good_ = sqlstate_class_ == "42";
+    connection_.reset();
+    return false;
+  }
+  std::string columns = PQgetvalue(layout.get(), 0, 0);
+  if (columns != vorn::schema::kResultsLayout) {
+    last_error_ = "table vorn_1 has the columns (" + columns +
+                  "), not the ones the server writes (" + vorn::schema::kResultsLayout + ")";
+    refused_for_good_ = true;
+    connection_.reset();
+    return false;
+  }
+  std::string store = vorn::schema::store_staged_postgresql(exactly_once_);
+  // Rows that reached vorn_1 without a server (a hand-made insert) are
+  // summarised here.
+  if (!command(vorn::schema::kCatchUp, "bringing vorn_latest up to date") ||
+      !command(vorn::schema::kCreateStagingPostgresql, "creating the staging table") ||
+      !check(pq_result(PQprepare(connection_.get(), kStoreStatement, store.c_str(), 0, nullptr)),
+             "preparing the insert")) {
+    connection_.reset();
+    return false;
+  }
+  return true;
+}
+
+bool postgresql::check(pq_result result, const char* what, pq_result* out) {
+  ExecStatusType status = result ? PQresultStatus(result.get()) : PGRES_FATAL_ERROR;
+  if (status == PGRES_COMMAND_OK || status == PGRES_TUPLES_OK) {
+    if (out != nullptr) {
+      *out = std::move(result);
+    }
+    failure_ = failure::none;
+    return true;
+  }
+  const char* message =
+      result ? PQresultErrorMessage(result.get()) : PQerrorMessage(connection_.get());
+  last_error_ = std::string(what) + ": " + one_line(message);
+  failure_ = refuses_a_value(result.get()) ? failure::refused : failure::may_pass;
+  const char* state = result ? PQresultErrorField(result.get(), PG_DIAG_SQLSTATE) : nullptr;
+  sqlstate_class_ = state != nullptr ? std::string(state, std::min<size_t>(2, std::strlen(state)))
+                                     : std::string();
+  return false;
+}
+
+bool postgresql::command(const char* sql, const char* what) {
+  return check(pq_result(PQexec(connection_.get(), sql)), what);
+}
+
+void postgresql::clear_rows() {
+  copy_.clear();
+  rows_.clear();
+  identities_.clear();
+}
+
+write_status postgresql::write(const result_view& record, const result_identity* known) {
+  // Rows are only buffered here, but while there is no server to take them
+  // the writer should wait rather than buffer them again and again.
+  if (!connect()) {
+    return write_status::retry;
+  }
+  const result_header& h = record.header;
+  std::optional<result_identity> identity;
+  std::array<unsigned char, result_identity::kHashSize> hash{};
+  if (exactly_once_) {
+    identity = known != nullptr ? *known : identify(record);
+    hash = identity->hash;
+    if (!identities_.insert(hash).second) {
+      return write_status::duplicate;
+    }
+  }
+  for (auto [text, name] :
+       {std::pair{h.name, "provider name"}, std::pair{h.hostname, "host name"},
+        std::pair{record.nodes_csv, "node list"}, std::pair{h.option_id, "option set"}}) {
+    if (!valid_utf8(text)) {
+      last_error_ =
+          std::string("its ") + name + " is not UTF-8, which PostgreSQL cannot store as text";
+      VORN_LOG(3) << "Database insertion error: " << last_error_;
+      if (identity) {
+        identities_.erase(hash);
+      }
+      return write_status::refused;
+    }
+  }
+  stored_outputs outputs;
+  outputs_to_store(record, &outputs);
+
+  staged_row row;
+  row.begin = copy_.size();
+  put16(copy_, vorn::schema::kStagingColumns);
+  field_int32(copy_, static_cast<int32_t>(rows_.size()));
+  if (identity) {
+    field_int64(copy_, identity->end_seconds);
+    field_bytes(copy_, std::string_view(reinterpret_cast<const char*>(hash.data()), hash.size()));
+  } else {
+    field_null(copy_);
+    field_null(copy_);
+  }
+  field_bytes(copy_, h.name);
+  field_bytes(copy_, h.hostname);
+  field_int32(copy_, h.num_nodes);
+  field_bytes(copy_, record.nodes_csv);
+  field_int32(copy_, h.exit_status);
+  // As SQLite has it: the seconds as a 32-bit integer.
+  field_int64(copy_, static_cast<int32_t>(h.timestamp.tv_sec));
+  field_double(copy_, h.duration);
+  field_int32(copy_, h.encoding);
+  field_int64(copy_, static_cast<int64_t>(outputs.out.size()));
+  field_bytes(copy_, outputs.out);
+  field_int64(copy_, static_cast<int64_t>(outputs.err.size()));
+  field_bytes(copy_, outputs.err);
+  field_bytes(copy_, h.option_id);
+  field_int32(copy_, h.version);
+  row.end = copy_.size();
+  row.provider = h.name;
+  row.host = h.hostname;
+  rows_.push_back(std::move(row));
+  return write_status::written;
+}
+
+bool postgresql::copy_rows(size_t begin, size_t end) {
+  PGconn* connection = connection_.get();
+  pq_result started(PQexec(connection, vorn::schema::kCopyStagingPostgresql));
+  if (!started || PQresultStatus(started.get()) != PGRES_COPY_IN) {
+    return check(std::move(started), "copy");
+  }
+  // PQputCopyData takes an int: large commits go in pieces.
+  constexpr size_t kPiece = size_t{1} << 26;
+  std::string_view rows(copy_.data() + rows_[begin].begin, rows_[end - 1].end - rows_[begin].begin);
+  bool sent = PQputCopyData(connection, kCopyHeader, kCopyHeaderSize) == 1;
+  for (size_t at = 0; sent && at < rows.size(); at += kPiece) {
+    size_t piece = std::min(kPiece, rows.size() - at);
+    sent = PQputCopyData(connection, rows.data() + at, static_cast<int>(piece)) == 1;
+  }
+  sent = sent && PQputCopyData(connection, kCopyTrailer, 2) == 1;
+  if (PQputCopyEnd(connection, sent ? nullptr : "not sent whole") != 1) {
+    last_error_ = "copy: " + one_line(PQerrorMessage(connection));
+    failure_ = failure::may_pass;
+    return false;
+  }
+  bool copied = check(pq_result(PQgetResult(connection)), "copy");
+  while (PGresult* more = PQgetResult(connection)) {
+    PQclear(more);
+  }
+  return copied;
+}
+
+bool postgresql::store_staged(int64_t* stored) {
+  pq_result result;
+  if (!check(pq_result(PQexecPrepared(connection_.get(), kStoreStatement, 0, nullptr, nullptr,
+                                      nullptr, 0)),
+             "insert", &result)) {
+    return false;
+  }
+  *stored = std::strtoll(PQgetvalue(result.get(), 0, 0), nullptr, 10);
+  return true;
+}
+
+bool postgresql::forget_old_identities() {
+  int64_t now = zclock_mono();
+  if (!exactly_once_ || now - last_forget_ms_ < kForgetEveryMs) {
+    return true;
+  }
+  std::string age = std::to_string(kRememberSeconds);
+  std::string limit = std::to_string(std::max(kForgetAtLeast, 2 * stored_since_forget_));
+  const char* values[] = {age.c_str(), limit.c_str()};
+  if (!check(pq_result(PQexecParams(connection_.get(), vorn::schema::kForgetIdentitiesPostgresql, 2,
+                                    nullptr, values, nullptr, nullptr, 0)),
+             "forgetting old results")) {
+    return false;
+  }
+  last_forget_ms_ = now;
+  stored_since_forget_ = 0;
+  return true;
+}
+
+commit_result postgresql::give_up_transaction() {
+  // A new connection starts clean, and finds a server that restarted or
+  // failed over.
+  connection_.reset();
+  clear_rows();
+  return commit_result::retry;
+}
+
+commit_result postgresql::flush() {
+  found_stored_ = 0;
+  if (rows_.empty()) {
+    return commit_result::committed;
+  }
+  if (!connect()) {
+    clear_rows();
+    return commit_result::retry;
+  }
+  int64_t stored = 0;
+  if (!command("BEGIN", "begin") || !forget_old_identities() || !copy_rows(0, rows_.size()) ||
+      !store_staged(&stored) || !command("COMMIT", "commit")) {
+    return failure_ == failure::refused ? store_one_by_one() : give_up_transaction();
+  }
+  found_stored_ = rows_.size() - static_cast<uint64_t>(stored);
+  stored_since_forget_ += stored;
+  clear_rows();
+  return commit_result::committed;
+}
+
+commit_result postgresql::store_one_by_one() {
+  if (!command("ROLLBACK", "rollback") || !command("BEGIN", "begin")) {
+    return give_up_transaction();
+  }
+  int64_t stored = 0;
+  uint64_t lost = 0;
+  for (size_t i = 0; i < rows_.size(); ++i) {
+    if (!command("SAVEPOINT vorn_row", "savepoint")) {
+      return give_up_transaction();
+    }
+    int64_t one = 0;
+    if (copy_rows(i, i + 1) && store_staged(&one) &&
+        command("DELETE FROM vorn_staging", "clearing the staged row")) {
+      stored += one;
+    } else if (failure_ != failure::refused) {
+      return give_up_transaction();
+    } else {
+      ++lost;
+      VORN_LOG(1) << "Error writing to database. Data lost! (data provider '"
+                  << vorn::str::printable(rows_[i].provider) << "' from "
+                  << vorn::str::printable(rows_[i].host) << ": " << last_error_ << ")";
+      if (!command("ROLLBACK TO SAVEPOINT vorn_row", "rollback")) {
+        return give_up_transaction();
+      }
+    }
+    if (!command("RELEASE SAVEPOINT vorn_row", "savepoint")) {
+      return give_up_transaction();
+    }
+  }
+  if (!command("COMMIT", "commit")) {
+    return give_up_transaction();
+  }
+  found_stored_ = rows_.size() - lost - static_cast<uint64_t>(stored);
+  stored_since_forget_ += stored;
+  clear_rows();
+  return commit_result::committed;
+}
+
+namespace {
+
+// What in a url may be a password: the value of a password keyword, or what
+// follows the user name in a URI's user information.
+std::vector<std::string> passwords_in(const std::string& url) {
+  std::vector<std::string> found;
+  for (size_t at = url.find("password="); at != std::string::npos;
+       at = url.find("password=", at + 1)) {
+    size_t begin = at + 9;
+    size_t end = url.find_first_of(" &", begin);
+    found.push_back(url.substr(begin, end == std::string::npos ? end : end - begin));
+  }
+  if (size_t scheme = url.find("://"); scheme != std::string::npos) {
+    size_t begin = scheme + 3;
+    std::string authority = url.substr(begin, url.find_first_of("/?", begin) - begin);
+    size_t at = authority.rfind('@');
+    size_t colon = authority.find(':');
+    if (at != std::string::npos && colon < at) {
+      found.push_back(authority.substr(colon + 1, at - colon - 1));
+    }
+  }
+  for (std::string& secret : found) {
+    if (secret.size() >= 2 && (secret.front() == '\'' || secret.front() == '"')) {
+      secret = secret.substr(1, secret.size() - 2);
+    }
+  }
+  return found;
+}
+
+}  // namespace
+
+bool valid_database_url(const std::string& url, std::string* error) {
+  char* message = nullptr;
+  if (PQconninfoOption* options = PQconninfoParse(url.c_str(), &message)) {
+    PQconninfoFree(options);
+    return true;
+  }
+  std::string why = message != nullptr ? one_line(message) : "out of memory";
+  PQfreemem(message);
+  for (const std::string& secret : passwords_in(url)) {
+    for (size_t at; !secret.empty() && (at = why.find(secret)) != std::string::npos;) {
+      why.replace(at, secret.size(), "****");
+    }
+  }
+  *error = "database_url is not a PostgreSQL connection string or URI: " + why;
+  return false;
+}
+
+std::unique_ptr<database> open_postgresql(const daemon_config& config) {
+  std::string error;
+  if (!valid_database_url(config.database_url, &error)) {
+    VORN_LOG(3) << error;
+    return nullptr;
+  }
+  auto store = std::make_unique<postgresql>(config);
+  if (!store->connect()) {
+    if (store->refused_for_good()) {
+      VORN_LOG(3) << "PostgreSQL cannot be used: " << store->last_error();
+      return nullptr;
+    }
+    // In a cluster the database and the collector start in any order.
+    VORN_LOG(4) << "Waiting for PostgreSQL (" << store->last_error()
+                << "); received results are kept until it answers";
+  }
+  return store;
+}
