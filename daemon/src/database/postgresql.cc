@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <optional>
+#include <set>
 #include <string_view>
 
 #include "daemon/src/database/schema.h"
@@ -16,7 +16,6 @@
 namespace {
 
 constexpr const char* kLogSource = "daemon/src/database";
-constexpr const char* kStoreStatement = "vorn_store";
 
 // libpq's messages end in a newline and may span lines; the log wants one.
 std::string one_line(const char* message) {
@@ -101,12 +100,11 @@ void field_bytes(std::string& out, std::string_view bytes) {
   put32(out, static_cast<uint32_t>(bytes.size()));
   out.append(bytes);
 }
-void field_null(std::string& out) {
-  put32(out, 0xffffffffu);
-}
 
 constexpr char kCopyHeader[] = "PGCOPY\n\377\r\n\0\0\0\0\0\0\0\0\0";  // signature, flags, extension
 constexpr size_t kCopyHeaderSize = 19;
+// Where a row's rowid lies in its tuple: after the field count and length.
+constexpr size_t kRowidAt = 2 + 4;
 constexpr char kCopyTrailer[] = "\377\377";
 
 // SQLSTATE classes of failures that name no row: the rows are kept and
@@ -197,7 +195,7 @@ bool postgresql::connect() {
       !check(pq_result(PQexec(connection_.get(), vorn::schema::kResultsLayoutPostgresql)),
              "reading the columns of vorn_1", &layout)) {
     // Not allowed to create or read them: an administrator's business.
-    refused_for_good_ = sqlstate_class_ == "42";
+    refused_for_good_ = sqlstate_.compare(0, 2, "42") == 0;
     connection_.reset();
     return false;
   }
@@ -209,13 +207,11 @@ bool postgresql::connect() {
     connection_.reset();
     return false;
   }
-  std::string store = vorn::schema::store_staged_postgresql(exactly_once_);
   // Rows that reached vorn_1 without a server (a hand-made insert) are
   // summarised here.
   if (!command(vorn::schema::kCatchUp, "bringing vorn_latest up to date") ||
-      !command(vorn::schema::kCreateStagingPostgresql, "creating the staging table") ||
-      !check(pq_result(PQprepare(connection_.get(), kStoreStatement, store.c_str(), 0, nullptr)),
-             "preparing the insert")) {
+      (exactly_once_ &&
+       !command(vorn::schema::kCreateProbePostgresql, "creating a temporary table"))) {
     connection_.reset();
     return false;
   }
@@ -236,8 +232,7 @@ bool postgresql::check(pq_result result, const char* what, pq_result* out) {
   last_error_ = std::string(what) + ": " + one_line(message);
   failure_ = refuses_a_value(result.get()) ? failure::refused : failure::may_pass;
   const char* state = result ? PQresultErrorField(result.get(), PG_DIAG_SQLSTATE) : nullptr;
-  sqlstate_class_ = state != nullptr ? std::string(state, std::min<size_t>(2, std::strlen(state)))
-                                     : std::string();
+  sqlstate_ = state != nullptr ? state : "";
   return false;
 }
 
@@ -258,12 +253,10 @@ write_status postgresql::write(const result_view& record, const result_identity*
     return write_status::retry;
   }
   const result_header& h = record.header;
-  std::optional<result_identity> identity;
-  std::array<unsigned char, result_identity::kHashSize> hash{};
+  staged_row row;
   if (exactly_once_) {
-    identity = known != nullptr ? *known : identify(record);
-    hash = identity->hash;
-    if (!identities_.insert(hash).second) {
+    row.identity = known != nullptr ? *known : identify(record);
+    if (!identities_.insert(row.identity.hash).second) {
       return write_status::duplicate;
     }
   }
@@ -274,26 +267,16 @@ write_status postgresql::write(const result_view& record, const result_identity*
       last_error_ =
           std::string("its ") + name + " is not UTF-8, which PostgreSQL cannot store as text";
       VORN_LOG(3) << "Database insertion error: " << last_error_;
-      if (identity) {
-        identities_.erase(hash);
-      }
+      identities_.erase(row.identity.hash);
       return write_status::refused;
     }
   }
   stored_outputs outputs;
   outputs_to_store(record, &outputs);
 
-  staged_row row;
   row.begin = copy_.size();
-  put16(copy_, vorn::schema::kStagingColumns);
-  field_int32(copy_, static_cast<int32_t>(rows_.size()));
-  if (identity) {
-    field_int64(copy_, identity->end_seconds);
-    field_bytes(copy_, std::string_view(reinterpret_cast<const char*>(hash.data()), hash.size()));
-  } else {
-    field_null(copy_);
-    field_null(copy_);
-  }
+  put16(copy_, vorn::schema::kCopyResultsColumns);
+  field_int64(copy_, 0);  // the rowid, taken at the commit
   field_bytes(copy_, h.name);
   field_bytes(copy_, h.hostname);
   field_int32(copy_, h.num_nodes);
@@ -312,45 +295,166 @@ write_status postgresql::write(const result_view& record, const result_identity*
   row.end = copy_.size();
   row.provider = h.name;
   row.host = h.hostname;
+  row.option_id = h.option_id;
   rows_.push_back(std::move(row));
   return write_status::written;
 }
 
-bool postgresql::copy_rows(size_t begin, size_t end) {
+bool postgresql::copy_in(const char* sql, const char* what,
+                         const std::vector<std::string_view>& pieces) {
   PGconn* connection = connection_.get();
-  pq_result started(PQexec(connection, vorn::schema::kCopyStagingPostgresql));
+  pq_result started(PQexec(connection, sql));
   if (!started || PQresultStatus(started.get()) != PGRES_COPY_IN) {
-    return check(std::move(started), "copy");
+    return check(std::move(started), what);
   }
-  // PQputCopyData takes an int: large commits go in pieces.
-  constexpr size_t kPiece = size_t{1} << 26;
-  std::string_view rows(copy_.data() + rows_[begin].begin, rows_[end - 1].end - rows_[begin].begin);
+  // PQputCopyData takes an int: large pieces go in parts.
+  constexpr size_t kPart = size_t{1} << 26;
   bool sent = PQputCopyData(connection, kCopyHeader, kCopyHeaderSize) == 1;
-  for (size_t at = 0; sent && at < rows.size(); at += kPiece) {
-    size_t piece = std::min(kPiece, rows.size() - at);
-    sent = PQputCopyData(connection, rows.data() + at, static_cast<int>(piece)) == 1;
+  for (std::string_view piece : pieces) {
+    for (size_t at = 0; sent && at < piece.size(); at += kPart) {
+      size_t part = std::min(kPart, piece.size() - at);
+      sent = PQputCopyData(connection, piece.data() + at, static_cast<int>(part)) == 1;
+    }
   }
   sent = sent && PQputCopyData(connection, kCopyTrailer, 2) == 1;
   if (PQputCopyEnd(connection, sent ? nullptr : "not sent whole") != 1) {
-    last_error_ = "copy: " + one_line(PQerrorMessage(connection));
+    last_error_ = std::string(what) + ": " + one_line(PQerrorMessage(connection));
     failure_ = failure::may_pass;
     return false;
   }
-  bool copied = check(pq_result(PQgetResult(connection)), "copy");
+  bool copied = check(pq_result(PQgetResult(connection)), what);
   while (PGresult* more = PQgetResult(connection)) {
     PQclear(more);
   }
   return copied;
 }
 
-bool postgresql::store_staged(int64_t* stored) {
-  pq_result result;
-  if (!check(pq_result(PQexecPrepared(connection_.get(), kStoreStatement, 0, nullptr, nullptr,
-                                      nullptr, 0)),
-             "insert", &result)) {
+bool postgresql::take_rowids(const std::vector<size_t>& batch) {
+  std::string count = std::to_string(batch.size());
+  const char* values[] = {count.c_str()};
+  pq_result ids;
+  if (!check(pq_result(PQexecParams(connection_.get(), vorn::schema::kTakeRowidsPostgresql, 1,
+                                    nullptr, values, nullptr, nullptr, 0)),
+             "taking rowids", &ids)) {
     return false;
   }
-  *stored = std::strtoll(PQgetvalue(result.get(), 0, 0), nullptr, 10);
+  if (static_cast<size_t>(PQntuples(ids.get())) != batch.size()) {
+    last_error_ = "taking rowids: too few";
+    failure_ = failure::may_pass;
+    return false;
+  }
+  for (size_t i = 0; i < batch.size(); ++i) {
+    staged_row& row = rows_[batch[i]];
+    row.rowid = std::strtoll(PQgetvalue(ids.get(), static_cast<int>(i), 0), nullptr, 10);
+    std::string value;
+    put64(value, static_cast<uint64_t>(row.rowid));
+    copy_.replace(row.begin + kRowidAt, value.size(), value);
+  }
+  return true;
+}
+
+bool postgresql::copy_identities(const std::vector<size_t>& batch, const char* sql) {
+  // In key order, so that two servers adding the same ones wait for each
+  // other instead of deadlocking.
+  std::vector<const result_identity*> sorted;
+  for (size_t i : batch) {
+    sorted.push_back(&rows_[i].identity);
+  }
+  std::sort(sorted.begin(), sorted.end(), [](const result_identity* a, const result_identity* b) {
+    return a->end_seconds != b->end_seconds ? a->end_seconds < b->end_seconds : a->hash < b->hash;
+  });
+  std::string tuples;
+  for (const result_identity* identity : sorted) {
+    put16(tuples, 2);
+    field_int64(tuples, identity->end_seconds);
+    field_bytes(tuples, std::string_view(reinterpret_cast<const char*>(identity->hash.data()),
+                                         identity->hash.size()));
+  }
+  if (copy_in(sql, "remembering stored results", {tuples})) {
+    return true;
+  }
+  if (sqlstate_ == "23505") {
+    failure_ = failure::known;
+  }
+  return false;
+}
+
+bool postgresql::copy_results(const std::vector<size_t>& batch) {
+  // Rows next to each other in the buffer go as one piece.
+  std::vector<std::string_view> pieces;
+  size_t begin = 0;
+  size_t end = 0;
+  for (size_t i : batch) {
+    if (rows_[i].begin != end) {
+      if (end > begin) {
+        pieces.emplace_back(copy_.data() + begin, end - begin);
+      }
+      begin = rows_[i].begin;
+    }
+    end = rows_[i].end;
+  }
+  pieces.emplace_back(copy_.data() + begin, end - begin);
+  return copy_in(vorn::schema::kCopyResultsPostgresql, "insert", pieces);
+}
+
+bool postgresql::update_latest(const std::vector<size_t>& batch) {
+  std::string arrays[4] = {"{", "{", "{", "{"};
+  for (size_t i : batch) {
+    const staged_row& row = rows_[i];
+    for (auto [array, text] :
+         {std::pair{&arrays[0], &row.provider}, std::pair{&arrays[1], &row.host},
+          std::pair{&arrays[2], &row.option_id}}) {
+      *array += array->size() > 1 ? ",\"" : "\"";
+      for (char c : *text) {
+        if (c == '"' || c == '\\') {
+          *array += '\\';
+        }
+        *array += c;
+      }
+      *array += '"';
+    }
+    arrays[3] += (arrays[3].size() > 1 ? "," : "") + std::to_string(row.rowid);
+  }
+  const char* values[4];
+  for (int k = 0; k < 4; ++k) {
+    arrays[k] += '}';
+    values[k] = arrays[k].c_str();
+  }
+  return check(pq_result(PQexecParams(connection_.get(), vorn::schema::kUpsertLatestRowsPostgresql,
+                                      4, nullptr, values, nullptr, nullptr, 0)),
+               "updating vorn_latest");
+}
+
+bool postgresql::store(const std::vector<size_t>& batch) {
+  return take_rowids(batch) &&
+         (!exactly_once_ || copy_identities(batch, vorn::schema::kCopyIdentitiesPostgresql)) &&
+         copy_results(batch) && update_latest(batch);
+}
+
+bool postgresql::find_stored() {
+  std::vector<size_t> batch = unstored_rows();
+  pq_result found;
+  if (!command("BEGIN", "begin") || !copy_identities(batch, vorn::schema::kCopyProbePostgresql) ||
+      !check(pq_result(PQexecParams(connection_.get(), vorn::schema::kFindStoredPostgresql, 0,
+                                    nullptr, nullptr, nullptr, nullptr, 1)),
+             "looking up stored results", &found) ||
+      !command("COMMIT", "commit")) {
+    return false;
+  }
+  std::set<std::pair<int64_t, std::string>> stored;
+  for (int i = 0; i < PQntuples(found.get()); ++i) {
+    uint64_t end = 0;
+    for (int k = 0; k < 8; ++k) {
+      end = (end << 8) | static_cast<unsigned char>(PQgetvalue(found.get(), i, 0)[k]);
+    }
+    stored.emplace(static_cast<int64_t>(end),
+                   std::string(PQgetvalue(found.get(), i, 1), PQgetlength(found.get(), i, 1)));
+  }
+  for (size_t i : batch) {
+    const result_identity& identity = rows_[i].identity;
+    std::string hash(reinterpret_cast<const char*>(identity.hash.data()), identity.hash.size());
+    rows_[i].stored_already = stored.count({identity.end_seconds, hash}) > 0;
+  }
   return true;
 }
 
@@ -372,12 +476,32 @@ bool postgresql::forget_old_identities() {
   return true;
 }
 
+std::vector<size_t> postgresql::unstored_rows() const {
+  std::vector<size_t> batch;
+  for (size_t i = 0; i < rows_.size(); ++i) {
+    if (!rows_[i].stored_already && !rows_[i].lost) {
+      batch.push_back(i);
+    }
+  }
+  return batch;
+}
+
 commit_result postgresql::give_up_transaction() {
   // A new connection starts clean, and finds a server that restarted or
   // failed over.
   connection_.reset();
   clear_rows();
   return commit_result::retry;
+}
+
+commit_result postgresql::committed() {
+  found_stored_ = 0;
+  for (const staged_row& row : rows_) {
+    found_stored_ += row.stored_already;
+    stored_since_forget_ += !row.stored_already && !row.lost;
+  }
+  clear_rows();
+  return commit_result::committed;
 }
 
 commit_result postgresql::flush() {
@@ -389,38 +513,46 @@ commit_result postgresql::flush() {
     clear_rows();
     return commit_result::retry;
   }
-  int64_t stored = 0;
-  if (!command("BEGIN", "begin") || !forget_old_identities() || !copy_rows(0, rows_.size()) ||
-      !store_staged(&stored) || !command("COMMIT", "commit")) {
-    return failure_ == failure::refused ? store_one_by_one() : give_up_transaction();
+  // A result stored already fails the commit: the stored ones are looked up
+  // and left out, and the rest tried again. Each round finds one at least.
+  for (size_t round = 0; round <= rows_.size(); ++round) {
+    std::vector<size_t> batch = unstored_rows();
+    if (batch.empty()) {
+      return committed();
+    }
+    if (command("BEGIN", "begin") && forget_old_identities() && store(batch) &&
+        command("COMMIT", "commit")) {
+      return committed();
+    }
+    if (failure_ == failure::refused) {
+      return store_one_by_one();
+    }
+    if (failure_ != failure::known || !command("ROLLBACK", "rollback") || !find_stored()) {
+      return give_up_transaction();
+    }
   }
-  found_stored_ = rows_.size() - static_cast<uint64_t>(stored);
-  stored_since_forget_ += stored;
-  clear_rows();
-  return commit_result::committed;
+  return give_up_transaction();
 }
 
 commit_result postgresql::store_one_by_one() {
   if (!command("ROLLBACK", "rollback") || !command("BEGIN", "begin")) {
     return give_up_transaction();
   }
-  int64_t stored = 0;
-  uint64_t lost = 0;
-  for (size_t i = 0; i < rows_.size(); ++i) {
+  for (size_t i : unstored_rows()) {
     if (!command("SAVEPOINT vorn_row", "savepoint")) {
       return give_up_transaction();
     }
-    int64_t one = 0;
-    if (copy_rows(i, i + 1) && store_staged(&one) &&
-        command("DELETE FROM vorn_staging", "clearing the staged row")) {
-      stored += one;
-    } else if (failure_ != failure::refused) {
-      return give_up_transaction();
-    } else {
-      ++lost;
-      VORN_LOG(1) << "Error writing to database. Data lost! (data provider '"
-                  << vorn::str::printable(rows_[i].provider) << "' from "
-                  << vorn::str::printable(rows_[i].host) << ": " << last_error_ << ")";
+    if (!store({i})) {
+      if (failure_ == failure::known) {
+        rows_[i].stored_already = true;
+      } else if (failure_ == failure::refused) {
+        rows_[i].lost = true;
+        VORN_LOG(1) << "Error writing to database. Data lost! (data provider '"
+                    << vorn::str::printable(rows_[i].provider) << "' from "
+                    << vorn::str::printable(rows_[i].host) << ": " << last_error_ << ")";
+      } else {
+        return give_up_transaction();
+      }
       if (!command("ROLLBACK TO SAVEPOINT vorn_row", "rollback")) {
         return give_up_transaction();
       }
@@ -432,10 +564,7 @@ commit_result postgresql::store_one_by_one() {
   if (!command("COMMIT", "commit")) {
     return give_up_transaction();
   }
-  found_stored_ = rows_.size() - lost - static_cast<uint64_t>(stored);
-  stored_since_forget_ += stored;
-  clear_rows();
-  return commit_result::committed;
+  return committed();
 }
 
 namespace {

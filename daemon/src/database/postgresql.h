@@ -9,23 +9,26 @@
 //
 // Writing: write() only checks a row and appends it to a buffer in COPY's
 // binary layout (outputs byte for byte, base64 decoded as in SQLite). flush()
-// sends the buffer with one COPY into a temporary table and moves it into
-// vorn_1 with one statement, in one transaction: a few round trips per group
-// commit rather than one per row. That statement also brings vorn_latest up
-// to the rows with every commit, not about once a second as in SQLite: with
-// several servers, rowids are taken before their transactions commit, so a
-// later summary could leave committed rows below max(last_rowid) unaccounted
-// for.
+// takes rowids for the rows from vorn_1's sequence, copies their identities
+// into vorn_result_ids and the rows into vorn_1 with two binary COPYs, and
+// brings vorn_latest up to them, in one transaction: a handful of round trips
+// per group commit rather than one per row. vorn_latest is updated with every
+// commit, not about once a second as in SQLite: with several servers, rowids
+// are taken before their transactions commit, so a later summary could leave
+// committed rows below max(last_rowid) unaccounted for.
 //
-// Exactly once across servers: each identity is a row of vorn_result_ids
-// with a unique key, inserted with ON CONFLICT DO NOTHING in the transaction
-// of its result's row, and the row goes in only when its identity did. A
-// result sent again through another server is thus stored once even while
-// the first server's transaction is still open: the second insert waits for
-// it and is skipped when it commits. Identities are kept kRememberSeconds
-// after they were stored and then deleted, a batch with each commit at most
-// once every kForgetEveryMs, by an index on their time of storing. A result
-// found stored only at the commit is counted by found_stored_at_commit().
+// Exactly once across servers: an identity is a row of vorn_result_ids
+// under a unique key, in the transaction of its result's row. A result sent
+// again through another server is thus stored once even while the first
+// server's transaction is still open: the second COPY waits for it and fails
+// (unique_violation) once it commits. The store then looks up which of its
+// results are stored already, leaves them out (found_stored_at_commit) and
+// commits the rest; duplicates are rare (a restart, a fail-over), so the
+// common commit pays for no lookup. Identities go in in key order so that two
+// servers adding the same ones wait for each other rather than deadlock.
+// They are kept kRememberSeconds after they were stored and then deleted, a
+// batch with a commit at most once every kForgetEveryMs, by an index on
+// their time of storing.
 //
 // Failures: no connection, a server shutting down or starting up, a
 // read-only server (a standby after fail-over), a full disk, a deadlock or
@@ -43,6 +46,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <unordered_set>
 #include <vector>
 
@@ -88,12 +92,18 @@ class postgresql : public database {
   bool refused_for_good() const { return refused_for_good_; }
 
  private:
-  enum class failure { none, may_pass, refused };
+  // known: a result of the commit is stored already.
+  enum class failure { none, may_pass, refused, known };
   struct staged_row {
-    size_t begin = 0;  // in copy_
+    size_t begin = 0;  // its tuple in copy_
     size_t end = 0;
+    int64_t rowid = 0;  // once taken
     std::string provider;
     std::string host;
+    std::string option_id;
+    result_identity identity;
+    bool stored_already = false;  // found at the commit
+    bool lost = false;            // refused at the commit
   };
   struct identity_hash {
     size_t operator()(const std::array<unsigned char, result_identity::kHashSize>& h) const;
@@ -101,13 +111,26 @@ class postgresql : public database {
 
   // Runs `sql`; false (last_error, failure_) when PostgreSQL did not take it.
   bool command(const char* sql, const char* what);
-  // Runs `result`'s check; false as command().
+  // Checks `result`; false as command().
   bool check(pq_result result, const char* what, pq_result* out = nullptr);
-  bool copy_rows(size_t begin, size_t end);
-  bool store_staged(int64_t* stored);
+  // Runs a COPY ... FROM STDIN (FORMAT binary) of the tuples in `pieces`.
+  bool copy_in(const char* sql, const char* what, const std::vector<std::string_view>& pieces);
+  // The steps of storing the rows `batch` (indexes into rows_) in the open
+  // transaction.
+  bool store(const std::vector<size_t>& batch);
+  bool take_rowids(const std::vector<size_t>& batch);
+  bool copy_identities(const std::vector<size_t>& batch, const char* sql);
+  bool copy_results(const std::vector<size_t>& batch);
+  bool update_latest(const std::vector<size_t>& batch);
+  // Marks the rows whose result is stored already, in a transaction of its
+  // own.
+  bool find_stored();
   bool forget_old_identities();
+  std::vector<size_t> unstored_rows() const;
   // Stores the rows one by one after a refusal, each behind a savepoint.
   commit_result store_one_by_one();
+  // After the commit: counts and lets go of the rows.
+  commit_result committed();
   // Drops the connection and the rows after a failure that may pass.
   commit_result give_up_transaction();
   void clear_rows();
@@ -115,13 +138,13 @@ class postgresql : public database {
   const daemon_config& config_;
   const bool exactly_once_;
   pq_connection connection_;
-  std::string copy_;  // the tuples of rows_, without COPY's header and trailer
+  std::string copy_;  // the tuples of rows_ for vorn_1, without COPY's header and trailer
   std::vector<staged_row> rows_;
   std::unordered_set<std::array<unsigned char, result_identity::kHashSize>, identity_hash>
       identities_;  // of rows_
   std::string last_error_;
   failure failure_ = failure::none;
-  std::string sqlstate_class_;  // of the last failure, when PostgreSQL named one
+  std::string sqlstate_;  // of the last failure, when PostgreSQL named one
   bool refused_for_good_ = false;
   uint64_t found_stored_ = 0;
   int64_t last_forget_ms_ = 0;

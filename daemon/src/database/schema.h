@@ -96,21 +96,45 @@ inline constexpr const char* kLatestIdsByScan =
 // next to recent ones.
 inline constexpr const char* kCreateIdentitiesPostgresql =
     "CREATE TABLE IF NOT EXISTS vorn_result_ids (end_seconds bigint NOT NULL, hash bytea NOT "
-    "NULL, stored_at bigint NOT NULL, PRIMARY KEY (end_seconds, hash))";
+    "NULL, stored_at bigint NOT NULL DEFAULT (extract(epoch FROM now())::bigint), "
+    "PRIMARY KEY (end_seconds, hash))";
 inline constexpr const char* kCreateIdentitiesByAgePostgresql =
     "CREATE INDEX IF NOT EXISTS vorn_result_ids_by_age ON vorn_result_ids (stored_at)";
 
-// Rows of one commit, copied in by COPY ... (FORMAT binary) and moved into
-// vorn_1 by kStoreStaged; `seq` keeps the order received. One per connection.
-inline constexpr const char* kCreateStagingPostgresql =
-    "CREATE TEMPORARY TABLE IF NOT EXISTS vorn_staging (seq integer, end_seconds bigint, hash "
-    "bytea, Provider text, Hostname text, num_nodes integer, node_names text, Exit_status "
-    "integer, Timestamp bigint, Duration double precision, Encoding integer, Stdout_size bigint, "
-    "STDOUT bytea, Stderr_size bigint, STDERR bytea, OptionID text, version integer) "
+// $1 rowids for the rows of a commit, ascending.
+inline constexpr const char* kTakeRowidsPostgresql =
+    "SELECT nextval(pg_get_serial_sequence('vorn_1', 'rowid')) FROM generate_series(1, $1::int)";
+
+// Binary COPY of a commit's rows with the rowids taken for them, and of
+// their identities; a known identity fails the latter (unique_violation).
+inline constexpr const char* kCopyResultsPostgresql =
+    "COPY vorn_1 (rowid, Provider, Hostname, num_nodes, node_names, Exit_status, Timestamp, "
+    "Duration, Encoding, Stdout_size, STDOUT, Stderr_size, STDERR, OptionID, version) "
+    "FROM STDIN (FORMAT binary)";
+inline constexpr int kCopyResultsColumns = 15;
+inline constexpr const char* kCopyIdentitiesPostgresql =
+    "COPY vorn_result_ids (end_seconds, hash) FROM STDIN (FORMAT binary)";
+
+// Which of a commit's identities are stored already: they are copied into
+// vorn_probe and looked up.
+inline constexpr const char* kCreateProbePostgresql =
+    "CREATE TEMPORARY TABLE IF NOT EXISTS vorn_probe (end_seconds bigint, hash bytea) "
     "ON COMMIT DELETE ROWS";
-inline constexpr const char* kCopyStagingPostgresql =
-    "COPY vorn_staging FROM STDIN (FORMAT binary)";
-inline constexpr int kStagingColumns = 17;
+inline constexpr const char* kCopyProbePostgresql =
+    "COPY vorn_probe (end_seconds, hash) FROM STDIN (FORMAT binary)";
+inline constexpr const char* kFindStoredPostgresql =
+    "SELECT p.end_seconds, p.hash FROM vorn_probe p JOIN vorn_result_ids i "
+    "ON i.end_seconds = p.end_seconds AND i.hash = p.hash";
+
+// kUpsertLatest for a commit's rows at once, as arrays $1 providers, $2
+// hosts, $3 option sets, $4 rowids; keys in order, so that two servers
+// updating the same ones wait for each other instead of deadlocking.
+inline constexpr const char* kUpsertLatestRowsPostgresql =
+    "INSERT INTO vorn_latest (Provider, Hostname, OptionID, last_rowid) "
+    "SELECT p, h, o, max(id) FROM unnest($1::text[], $2::text[], $3::text[], $4::bigint[]) "
+    "AS k(p, h, o, id) GROUP BY 1, 2, 3 ORDER BY 1, 2, 3 "
+    "ON CONFLICT (Provider, Hostname, OptionID) DO UPDATE SET last_rowid = excluded.last_rowid "
+    "WHERE excluded.last_rowid > vorn_latest.last_rowid";
 
 // vorn_1's columns as PostgreSQL describes them, for checking a table found
 // in place: "name type,name type,...".
@@ -122,41 +146,6 @@ inline constexpr const char* kResultsLayout =
     "node_names text,exit_status integer,timestamp bigint,duration double precision,"
     "encoding integer,stdout_size bigint,stdout bytea,stderr_size bigint,stderr bytea,"
     "optionid text,version integer";
-
-// Moves the staged rows into vorn_1 in the order received and brings
-// vorn_latest up to them, in one statement; answers the number of rows
-// stored. With `exactly_once`, only rows whose identity is new go in: the
-// identities are added in key order (so that two servers adding the same
-// ones wait for each other instead of deadlocking) and one already there,
-// committed or in another server's open transaction, keeps its row out.
-// vorn_latest is updated in key order for the same reason.
-inline std::string store_staged_postgresql(bool exactly_once) {
-  std::string sql = "WITH ";
-  if (exactly_once) {
-    sql +=
-        "fresh AS (INSERT INTO vorn_result_ids (end_seconds, hash, stored_at) "
-        "SELECT end_seconds, hash, extract(epoch FROM now())::bigint FROM vorn_staging "
-        "ORDER BY end_seconds, hash ON CONFLICT DO NOTHING RETURNING end_seconds, hash), ";
-  }
-  sql +=
-      "stored AS (INSERT INTO vorn_1 (Provider, Hostname, num_nodes, node_names, Exit_status, "
-      "Timestamp, Duration, Encoding, Stdout_size, STDOUT, Stderr_size, STDERR, OptionID, "
-      "version) SELECT s.Provider, s.Hostname, s.num_nodes, s.node_names, s.Exit_status, "
-      "s.Timestamp, s.Duration, s.Encoding, s.Stdout_size, s.STDOUT, s.Stderr_size, s.STDERR, "
-      "s.OptionID, s.version FROM vorn_staging s ";
-  if (exactly_once) {
-    sql += "JOIN fresh f ON f.end_seconds = s.end_seconds AND f.hash = s.hash ";
-  }
-  sql +=
-      "ORDER BY s.seq RETURNING rowid, Provider, Hostname, OptionID), "
-      "latest AS (INSERT INTO vorn_latest (Provider, Hostname, OptionID, last_rowid) "
-      "SELECT coalesce(Provider, ''), coalesce(Hostname, ''), coalesce(OptionID, ''), max(rowid) "
-      "FROM stored GROUP BY 1, 2, 3 ORDER BY 1, 2, 3 "
-      "ON CONFLICT (Provider, Hostname, OptionID) DO UPDATE SET last_rowid = excluded.last_rowid "
-      "WHERE excluded.last_rowid > vorn_latest.last_rowid) "
-      "SELECT count(*) FROM stored";
-  return sql;
-}
 
 // Forgets up to $2 identities stored more than $1 seconds ago by the
 // database's clock, oldest first; ones another server is forgetting just now

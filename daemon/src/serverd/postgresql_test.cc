@@ -326,6 +326,9 @@ TEST_F(PostgresqlStoreTest, TwoServersIntoOneDatabase) {
   EXPECT_EQ(sql("SELECT count(DISTINCT (Provider, STDOUT)) FROM vorn_1"),
             std::to_string(2 * kEach + kThroughBoth));
   EXPECT_EQ(sql(kWrongLatest), "0");
+  // The later of two commits holding the same result found it stored.
+  EXPECT_EQ(
+      occurrences(servers[0]->err() + servers[1]->err(), "received again were stored already"), 1);
   for (auto& server : servers) {
     server->send_signal(SIGTERM);
     EXPECT_EQ(server->wait_exit(), 0);
