@@ -103,8 +103,6 @@ void field_bytes(std::string& out, std::string_view bytes) {
 
 constexpr char kCopyHeader[] = "PGCOPY\n\377\r\n\0\0\0\0\0\0\0\0\0";  // signature, flags, extension
 constexpr size_t kCopyHeaderSize = 19;
-// Where a row's rowid lies in its tuple: after the field count and length.
-constexpr size_t kRowidAt = 2 + 4;
 constexpr char kCopyTrailer[] = "\377\377";
 
 // SQLSTATE classes of failures that name no row: the rows are kept and
@@ -276,7 +274,6 @@ write_status postgresql::write(const result_view& record, const result_identity*
 
   row.begin = copy_.size();
   put16(copy_, vorn::schema::kCopyResultsColumns);
-  field_int64(copy_, 0);  // the rowid, taken at the commit
   field_bytes(copy_, h.name);
   field_bytes(copy_, h.hostname);
   field_int32(copy_, h.num_nodes);
@@ -295,7 +292,6 @@ write_status postgresql::write(const result_view& record, const result_identity*
   row.end = copy_.size();
   row.provider = h.name;
   row.host = h.hostname;
-  row.option_id = h.option_id;
   rows_.push_back(std::move(row));
   return write_status::written;
 }
@@ -329,27 +325,13 @@ bool postgresql::copy_in(const char* sql, const char* what,
   return copied;
 }
 
-bool postgresql::take_rowids(const std::vector<size_t>& batch) {
-  std::string count = std::to_string(batch.size());
-  const char* values[] = {count.c_str()};
-  pq_result ids;
-  if (!check(pq_result(PQexecParams(connection_.get(), vorn::schema::kTakeRowidsPostgresql, 1,
-                                    nullptr, values, nullptr, nullptr, 0)),
-             "taking rowids", &ids)) {
+bool postgresql::begin() {
+  std::string sql = std::string("BEGIN; ") + vorn::schema::kRowidBeforePostgresql;
+  pq_result before;
+  if (!check(pq_result(PQexec(connection_.get(), sql.c_str())), "begin", &before)) {
     return false;
   }
-  if (static_cast<size_t>(PQntuples(ids.get())) != batch.size()) {
-    last_error_ = "taking rowids: too few";
-    failure_ = failure::may_pass;
-    return false;
-  }
-  for (size_t i = 0; i < batch.size(); ++i) {
-    staged_row& row = rows_[batch[i]];
-    row.rowid = std::strtoll(PQgetvalue(ids.get(), static_cast<int>(i), 0), nullptr, 10);
-    std::string value;
-    put64(value, static_cast<uint64_t>(row.rowid));
-    copy_.replace(row.begin + kRowidAt, value.size(), value);
-  }
+  rowid_before_ = std::strtoll(PQgetvalue(before.get(), 0, 0), nullptr, 10);
   return true;
 }
 
@@ -397,38 +379,17 @@ bool postgresql::copy_results(const std::vector<size_t>& batch) {
   return copy_in(vorn::schema::kCopyResultsPostgresql, "insert", pieces);
 }
 
-bool postgresql::update_latest(const std::vector<size_t>& batch) {
-  std::string arrays[4] = {"{", "{", "{", "{"};
-  for (size_t i : batch) {
-    const staged_row& row = rows_[i];
-    for (auto [array, text] :
-         {std::pair{&arrays[0], &row.provider}, std::pair{&arrays[1], &row.host},
-          std::pair{&arrays[2], &row.option_id}}) {
-      *array += array->size() > 1 ? ",\"" : "\"";
-      for (char c : *text) {
-        if (c == '"' || c == '\\') {
-          *array += '\\';
-        }
-        *array += c;
-      }
-      *array += '"';
-    }
-    arrays[3] += (arrays[3].size() > 1 ? "," : "") + std::to_string(row.rowid);
-  }
-  const char* values[4];
-  for (int k = 0; k < 4; ++k) {
-    arrays[k] += '}';
-    values[k] = arrays[k].c_str();
-  }
-  return check(pq_result(PQexecParams(connection_.get(), vorn::schema::kUpsertLatestRowsPostgresql,
-                                      4, nullptr, values, nullptr, nullptr, 0)),
+bool postgresql::update_latest() {
+  std::string before = std::to_string(rowid_before_);
+  const char* values[] = {before.c_str()};
+  return check(pq_result(PQexecParams(connection_.get(), vorn::schema::kUpsertLatestSincePostgresql,
+                                      1, nullptr, values, nullptr, nullptr, 0)),
                "updating vorn_latest");
 }
 
 bool postgresql::store(const std::vector<size_t>& batch) {
-  return take_rowids(batch) &&
-         (!exactly_once_ || copy_identities(batch, vorn::schema::kCopyIdentitiesPostgresql)) &&
-         copy_results(batch) && update_latest(batch);
+  return (!exactly_once_ || copy_identities(batch, vorn::schema::kCopyIdentitiesPostgresql)) &&
+         copy_results(batch);
 }
 
 bool postgresql::find_stored() {
@@ -520,7 +481,7 @@ commit_result postgresql::flush() {
     if (batch.empty()) {
       return committed();
     }
-    if (command("BEGIN", "begin") && forget_old_identities() && store(batch) &&
+    if (begin() && forget_old_identities() && store(batch) && update_latest() &&
         command("COMMIT", "commit")) {
       return committed();
     }
@@ -535,7 +496,7 @@ commit_result postgresql::flush() {
 }
 
 commit_result postgresql::store_one_by_one() {
-  if (!command("ROLLBACK", "rollback") || !command("BEGIN", "begin")) {
+  if (!command("ROLLBACK", "rollback") || !begin()) {
     return give_up_transaction();
   }
   for (size_t i : unstored_rows()) {
@@ -561,7 +522,7 @@ commit_result postgresql::store_one_by_one() {
       return give_up_transaction();
     }
   }
-  if (!command("COMMIT", "commit")) {
+  if (!update_latest() || !command("COMMIT", "commit")) {
     return give_up_transaction();
   }
   return committed();

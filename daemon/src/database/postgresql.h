@@ -9,13 +9,13 @@
 //
 // Writing: write() only checks a row and appends it to a buffer in COPY's
 // binary layout (outputs byte for byte, base64 decoded as in SQLite). flush()
-// takes rowids for the rows from vorn_1's sequence, copies their identities
-// into vorn_result_ids and the rows into vorn_1 with two binary COPYs, and
-// brings vorn_latest up to them, in one transaction: a handful of round trips
-// per group commit rather than one per row. vorn_latest is updated with every
-// commit, not about once a second as in SQLite: with several servers, rowids
-// are taken before their transactions commit, so a later summary could leave
-// committed rows below max(last_rowid) unaccounted for.
+// copies the rows' identities into vorn_result_ids and the rows into vorn_1
+// with two binary COPYs, and brings vorn_latest up to the rows after the
+// rowid taken last before it began, in one transaction: a handful of round
+// trips per group commit rather than one per row. vorn_latest is updated with
+// every commit, not about once a second as in SQLite: with several servers,
+// rowids are taken before their transactions commit, so a later summary
+// could leave committed rows below max(last_rowid) unaccounted for.
 //
 // Exactly once across servers: an identity is a row of vorn_result_ids
 // under a unique key, in the transaction of its result's row. A result sent
@@ -97,10 +97,8 @@ class postgresql : public database {
   struct staged_row {
     size_t begin = 0;  // its tuple in copy_
     size_t end = 0;
-    int64_t rowid = 0;  // once taken
     std::string provider;
     std::string host;
-    std::string option_id;
     result_identity identity;
     bool stored_already = false;  // found at the commit
     bool lost = false;            // refused at the commit
@@ -115,13 +113,15 @@ class postgresql : public database {
   bool check(pq_result result, const char* what, pq_result* out = nullptr);
   // Runs a COPY ... FROM STDIN (FORMAT binary) of the tuples in `pieces`.
   bool copy_in(const char* sql, const char* what, const std::vector<std::string_view>& pieces);
-  // The steps of storing the rows `batch` (indexes into rows_) in the open
-  // transaction.
+  // Copies the rows `batch` (indexes into rows_) and their identities in,
+  // in the open transaction.
   bool store(const std::vector<size_t>& batch);
-  bool take_rowids(const std::vector<size_t>& batch);
   bool copy_identities(const std::vector<size_t>& batch, const char* sql);
   bool copy_results(const std::vector<size_t>& batch);
-  bool update_latest(const std::vector<size_t>& batch);
+  // Begins a transaction, noting the rowid taken last before it.
+  bool begin();
+  // Brings vorn_latest up to the rows after that rowid.
+  bool update_latest();
   // Marks the rows whose result is stored already, in a transaction of its
   // own.
   bool find_stored();
@@ -147,6 +147,7 @@ class postgresql : public database {
   std::string sqlstate_;  // of the last failure, when PostgreSQL named one
   bool refused_for_good_ = false;
   uint64_t found_stored_ = 0;
+  int64_t rowid_before_ = 0;
   int64_t last_forget_ms_ = 0;
   int64_t stored_since_forget_ = 0;
 };

@@ -101,17 +101,19 @@ inline constexpr const char* kCreateIdentitiesPostgresql =
 inline constexpr const char* kCreateIdentitiesByAgePostgresql =
     "CREATE INDEX IF NOT EXISTS vorn_result_ids_by_age ON vorn_result_ids (stored_at)";
 
-// $1 rowids for the rows of a commit, ascending.
-inline constexpr const char* kTakeRowidsPostgresql =
-    "SELECT nextval(pg_get_serial_sequence('vorn_1', 'rowid')) FROM generate_series(1, $1::int)";
+// The rowid taken last, by any server: the rows a transaction copies in
+// after reading it have greater ones.
+inline constexpr const char* kRowidBeforePostgresql =
+    "SELECT coalesce(pg_sequence_last_value(pg_get_serial_sequence('vorn_1', 'rowid')::regclass), "
+    "0)";
 
-// Binary COPY of a commit's rows with the rowids taken for them, and of
-// their identities; a known identity fails the latter (unique_violation).
+// Binary COPY of a commit's rows, and of their identities; a known identity
+// fails the latter (unique_violation).
 inline constexpr const char* kCopyResultsPostgresql =
-    "COPY vorn_1 (rowid, Provider, Hostname, num_nodes, node_names, Exit_status, Timestamp, "
-    "Duration, Encoding, Stdout_size, STDOUT, Stderr_size, STDERR, OptionID, version) "
+    "COPY vorn_1 (Provider, Hostname, num_nodes, node_names, Exit_status, Timestamp, Duration, "
+    "Encoding, Stdout_size, STDOUT, Stderr_size, STDERR, OptionID, version) "
     "FROM STDIN (FORMAT binary)";
-inline constexpr int kCopyResultsColumns = 15;
+inline constexpr int kCopyResultsColumns = 14;
 inline constexpr const char* kCopyIdentitiesPostgresql =
     "COPY vorn_result_ids (end_seconds, hash) FROM STDIN (FORMAT binary)";
 
@@ -126,13 +128,14 @@ inline constexpr const char* kFindStoredPostgresql =
     "SELECT p.end_seconds, p.hash FROM vorn_probe p JOIN vorn_result_ids i "
     "ON i.end_seconds = p.end_seconds AND i.hash = p.hash";
 
-// kUpsertLatest for a commit's rows at once, as arrays $1 providers, $2
-// hosts, $3 option sets, $4 rowids; keys in order, so that two servers
-// updating the same ones wait for each other instead of deadlocking.
-inline constexpr const char* kUpsertLatestRowsPostgresql =
+// Brings vorn_latest up to the rows after rowid $1 that the transaction
+// sees: its own, and others committed meanwhile (which is as right). Keys in
+// order, so that two servers updating the same ones wait for each other
+// instead of deadlocking.
+inline constexpr const char* kUpsertLatestSincePostgresql =
     "INSERT INTO vorn_latest (Provider, Hostname, OptionID, last_rowid) "
-    "SELECT p, h, o, max(id) FROM unnest($1::text[], $2::text[], $3::text[], $4::bigint[]) "
-    "AS k(p, h, o, id) GROUP BY 1, 2, 3 ORDER BY 1, 2, 3 "
+    "SELECT coalesce(Provider, ''), coalesce(Hostname, ''), coalesce(OptionID, ''), max(rowid) "
+    "FROM vorn_1 WHERE rowid > $1::bigint GROUP BY 1, 2, 3 ORDER BY 1, 2, 3 "
     "ON CONFLICT (Provider, Hostname, OptionID) DO UPDATE SET last_rowid = excluded.last_rowid "
     "WHERE excluded.last_rowid > vorn_latest.last_rowid";
 

@@ -327,7 +327,7 @@ TEST_F(PostgresqlStoreTest, TwoServersIntoOneDatabase) {
             std::to_string(2 * kEach + kThroughBoth));
   EXPECT_EQ(sql(kWrongLatest), "0");
   // The later of two commits holding the same result found it stored.
-  EXPECT_EQ(
+  EXPECT_GE(
       occurrences(servers[0]->err() + servers[1]->err(), "received again were stored already"), 1);
   for (auto& server : servers) {
     server->send_signal(SIGTERM);
