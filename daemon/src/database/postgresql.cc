@@ -163,11 +163,24 @@ bool postgresql::connect() {
     return true;
   }
   refused_for_good_ = false;
-  // Later keywords win: what the url says overrides these defaults.
-  const char* keywords[] = {"connect_timeout", "fallback_application_name", "client_encoding",
-                            "dbname", nullptr};
-  const char* values[] = {"10", "vorn-serverd", "UTF8", config_.database_url.c_str(), nullptr};
-  pq_connection connection(PQconnectdbParams(keywords, values, 1));
+  // Later keywords win: what the url says overrides these defaults. A
+  // server that vanished without a word (a partition, a power cut) is noticed
+  // by TCP keepalives within about a minute, not the system's two hours.
+  std::vector<const char*> keywords = {
+      "connect_timeout",     "fallback_application_name", "client_encoding", "keepalives_idle",
+      "keepalives_interval", "keepalives_count",          "dbname"};
+  std::vector<const char*> values = {
+      "10", "vorn-serverd", "UTF8", "30", "10", "3", config_.database_url.c_str()};
+  // A stopping server waits for a connection no longer than it has left.
+  std::string timeout;
+  if (int64_t give_up_at = give_up_at_.load(std::memory_order_relaxed); give_up_at > 0) {
+    timeout = std::to_string(std::max<int64_t>(2, (give_up_at - zclock_mono()) / 1000));
+    keywords.push_back("connect_timeout");
+    values.push_back(timeout.c_str());
+  }
+  keywords.push_back(nullptr);
+  values.push_back(nullptr);
+  pq_connection connection(PQconnectdbParams(keywords.data(), values.data(), 1));
   if (!connection) {
     last_error_ = "cannot connect to PostgreSQL: out of memory";
     return false;

@@ -43,6 +43,7 @@
 #include <libpq-fe.h>
 
 #include <array>
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -82,6 +83,9 @@ class postgresql : public database {
   commit_result flush() override;
   std::string last_error() const override { return last_error_; }
   uint64_t found_stored_at_commit() const override { return found_stored_; }
+  void give_up_waiting_at(int64_t mono_ms) override {
+    give_up_at_.store(mono_ms, std::memory_order_relaxed);
+  }
 
   // Connects and creates the tables unless connected; false with
   // last_error() when it cannot.
@@ -148,6 +152,7 @@ class postgresql : public database {
   bool refused_for_good_ = false;
   uint64_t found_stored_ = 0;
   int64_t rowid_before_ = 0;
+  std::atomic<int64_t> give_up_at_{0};
   int64_t last_forget_ms_ = 0;
   int64_t stored_since_forget_ = 0;
 };

@@ -213,11 +213,14 @@ TEST_F(PostgresqlStoreTest, SameRowsAsSqlite) {
   EXPECT_EQ(server->wait_exit(), 0);
 }
 
-// A PUB_ACK answered after 5,000 results: all of them are committed.
+// A PUB_ACK answered after 5,000 results: all of them are committed, with
+// their identities; identities stored more than a day ago are forgotten.
 TEST_F(PostgresqlStoreTest, EchoAfterResultsFindsThemCommitted) {
   constexpr int kResults = 5000;
   auto server = start(VORN_SERVERD_PATH, config(port_));
   ASSERT_TRUE(server->wait_for_err(kReady));
+  sql("INSERT INTO vorn_result_ids (end_seconds, hash, stored_at) SELECT n, 'old', "
+      "extract(epoch FROM now())::bigint - n * 3600 FROM (VALUES (23), (25), (48)) AS v(n)");
   auto publisher = connect_sender(port_);
   provider_result r = vorn::test::sample_result("echo", std::string(1024, 'e'));
   for (int i = 0; i < kResults; ++i) {
@@ -227,6 +230,9 @@ TEST_F(PostgresqlStoreTest, EchoAfterResultsFindsThemCommitted) {
   ASSERT_TRUE(request_pub_ack(publisher.get(), sender_config_, "127.0.0.1", 60000));
   EXPECT_EQ(count(), kResults);
   EXPECT_EQ(sql("SELECT count(DISTINCT Timestamp) FROM vorn_1"), std::to_string(kResults));
+  EXPECT_EQ(sql("SELECT count(*) FROM vorn_result_ids WHERE hash <> 'old'"),
+            std::to_string(kResults));
+  EXPECT_EQ(sql("SELECT end_seconds FROM vorn_result_ids WHERE hash = 'old'"), "23");
   server->send_signal(SIGTERM);
   EXPECT_EQ(server->wait_exit(), 0);
 }
