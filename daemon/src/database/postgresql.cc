@@ -259,8 +259,10 @@ void postgresql::clear_rows() {
 
 write_status postgresql::write(const result_view& record, const result_identity* known) {
   // Rows are only buffered here, but while there is no server to take them
-  // the writer should wait rather than buffer them again and again.
+  // the writer should wait rather than buffer them again and again. Retry
+  // means every row since the last commit comes again.
   if (!connect()) {
+    clear_rows();
     return write_status::retry;
   }
   const result_header& h = record.header;
