@@ -227,6 +227,7 @@ void read_keys(const vorn::xml::ConfigurationReader& keys, daemon_config& config
   if (auto v = read_path(keys, "database_file", "Multiple database_file elements in '")) {
     config.database_file = *v;
   }
+  // Not expanded: a connection string may hold '$' or '~' of its own.
   if (auto v = keys.text("database_url", "Multiple database_url elements in '")) {
     config.database_url = *v;
   }

@@ -63,7 +63,8 @@ struct daemon_config {
   std::string network_partition = "vorn3";
   database_backend_kind database_backend = database_backend_kind::sqlite3;
   std::string database_file = default_database_file();
-  // The PostgreSQL backend's libpq connection string or URI.
+  // With the postgresql backend: a libpq connection string or URI. Checked
+  // when the store opens; passwords come from ~/.pgpass or PGPASSWORD.
   std::string database_url;
   std::string database_vfs = "unix-dotfile";
   int32_t database_busy_timeout_ms = 60000;

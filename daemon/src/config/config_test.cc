@@ -53,7 +53,9 @@ TEST(ReadConfigTest, EveryKeyFirstElementWins) {
       {"curve_clients_dir", "/srv/keys", FIELD(curve_clients_dir)},
       {"curve_server_certificate", "/srv/s.cert", FIELD(curve_server_certificate)},
       {"database_backend", "sqlite3", FIELD(database_backend), "1"},
+      {"database_backend", "postgresql", FIELD(database_backend), "2"},
       {"database_file", "/srv/db/v.db", FIELD(database_file)},
+      {"database_url", "postgresql://vorn@db1/$x", FIELD(database_url)},  // not expanded
       {"enable_adhoc_clusters", "false", FIELD(enable_adhoc_clusters)},
       {"enable_discovery", "false", FIELD(enable_discovery)},
       {"drain_timeout", "0", FIELD(drain_timeout)},

@@ -20,8 +20,10 @@
 #include <thread>
 
 #include "daemon/src/database/retention.h"
+#include "daemon/src/database/postgresql.h"
 #include "daemon/src/database/schema.h"
 #include "daemon/src/database/sqlite_identities.h"
+#include "daemon/src/database/stored_outputs.h"
 #include "util/czmq.h"
 #include "util/fs.h"
 #include "util/log.h"
@@ -35,42 +37,6 @@ constexpr const char* kInsert =
     "INSERT INTO vorn_1 (Provider, Hostname, num_nodes, node_names, Exit_status, Timestamp, "
     "Duration, Encoding, Stdout_size, STDOUT, Stderr_size,STDERR, OptionID, version) values "
     "($0, $1, $2, $3, $4, $5, $6, $7, $8, $9, $10, $11, $12, $13)";
-
-// Base64 as providers print it, without its line breaks and blanks; false
-// when a character is neither base64 nor white space.
-bool compact_base64(std::string_view text, std::string* compact) {
-  compact->reserve(text.size());
-  for (unsigned char c : text) {
-    if (std::isalnum(c) || c == '+' || c == '/' || c == '=') {
-      compact->push_back(static_cast<char>(c));
-    } else if (!std::isspace(c)) {
-      return false;
-    }
-  }
-  return true;
-}
-
-// Decodes base64 text; text that is not base64 is kept as it is, with a warning,
-// so that nothing a provider sent is lost.
-std::string decode_base64(std::string_view text, const char* stream, const char* provider) {
-  std::string compact;
-  if (!compact_base64(text, &compact)) {
-    VORN_LOG(4) << "The " << stream << " of data provider '" << vorn::str::printable(provider)
-                << "' is marked base64 but is not; storing it as received";
-    return std::string(text);
-  }
-  zarmour_t* armour = zarmour_new();
-  zchunk_t* chunk = zarmour_decode(armour, compact.c_str());
-  zarmour_destroy(&armour);
-  if (chunk == nullptr) {
-    return std::string(text);
-  }
-  // The decoded chunk carries a terminating NUL of its own.
-  size_t size = zchunk_size(chunk) > 0 ? zchunk_size(chunk) - 1 : 0;
-  std::string out(reinterpret_cast<const char*>(zchunk_data(chunk)), size);
-  zchunk_destroy(&chunk);
-  return out;
-}
 
 storix1::Owned<storix1::Connection> connect(const daemon_config& config) {
   storix1::Connection* raw = nullptr;
@@ -612,20 +578,12 @@ write_status sqlite::write(const result_view& record, const result_identity* kno
   storix1::Owned<storix1::DataWriter> writer(raw);
   const result_header& h = record.header;
 
-  std::string decoded_out;
-  std::string decoded_err;
-  const char* out = record.stdout_data.data();
-  const char* err = record.stderr_data.data();
-  int64_t out_size = static_cast<int64_t>(record.stdout_data.size());
-  int64_t err_size = static_cast<int64_t>(record.stderr_data.size());
-  if (h.encoding == 1) {
-    decoded_out = decode_base64(record.stdout_data, "standard output", h.name);
-    decoded_err = decode_base64(record.stderr_data, "standard error", h.name);
-    out = decoded_out.data();
-    err = decoded_err.data();
-    out_size = static_cast<int64_t>(decoded_out.size());
-    err_size = static_cast<int64_t>(decoded_err.size());
-  }
+  stored_outputs outputs;
+  outputs_to_store(record, &outputs);
+  const char* out = outputs.out.data();
+  const char* err = outputs.err.data();
+  int64_t out_size = static_cast<int64_t>(outputs.out.size());
+  int64_t err_size = static_cast<int64_t>(outputs.err.size());
 
   const char* provider = h.name;
   const char* hostname = h.hostname;
@@ -706,6 +664,9 @@ write_status sqlite::write(const result_view& record, const result_identity* kno
 }
 
 std::unique_ptr<database> open_database(const daemon_config* config) {
+  if (config != nullptr && config->database_backend == database_backend_kind::postgresql) {
+    return open_postgresql(*config);
+  }
   if (config == nullptr || config->database_backend != database_backend_kind::sqlite3) {
     return nullptr;
   }

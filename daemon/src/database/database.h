@@ -112,6 +112,10 @@ class database {
   // Commits every result written so far.
   virtual commit_result flush() { return commit_result::committed; }
 
+  // Of the results write() took as written, how many the last committing
+  // flush found stored already (by another server, meanwhile) and left out.
+  virtual uint64_t found_stored_at_commit() const { return 0; }
+
   // Why the last write or flush did not succeed.
   virtual std::string last_error() const { return {}; }
 

@@ -127,6 +127,79 @@ inline constexpr const char* kForgetExpiredLatest =
 inline constexpr const char* kDeleteExpired = "DELETE FROM vorn_1 WHERE " VORN_EXPIRED_IN_WINDOW;
 
 #undef VORN_EXPIRED_IN_WINDOW
+// The PostgreSQL store's own tables and statements (postgresql.h says why
+// they are shaped so).
+
+// Identities of stored results (result_identity.h), with the Unix seconds at
+// which each was stored; the end time leads the key so that new identities go
+// next to recent ones.
+inline constexpr const char* kCreateIdentitiesPostgresql =
+    "CREATE TABLE IF NOT EXISTS vorn_result_ids (end_seconds bigint NOT NULL, hash bytea NOT "
+    "NULL, stored_at bigint NOT NULL DEFAULT (extract(epoch FROM now())::bigint), "
+    "PRIMARY KEY (end_seconds, hash))";
+inline constexpr const char* kCreateIdentitiesByAgePostgresql =
+    "CREATE INDEX IF NOT EXISTS vorn_result_ids_by_age ON vorn_result_ids (stored_at)";
+
+// The rowid taken last, by any server: the rows a transaction copies in
+// after reading it have greater ones.
+inline constexpr const char* kRowidBeforePostgresql =
+    "SELECT coalesce(pg_sequence_last_value(pg_get_serial_sequence('vorn_1', 'rowid')::regclass), "
+    "0)";
+
+// Binary COPY of a commit's rows, and of their identities; a known identity
+// fails the latter (unique_violation).
+inline constexpr const char* kCopyResultsPostgresql =
+    "COPY vorn_1 (Provider, Hostname, num_nodes, node_names, Exit_status, Timestamp, Duration, "
+    "Encoding, Stdout_size, STDOUT, Stderr_size, STDERR, OptionID, version) "
+    "FROM STDIN (FORMAT binary)";
+inline constexpr int kCopyResultsColumns = 14;
+inline constexpr const char* kCopyIdentitiesPostgresql =
+    "COPY vorn_result_ids (end_seconds, hash) FROM STDIN (FORMAT binary)";
+
+// Which of a commit's identities are stored already: they are copied into
+// vorn_probe and looked up.
+inline constexpr const char* kCreateProbePostgresql =
+    "CREATE TEMPORARY TABLE IF NOT EXISTS vorn_probe (end_seconds bigint, hash bytea) "
+    "ON COMMIT DELETE ROWS";
+inline constexpr const char* kCopyProbePostgresql =
+    "COPY vorn_probe (end_seconds, hash) FROM STDIN (FORMAT binary)";
+inline constexpr const char* kFindStoredPostgresql =
+    "SELECT p.end_seconds, p.hash FROM vorn_probe p JOIN vorn_result_ids i "
+    "ON i.end_seconds = p.end_seconds AND i.hash = p.hash";
+
+// Brings vorn_latest up to the rows after rowid $1 that the transaction
+// sees: its own, and others committed meanwhile (which is as right). Keys in
+// order, so that two servers updating the same ones wait for each other
+// instead of deadlocking.
+inline constexpr const char* kUpsertLatestSincePostgresql =
+    "INSERT INTO vorn_latest (Provider, Hostname, OptionID, last_rowid) "
+    "SELECT coalesce(Provider, ''), coalesce(Hostname, ''), coalesce(OptionID, ''), max(rowid) "
+    "FROM vorn_1 WHERE rowid > $1::bigint GROUP BY 1, 2, 3 ORDER BY 1, 2, 3 "
+    "ON CONFLICT (Provider, Hostname, OptionID) DO UPDATE SET last_rowid = excluded.last_rowid "
+    "WHERE excluded.last_rowid > vorn_latest.last_rowid";
+
+// vorn_1's columns as PostgreSQL describes them, for checking a table found
+// in place: "name type,name type,...".
+inline constexpr const char* kResultsLayoutPostgresql =
+    "SELECT string_agg(attname || ' ' || format_type(atttypid, atttypmod), ',' ORDER BY attnum) "
+    "FROM pg_attribute WHERE attrelid = 'vorn_1'::regclass AND attnum > 0 AND NOT attisdropped";
+inline constexpr const char* kResultsLayout =
+    "rowid bigint,row_timestamp bigint,provider text,hostname text,num_nodes integer,"
+    "node_names text,exit_status integer,timestamp bigint,duration double precision,"
+    "encoding integer,stdout_size bigint,stdout bytea,stderr_size bigint,stderr bytea,"
+    "optionid text,version integer";
+
+// Forgets up to $2 identities stored more than $1 seconds ago by the
+// database's clock, oldest first; ones another server is forgetting just now
+// are left to it.
+inline constexpr const char* kForgetIdentitiesPostgresql =
+    "DELETE FROM vorn_result_ids WHERE ctid = ANY (ARRAY (SELECT ctid FROM vorn_result_ids "
+    "WHERE stored_at < extract(epoch FROM now())::bigint - $1::bigint ORDER BY stored_at "
+    "LIMIT $2::bigint FOR UPDATE SKIP LOCKED))";
+
+// Held while a server creates the tables, so that servers starting together
+// do not trip over each other's CREATE.
+inline constexpr const char* kLockForSetUpPostgresql = "SELECT pg_advisory_xact_lock(4097001974)";
 
 // `sql` with every ?N parameter written as $N, PostgreSQL's way. Statements
 // here hold no ? inside string literals.

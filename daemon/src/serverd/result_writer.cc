@@ -197,6 +197,10 @@ void result_writer::commit(std::unique_lock<std::mutex>& lock) {
                 << " s; the results kept meanwhile are stored";
   }
   if (result == commit_result::committed) {
+    uint64_t late =
+        std::min(store_ != nullptr ? store_->found_stored_at_commit() : 0, uncommitted_stored_);
+    uncommitted_stored_ -= late;
+    uncommitted_duplicates_ += late;
     health.results_stored.fetch_add(uncommitted_stored_, std::memory_order_relaxed);
     health.duplicates_dropped.fetch_add(uncommitted_duplicates_, std::memory_order_relaxed);
     report_duplicates(uncommitted_duplicates_);

@@ -93,7 +93,8 @@ int serverd_main(int argc, char** argv) {
   }
 
   std::string database_directory = vorn::str::dirname(config.database_file);
-  if (!vorn::fs::make_path(database_directory)) {
+  if (config.database_backend == database_backend_kind::sqlite3 &&
+      !vorn::fs::make_path(database_directory)) {
     VORN_LOG(3) << "Could not create database output directory '" << database_directory
                 << "', aborting";
     return 1;

@@ -1,0 +1,611 @@
+#include "daemon/src/database/postgresql.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <set>
+#include <string_view>
+
+#include "daemon/src/database/schema.h"
+#include "daemon/src/database/stored_outputs.h"
+#include "util/czmq.h"
+#include "util/log.h"
+#include "util/str.h"
+
+namespace {
+
+constexpr const char* kLogSource = "daemon/src/database";
+
+// libpq's messages end in a newline and may span lines; the log wants one.
+std::string one_line(const char* message) {
+  std::string text = message != nullptr ? message : "";
+  for (char& c : text) {
+    if (c == '\n' || c == '\t') {
+      c = ' ';
+    }
+  }
+  while (!text.empty() && text.back() == ' ') {
+    text.pop_back();
+  }
+  std::string squeezed;
+  for (char c : text) {
+    if (!(c == ' ' && !squeezed.empty() && squeezed.back() == ' ')) {
+      squeezed.push_back(c);
+    }
+  }
+  return squeezed;
+}
+
+bool valid_utf8(std::string_view text) {
+  size_t i = 0;
+  while (i < text.size()) {
+    auto c = static_cast<unsigned char>(text[i]);
+    size_t length = c < 0x80           ? 1
+                    : (c >> 5) == 0x6  ? 2
+                    : (c >> 4) == 0xe  ? 3
+                    : (c >> 3) == 0x1e ? 4
+                                       : 0;
+    if (length == 0 || i + length > text.size()) {
+      return false;
+    }
+    uint32_t code = length == 1 ? c : c & (0x7f >> length);
+    for (size_t k = 1; k < length; ++k) {
+      auto next = static_cast<unsigned char>(text[i + k]);
+      if ((next & 0xc0) != 0x80) {
+        return false;
+      }
+      code = (code << 6) | (next & 0x3f);
+    }
+    // Overlong forms, surrogates and code points past Unicode are not UTF-8.
+    static constexpr uint32_t kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};
+    if (code < kSmallest[length] || (code >= 0xd800 && code <= 0xdfff) || code > 0x10ffff) {
+      return false;
+    }
+    i += length;
+  }
+  return true;
+}
+
+// COPY's binary layout: big-endian integers, each field after its length.
+void put16(std::string& out, uint16_t v) {
+  out.push_back(static_cast<char>(v >> 8));
+  out.push_back(static_cast<char>(v));
+}
+void put32(std::string& out, uint32_t v) {
+  for (int shift = 24; shift >= 0; shift -= 8) {
+    out.push_back(static_cast<char>(v >> shift));
+  }
+}
+void put64(std::string& out, uint64_t v) {
+  for (int shift = 56; shift >= 0; shift -= 8) {
+    out.push_back(static_cast<char>(v >> shift));
+  }
+}
+void field_int32(std::string& out, int32_t v) {
+  put32(out, 4);
+  put32(out, static_cast<uint32_t>(v));
+}
+void field_int64(std::string& out, int64_t v) {
+  put32(out, 8);
+  put64(out, static_cast<uint64_t>(v));
+}
+void field_double(std::string& out, double v) {
+  uint64_t bits = 0;
+  std::memcpy(&bits, &v, sizeof bits);
+  put32(out, 8);
+  put64(out, bits);
+}
+void field_bytes(std::string& out, std::string_view bytes) {
+  put32(out, static_cast<uint32_t>(bytes.size()));
+  out.append(bytes);
+}
+
+constexpr char kCopyHeader[] = "PGCOPY\n\377\r\n\0\0\0\0\0\0\0\0\0";  // signature, flags, extension
+constexpr size_t kCopyHeaderSize = 19;
+constexpr char kCopyTrailer[] = "\377\377";
+
+// SQLSTATE classes of failures that name no row: the rows are kept and
+// written again. Anything unknown is kept too; losing a row needs a reason.
+bool refuses_a_value(const PGresult* result) {
+  const char* state = result != nullptr ? PQresultErrorField(result, PG_DIAG_SQLSTATE) : nullptr;
+  if (state == nullptr) {
+    return false;
+  }
+  // 22: data exception (a text the database encoding cannot hold, a value
+  // out of range); 23: a constraint.
+  return std::strncmp(state, "22", 2) == 0 || std::strncmp(state, "23", 2) == 0;
+}
+
+// A server that answered a connection and said no for a reason that
+// waiting does not mend. libpq gives no code for these, only its text.
+bool connection_refused_for_good(PGconn* connection) {
+  if (PQconnectionNeedsPassword(connection)) {
+    return true;
+  }
+  std::string message = PQerrorMessage(connection);
+  for (const char* reason : {"authentication failed", "does not exist", "no pg_hba.conf entry",
+                             "password is required", "invalid"}) {
+    if (message.find(reason) != std::string::npos) {
+      return true;
+    }
+  }
+  return false;
+}
+
+void ignore_notice(void*, const char*) {}
+
+}  // namespace
+
+size_t postgresql::identity_hash::operator()(
+    const std::array<unsigned char, result_identity::kHashSize>& h) const {
+  // The bits of a cryptographic hash are as well spread as any.
+  size_t v = 0;
+  std::memcpy(&v, h.data(), sizeof v);
+  return v;
+}
+
+postgresql::postgresql(const daemon_config& config, bool exactly_once)
+    : config_(config), exactly_once_(exactly_once) {}
+
+postgresql::~postgresql() {
+  if (rows_.empty()) {
+    return;
+  }
+  commit_result result = flush();
+  if (result != commit_result::committed) {
+    VORN_LOG(1) << "Database unavailable at shutdown (" << last_error_ << "). Stored results lost!";
+  }
+}
+
+bool postgresql::connect() {
+  if (connection_) {
+    return true;
+  }
+  refused_for_good_ = false;
+  // Later keywords win: what the url says overrides these defaults. A
+  // server that vanished without a word (a partition, a power cut) is noticed
+  // by TCP keepalives within about a minute, not the system's two hours.
+  std::vector<const char*> keywords = {
+      "connect_timeout",     "fallback_application_name", "client_encoding", "keepalives_idle",
+      "keepalives_interval", "keepalives_count",          "dbname"};
+  std::vector<const char*> values = {
+      "10", "vorn-serverd", "UTF8", "30", "10", "3", config_.database_url.c_str()};
+  // A stopping server waits for a connection no longer than it has left.
+  std::string timeout;
+  if (int64_t give_up_at = give_up_at_.load(std::memory_order_relaxed); give_up_at > 0) {
+    timeout = std::to_string(std::max<int64_t>(2, (give_up_at - zclock_mono()) / 1000));
+    keywords.push_back("connect_timeout");
+    values.push_back(timeout.c_str());
+  }
+  keywords.push_back(nullptr);
+  values.push_back(nullptr);
+  pq_connection connection(PQconnectdbParams(keywords.data(), values.data(), 1));
+  if (!connection) {
+    last_error_ = "cannot connect to PostgreSQL: out of memory";
+    return false;
+  }
+  // Notices ("relation already exists, skipping") are no news.
+  PQsetNoticeProcessor(connection.get(), ignore_notice, nullptr);
+  if (PQstatus(connection.get()) != CONNECTION_OK) {
+    last_error_ = "cannot connect to PostgreSQL: " + one_line(PQerrorMessage(connection.get()));
+    refused_for_good_ = connection_refused_for_good(connection.get());
+    return false;
+  }
+  connection_ = std::move(connection);
+  std::string set_up = std::string("BEGIN; ") + vorn::schema::kLockForSetUpPostgresql + "; " +
+                       vorn::schema::kCreateResultsPostgresql + "; " +
+                       vorn::schema::kCreateLatestPostgresql + "; ";
+  if (exactly_once_) {
+    set_up += std::string(vorn::schema::kCreateIdentitiesPostgresql) + "; " +
+              vorn::schema::kCreateIdentitiesByAgePostgresql + "; ";
+  }
+  set_up += "COMMIT";
+  pq_result layout;
+  if (!command(set_up.c_str(), "creating the tables") ||
+      !check(pq_result(PQexec(connection_.get(), vorn::schema::kResultsLayoutPostgresql)),
+             "reading the columns of vorn_1", &layout)) {
+    // Not allowed to create or read them: an administrator's business.
+    refused_for_good_ = sqlstate_.compare(0, 2, "42") == 0;
+    connection_.reset();
+    return false;
+  }
+  std::string columns = PQgetvalue(layout.get(), 0, 0);
+  if (columns != vorn::schema::kResultsLayout) {
+    last_error_ = "table vorn_1 has the columns (" + columns +
+                  "), not the ones the server writes (" + vorn::schema::kResultsLayout + ")";
+    refused_for_good_ = true;
+    connection_.reset();
+    return false;
+  }
+  // Rows that reached vorn_1 without a server (a hand-made insert) are
+  // summarised here.
+  if (!command(vorn::schema::kCatchUp, "bringing vorn_latest up to date") ||
+      (exactly_once_ &&
+       !command(vorn::schema::kCreateProbePostgresql, "creating a temporary table"))) {
+    connection_.reset();
+    return false;
+  }
+  return true;
+}
+
+bool postgresql::check(pq_result result, const char* what, pq_result* out) {
+  ExecStatusType status = result ? PQresultStatus(result.get()) : PGRES_FATAL_ERROR;
+  if (status == PGRES_COMMAND_OK || status == PGRES_TUPLES_OK) {
+    if (out != nullptr) {
+      *out = std::move(result);
+    }
+    failure_ = failure::none;
+    return true;
+  }
+  const char* message =
+      result ? PQresultErrorMessage(result.get()) : PQerrorMessage(connection_.get());
+  last_error_ = std::string(what) + ": " + one_line(message);
+  failure_ = refuses_a_value(result.get()) ? failure::refused : failure::may_pass;
+  const char* state = result ? PQresultErrorField(result.get(), PG_DIAG_SQLSTATE) : nullptr;
+  sqlstate_ = state != nullptr ? state : "";
+  return false;
+}
+
+bool postgresql::command(const char* sql, const char* what) {
+  return check(pq_result(PQexec(connection_.get(), sql)), what);
+}
+
+void postgresql::clear_rows() {
+  copy_.clear();
+  rows_.clear();
+  identities_.clear();
+}
+
+write_status postgresql::write(const result_view& record, const result_identity* known) {
+  // Rows are only buffered here, but while there is no server to take them
+  // the writer should wait rather than buffer them again and again. Retry
+  // means every row since the last commit comes again.
+  if (!connect()) {
+    clear_rows();
+    return write_status::retry;
+  }
+  const result_header& h = record.header;
+  staged_row row;
+  if (exactly_once_) {
+    row.identity = known != nullptr ? *known : identify(record);
+    if (!identities_.insert(row.identity.hash).second) {
+      return write_status::duplicate;
+    }
+  }
+  for (auto [text, name] :
+       {std::pair{h.name, "provider name"}, std::pair{h.hostname, "host name"},
+        std::pair{record.nodes_csv, "node list"}, std::pair{h.option_id, "option set"}}) {
+    if (!valid_utf8(text)) {
+      last_error_ =
+          std::string("its ") + name + " is not UTF-8, which PostgreSQL cannot store as text";
+      VORN_LOG(3) << "Database insertion error: " << last_error_;
+      identities_.erase(row.identity.hash);
+      return write_status::refused;
+    }
+  }
+  stored_outputs outputs;
+  outputs_to_store(record, &outputs);
+
+  row.begin = copy_.size();
+  put16(copy_, vorn::schema::kCopyResultsColumns);
+  field_bytes(copy_, h.name);
+  field_bytes(copy_, h.hostname);
+  field_int32(copy_, h.num_nodes);
+  field_bytes(copy_, record.nodes_csv);
+  field_int32(copy_, h.exit_status);
+  // As SQLite has it: the seconds as a 32-bit integer.
+  field_int64(copy_, static_cast<int32_t>(h.timestamp.tv_sec));
+  field_double(copy_, h.duration);
+  field_int32(copy_, h.encoding);
+  field_int64(copy_, static_cast<int64_t>(outputs.out.size()));
+  field_bytes(copy_, outputs.out);
+  field_int64(copy_, static_cast<int64_t>(outputs.err.size()));
+  field_bytes(copy_, outputs.err);
+  field_bytes(copy_, h.option_id);
+  field_int32(copy_, h.version);
+  row.end = copy_.size();
+  row.provider = h.name;
+  row.host = h.hostname;
+  rows_.push_back(std::move(row));
+  return write_status::written;
+}
+
+bool postgresql::copy_in(const char* sql, const char* what,
+                         const std::vector<std::string_view>& pieces) {
+  PGconn* connection = connection_.get();
+  pq_result started(PQexec(connection, sql));
+  if (!started || PQresultStatus(started.get()) != PGRES_COPY_IN) {
+    return check(std::move(started), what);
+  }
+  // PQputCopyData takes an int: large pieces go in parts.
+  constexpr size_t kPart = size_t{1} << 26;
+  bool sent = PQputCopyData(connection, kCopyHeader, kCopyHeaderSize) == 1;
+  for (std::string_view piece : pieces) {
+    for (size_t at = 0; sent && at < piece.size(); at += kPart) {
+      size_t part = std::min(kPart, piece.size() - at);
+      sent = PQputCopyData(connection, piece.data() + at, static_cast<int>(part)) == 1;
+    }
+  }
+  sent = sent && PQputCopyData(connection, kCopyTrailer, 2) == 1;
+  if (PQputCopyEnd(connection, sent ? nullptr : "not sent whole") != 1) {
+    last_error_ = std::string(what) + ": " + one_line(PQerrorMessage(connection));
+    failure_ = failure::may_pass;
+    return false;
+  }
+  bool copied = check(pq_result(PQgetResult(connection)), what);
+  while (PGresult* more = PQgetResult(connection)) {
+    PQclear(more);
+  }
+  return copied;
+}
+
+bool postgresql::begin() {
+  std::string sql = std::string("BEGIN; ") + vorn::schema::kRowidBeforePostgresql;
+  pq_result before;
+  if (!check(pq_result(PQexec(connection_.get(), sql.c_str())), "begin", &before)) {
+    return false;
+  }
+  rowid_before_ = std::strtoll(PQgetvalue(before.get(), 0, 0), nullptr, 10);
+  return true;
+}
+
+bool postgresql::copy_identities(const std::vector<size_t>& batch, const char* sql) {
+  // In key order, so that two servers adding the same ones wait for each
+  // other instead of deadlocking.
+  std::vector<const result_identity*> sorted;
+  for (size_t i : batch) {
+    sorted.push_back(&rows_[i].identity);
+  }
+  std::sort(sorted.begin(), sorted.end(), [](const result_identity* a, const result_identity* b) {
+    return a->end_seconds != b->end_seconds ? a->end_seconds < b->end_seconds : a->hash < b->hash;
+  });
+  std::string tuples;
+  for (const result_identity* identity : sorted) {
+    put16(tuples, 2);
+    field_int64(tuples, identity->end_seconds);
+    field_bytes(tuples, std::string_view(reinterpret_cast<const char*>(identity->hash.data()),
+                                         identity->hash.size()));
+  }
+  if (copy_in(sql, "remembering stored results", {tuples})) {
+    return true;
+  }
+  if (sqlstate_ == "23505") {
+    failure_ = failure::known;
+  }
+  return false;
+}
+
+bool postgresql::copy_results(const std::vector<size_t>& batch) {
+  // Rows next to each other in the buffer go as one piece.
+  std::vector<std::string_view> pieces;
+  size_t begin = 0;
+  size_t end = 0;
+  for (size_t i : batch) {
+    if (rows_[i].begin != end) {
+      if (end > begin) {
+        pieces.emplace_back(copy_.data() + begin, end - begin);
+      }
+      begin = rows_[i].begin;
+    }
+    end = rows_[i].end;
+  }
+  pieces.emplace_back(copy_.data() + begin, end - begin);
+  return copy_in(vorn::schema::kCopyResultsPostgresql, "insert", pieces);
+}
+
+bool postgresql::update_latest() {
+  std::string before = std::to_string(rowid_before_);
+  const char* values[] = {before.c_str()};
+  return check(pq_result(PQexecParams(connection_.get(), vorn::schema::kUpsertLatestSincePostgresql,
+                                      1, nullptr, values, nullptr, nullptr, 0)),
+               "updating vorn_latest");
+}
+
+bool postgresql::store(const std::vector<size_t>& batch) {
+  return (!exactly_once_ || copy_identities(batch, vorn::schema::kCopyIdentitiesPostgresql)) &&
+         copy_results(batch);
+}
+
+bool postgresql::find_stored() {
+  std::vector<size_t> batch = unstored_rows();
+  pq_result found;
+  if (!command("BEGIN", "begin") || !copy_identities(batch, vorn::schema::kCopyProbePostgresql) ||
+      !check(pq_result(PQexecParams(connection_.get(), vorn::schema::kFindStoredPostgresql, 0,
+                                    nullptr, nullptr, nullptr, nullptr, 1)),
+             "looking up stored results", &found) ||
+      !command("COMMIT", "commit")) {
+    return false;
+  }
+  std::set<std::pair<int64_t, std::string>> stored;
+  for (int i = 0; i < PQntuples(found.get()); ++i) {
+    uint64_t end = 0;
+    for (int k = 0; k < 8; ++k) {
+      end = (end << 8) | static_cast<unsigned char>(PQgetvalue(found.get(), i, 0)[k]);
+    }
+    stored.emplace(static_cast<int64_t>(end),
+                   std::string(PQgetvalue(found.get(), i, 1), PQgetlength(found.get(), i, 1)));
+  }
+  for (size_t i : batch) {
+    const result_identity& identity = rows_[i].identity;
+    std::string hash(reinterpret_cast<const char*>(identity.hash.data()), identity.hash.size());
+    rows_[i].stored_already = stored.count({identity.end_seconds, hash}) > 0;
+  }
+  return true;
+}
+
+bool postgresql::forget_old_identities() {
+  int64_t now = zclock_mono();
+  if (!exactly_once_ || now - last_forget_ms_ < kForgetEveryMs) {
+    return true;
+  }
+  std::string age = std::to_string(kRememberSeconds);
+  std::string limit = std::to_string(std::max(kForgetAtLeast, 2 * stored_since_forget_));
+  const char* values[] = {age.c_str(), limit.c_str()};
+  if (!check(pq_result(PQexecParams(connection_.get(), vorn::schema::kForgetIdentitiesPostgresql, 2,
+                                    nullptr, values, nullptr, nullptr, 0)),
+             "forgetting old results")) {
+    return false;
+  }
+  last_forget_ms_ = now;
+  stored_since_forget_ = 0;
+  return true;
+}
+
+std::vector<size_t> postgresql::unstored_rows() const {
+  std::vector<size_t> batch;
+  for (size_t i = 0; i < rows_.size(); ++i) {
+    if (!rows_[i].stored_already && !rows_[i].lost) {
+      batch.push_back(i);
+    }
+  }
+  return batch;
+}
+
+commit_result postgresql::give_up_transaction() {
+  // A new connection starts clean, and finds a server that restarted or
+  // failed over.
+  connection_.reset();
+  clear_rows();
+  return commit_result::retry;
+}
+
+commit_result postgresql::committed() {
+  found_stored_ = 0;
+  for (const staged_row& row : rows_) {
+    found_stored_ += row.stored_already;
+    stored_since_forget_ += !row.stored_already && !row.lost;
+  }
+  clear_rows();
+  return commit_result::committed;
+}
+
+commit_result postgresql::flush() {
+  found_stored_ = 0;
+  if (rows_.empty()) {
+    return commit_result::committed;
+  }
+  if (!connect()) {
+    clear_rows();
+    return commit_result::retry;
+  }
+  // A result stored already fails the commit: the stored ones are looked up
+  // and left out, and the rest tried again. Each round finds one at least.
+  for (size_t round = 0; round <= rows_.size(); ++round) {
+    std::vector<size_t> batch = unstored_rows();
+    if (batch.empty()) {
+      return committed();
+    }
+    if (begin() && forget_old_identities() && store(batch) && update_latest() &&
+        command("COMMIT", "commit")) {
+      return committed();
+    }
+    if (failure_ == failure::refused) {
+      return store_one_by_one();
+    }
+    if (failure_ != failure::known || !command("ROLLBACK", "rollback") || !find_stored()) {
+      return give_up_transaction();
+    }
+  }
+  return give_up_transaction();
+}
+
+commit_result postgresql::store_one_by_one() {
+  if (!command("ROLLBACK", "rollback") || !begin()) {
+    return give_up_transaction();
+  }
+  for (size_t i : unstored_rows()) {
+    if (!command("SAVEPOINT vorn_row", "savepoint")) {
+      return give_up_transaction();
+    }
+    if (!store({i})) {
+      if (failure_ == failure::known) {
+        rows_[i].stored_already = true;
+      } else if (failure_ == failure::refused) {
+        rows_[i].lost = true;
+        VORN_LOG(1) << "Error writing to database. Data lost! (data provider '"
+                    << vorn::str::printable(rows_[i].provider) << "' from "
+                    << vorn::str::printable(rows_[i].host) << ": " << last_error_ << ")";
+      } else {
+        return give_up_transaction();
+      }
+      if (!command("ROLLBACK TO SAVEPOINT vorn_row", "rollback")) {
+        return give_up_transaction();
+      }
+    }
+    if (!command("RELEASE SAVEPOINT vorn_row", "savepoint")) {
+      return give_up_transaction();
+    }
+  }
+  if (!update_latest() || !command("COMMIT", "commit")) {
+    return give_up_transaction();
+  }
+  return committed();
+}
+
+namespace {
+
+// What in a url may be a password: the value of a password keyword, or what
+// follows the user name in a URI's user information.
+std::vector<std::string> passwords_in(const std::string& url) {
+  std::vector<std::string> found;
+  for (size_t at = url.find("password="); at != std::string::npos;
+       at = url.find("password=", at + 1)) {
+    size_t begin = at + 9;
+    size_t end = url.find_first_of(" &", begin);
+    found.push_back(url.substr(begin, end == std::string::npos ? end : end - begin));
+  }
+  if (size_t scheme = url.find("://"); scheme != std::string::npos) {
+    size_t begin = scheme + 3;
+    std::string authority = url.substr(begin, url.find_first_of("/?", begin) - begin);
+    size_t at = authority.rfind('@');
+    size_t colon = authority.find(':');
+    if (at != std::string::npos && colon < at) {
+      found.push_back(authority.substr(colon + 1, at - colon - 1));
+    }
+  }
+  for (std::string& secret : found) {
+    if (secret.size() >= 2 && (secret.front() == '\'' || secret.front() == '"')) {
+      secret = secret.substr(1, secret.size() - 2);
+    }
+  }
+  return found;
+}
+
+}  // namespace
+
+bool valid_database_url(const std::string& url, std::string* error) {
+  char* message = nullptr;
+  if (PQconninfoOption* options = PQconninfoParse(url.c_str(), &message)) {
+    PQconninfoFree(options);
+    return true;
+  }
+  std::string why = message != nullptr ? one_line(message) : "out of memory";
+  PQfreemem(message);
+  for (const std::string& secret : passwords_in(url)) {
+    for (size_t at; !secret.empty() && (at = why.find(secret)) != std::string::npos;) {
+      why.replace(at, secret.size(), "****");
+    }
+  }
+  *error = "database_url is not a PostgreSQL connection string or URI: " + why;
+  return false;
+}
+
+std::unique_ptr<database> open_postgresql(const daemon_config& config) {
+  std::string error;
+  if (!valid_database_url(config.database_url, &error)) {
+    VORN_LOG(3) << error;
+    return nullptr;
+  }
+  auto store = std::make_unique<postgresql>(config);
+  if (!store->connect()) {
+    if (store->refused_for_good()) {
+      VORN_LOG(3) << "PostgreSQL cannot be used: " << store->last_error();
+      return nullptr;
+    }
+    // In a cluster the database and the collector start in any order.
+    VORN_LOG(4) << "Waiting for PostgreSQL (" << store->last_error()
+                << "); received results are kept until it answers";
+  }
+  return store;
+}
