@@ -241,6 +241,7 @@ class PostgresqlConnection : public Connection {
     return "substr(" + column + ", greatest(length(" + column + ") - " + std::to_string(count - 1) +
            ", 1))";
   }
+  std::string latest_rows() const override { return vorn::schema::kLatestRowsPostgresql; }
 
  private:
   void check_connected() {

@@ -84,6 +84,15 @@ inline constexpr const char* kLatestIds =
     "ids AS (SELECT max(id) AS id FROM keyed "
     "  WHERE (?1 IS NULL OR p = ?1) AND (?2 IS NULL OR h = ?2) GROUP BY p, h, o) ";
 
+// The rows of vorn_1 (as r) that `ids` names, as a FROM clause after
+// kLatestIds. SQLite looks each up by rowid from a join. PostgreSQL cannot
+// know how few ids there are when it plans the join, and would rather merge
+// it with all of vorn_1; handed them as one array, it looks each up in the
+// primary key.
+inline constexpr const char* kLatestRowsSqlite = "ids JOIN vorn_1 r ON r.rowid = ids.id";
+inline constexpr const char* kLatestRowsPostgresql =
+    "vorn_1 r WHERE r.rowid = ANY (ARRAY (SELECT id FROM ids))";
+
 // The same rule for a store without vorn_latest (an older server): slower,
 // the same answer.
 inline constexpr const char* kLatestIdsByScan =
