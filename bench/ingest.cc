@@ -187,6 +187,7 @@ struct ServerRun {
   long peak_rss_kib = 0;
   double cpu_s = 0;               // the server's, from start to stop
   std::vector<double> latencies;  // seconds, when probed
+  double rows_per_commit = 0;     // PostgreSQL's, on average
 };
 
 // The server started by `server` and "-c CONFIG", storing into a fresh
@@ -492,6 +493,11 @@ ServerRun measure_postgresql_servers(const std::string& serverd, const std::vect
     vorn::bench::stop(pid);
   }
   run.lost = total - pg_number(reader.get(), "SELECT count(*) FROM vorn_1");
+  // A commit's rows share their inserting transaction.
+  run.rows_per_commit =
+      static_cast<double>(total - run.lost) /
+      static_cast<double>(
+          std::max(1L, pg_number(reader.get(), "SELECT count(DISTINCT xmin::text) FROM vorn_1")));
   run.stored_per_s = static_cast<double>(last) / elapsed;
   return run;
 }
@@ -544,6 +550,7 @@ long measure_postgresql(const std::string& serverd, const std::string& dir, int 
   const Load half{4, 1024, 100000, 0, 1000, 0};
   Load other = half;
   other.first_host = 1000;
+  std::vector<double> commit_rows;
   std::vector<double> pg, copy, sqlite_rates, pair, pg_ratio, sqlite_ratio, pair_ratio;
   long lost = 0;
   for (int i = 0; i < runs; ++i) {
@@ -551,6 +558,7 @@ long measure_postgresql(const std::string& serverd, const std::string& dir, int 
     ServerRun run = measure_postgresql_servers(serverd, {one}, dir, url);
     copy.push_back(measure_postgresql_copy(url));
     pg.push_back(run.stored_per_s);
+    commit_rows.push_back(run.rows_per_commit);
     ServerRun two = measure_postgresql_servers(serverd, {half, other}, dir,
                                                postgres->url(postgres->create_database()));
     pair.push_back(two.stored_per_s);
@@ -566,6 +574,7 @@ long measure_postgresql(const std::string& serverd, const std::string& dir, int 
       "hosts, %d runs:\n",
       runs);
   print_values("PostgreSQL stored/s", pg);
+  print_values("rows per commit", commit_rows);
   print_values("its own COPY/s", copy);
   print_values("stored/COPY, percent", pg_ratio);
   print_values("SQLite stored/s", sqlite_rates);
