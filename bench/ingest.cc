@@ -3,13 +3,21 @@
 // insert of the same rows achieve on this machine in the same run. The
 // machine is shared, so the ratios are the figures to compare across runs.
 //
-//   ingest [-q] [-r RUNS] [-s SENDERS] [-o OUTPUT_BYTES] [-b PATH_TO_VORN_SERVERD]
+//   ingest [-q] [-p] [-r RUNS] [-s SENDERS] [-o OUTPUT_BYTES] [-b PATH_TO_VORN_SERVERD]
 //
 // The main row (4 senders, 1 KiB unless -s and -o say otherwise) is measured
 // RUNS times (default 5), each time also with CURVE (a key per sender), for
 // the cost of authentication and encryption, and with the server's store with
 // and without exactly-once, for the cost of recognising results sent again;
 // -q measures only that row.
+//
+// Then vorn-serverd storing into a private PostgreSQL server (when built
+// with the tests' helper for it): 4 senders x 1 KiB from 1,000 hosts, so that
+// nearly every row of a commit is the newest of its key, against
+// PostgreSQL's own binary COPY of the rows it stored, in one statement, and
+// against SQLite in the same run; and two servers (different hosts, 4
+// senders each, half the results each) into one database against one. -p
+// measures only that.
 //
 // vorn-serverd has no switch for exactly-once: for that comparison this
 // program runs the same accumulate server and store itself, in a process of
@@ -27,6 +35,8 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -41,6 +51,12 @@
 #include "daemon/src/serverd/pub_ack_answerer.h"
 #include "daemon/src/serverd/receiver.h"
 #include "util/log.h"
+
+#ifdef VORN_BENCH_POSTGRESQL
+#include <libpq-fe.h>
+
+#include "tests/support/postgres.h"
+#endif
 
 namespace {
 
@@ -65,6 +81,7 @@ struct Load {
   long total;             // results, over all senders
   double paced_rate = 0;  // results/s over all senders; 0: as fast as they can
   int hosts = 0;          // distinct host names cycled through; 0: one per sender
+  int first_host = 0;     // the number of the first of them
 };
 
 // Each sender completes the handshake, then sends its share. A result's
@@ -107,7 +124,7 @@ void run_senders(const Load& load, const std::string& endpoint, const vorn::benc
           // As from a whole cluster: nearly every row of a commit is the
           // newest of its provider and host.
           std::snprintf(r.header.hostname, sizeof r.header.hostname, "node%ld",
-                        (i * load.senders + s) % load.hosts);
+                        load.first_host + (i * load.senders + s) % load.hosts);
         }
         r.header.duration = wall_clock();
         send_result(r, config, publishers[s].get());
@@ -170,6 +187,7 @@ struct ServerRun {
   long peak_rss_kib = 0;
   double cpu_s = 0;               // the server's, from start to stop
   std::vector<double> latencies;  // seconds, when probed
+  double rows_per_commit = 0;     // PostgreSQL's, on average
 };
 
 // The server started by `server` and "-c CONFIG", storing into a fresh
@@ -393,6 +411,181 @@ void print_values(const char* what, const std::vector<double>& values) {
   std::printf("   median %.0f\n", median(values));
 }
 
+#ifdef VORN_BENCH_POSTGRESQL
+struct PgConnection {
+  void operator()(PGconn* connection) const { PQfinish(connection); }
+};
+struct PgResult {
+  void operator()(PGresult* result) const { PQclear(result); }
+};
+using PgHandle = std::unique_ptr<PGconn, PgConnection>;
+using PgRows = std::unique_ptr<PGresult, PgResult>;
+
+PgRows pg_run(PGconn* connection, const std::string& sql, ExecStatusType want) {
+  PgRows result(PQexec(connection, sql.c_str()));
+  if (PQresultStatus(result.get()) != want) {
+    std::fprintf(stderr, "%s: %s\n", sql.c_str(), PQerrorMessage(connection));
+    std::exit(1);
+  }
+  return result;
+}
+
+long pg_number(PGconn* connection, const std::string& sql) {
+  // The tables appear once a server has connected.
+  PgRows result(PQexec(connection, sql.c_str()));
+  return PQresultStatus(result.get()) == PGRES_TUPLES_OK ? std::atol(PQgetvalue(result.get(), 0, 0))
+                                                         : 0;
+}
+
+// vorn-serverd processes, one per load, storing into the database `url`.
+// The clock runs from the first result sent until every row is committed.
+ServerRun measure_postgresql_servers(const std::string& serverd, const std::vector<Load>& loads,
+                                     const std::string& dir, const std::string& url) {
+  std::vector<pid_t> pids;
+  std::vector<int> ports;
+  for (size_t i = 0; i < loads.size(); ++i) {
+    ports.push_back(vorn::bench::free_port());
+    std::string config_path = dir + "/vornd-pg" + std::to_string(i) + ".xml";
+    vorn::bench::write_server_config(
+        config_path, ports.back(), dir + "/pg" + std::to_string(i), dir + "/unused.db",
+        "<database_backend>postgresql</database_backend><database_url>" + url + "</database_url>");
+    pids.push_back(vorn::bench::spawn({serverd, "-c", config_path}, ""));
+  }
+  long total = 0;
+  for (const Load& load : loads) {
+    total += load.total;
+  }
+  std::vector<Clock::time_point> starts(loads.size());
+  std::atomic<int> sending{static_cast<int>(loads.size())};
+  std::vector<std::thread> senders;
+  for (size_t i = 0; i < loads.size(); ++i) {
+    senders.emplace_back([&, i] {
+      run_senders(loads[i], "tcp://127.0.0.1:" + std::to_string(ports[i]), nullptr, &starts[i]);
+      --sending;
+    });
+  }
+  PgHandle reader(PQconnectdb(url.c_str()));
+  long last = 0;
+  Clock::time_point progress = Clock::now();
+  double elapsed = 0;
+  // Rowids are taken before their commits, so the newest may be visible
+  // before all are: the rows are counted once it says all are there. Until
+  // every row is there, or nothing moves for 5 s after sending ends.
+  while (last < total && (sending > 0 || seconds_since(progress) < 5)) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    long now_last = pg_number(reader.get(), "SELECT coalesce(max(rowid), 0) FROM vorn_1");
+    if (now_last >= total) {
+      now_last = pg_number(reader.get(), "SELECT count(*) FROM vorn_1");
+    }
+    if (now_last != last) {
+      last = now_last;
+      progress = Clock::now();
+      elapsed = seconds_since(*std::min_element(starts.begin(), starts.end()));
+    }
+  }
+  for (std::thread& t : senders) {
+    t.join();
+  }
+  ServerRun run;
+  for (pid_t pid : pids) {
+    run.cpu_s += static_cast<double>(vorn::bench::cpu_ticks(pid)) /
+                 static_cast<double>(::sysconf(_SC_CLK_TCK));
+    vorn::bench::stop(pid);
+  }
+  run.lost = total - pg_number(reader.get(), "SELECT count(*) FROM vorn_1");
+  // A commit's rows share their inserting transaction.
+  run.rows_per_commit =
+      static_cast<double>(total - run.lost) /
+      static_cast<double>(
+          std::max(1L, pg_number(reader.get(), "SELECT count(DISTINCT xmin::text) FROM vorn_1")));
+  run.stored_per_s = static_cast<double>(last) / elapsed;
+  return run;
+}
+
+// Rows per second of PostgreSQL's own binary COPY of the rows of vorn_1, in
+// one statement, into an empty table of the same columns and indexes.
+double measure_postgresql_copy(const std::string& url) {
+  PgHandle connection(PQconnectdb(url.c_str()));
+  const std::string columns =
+      "Provider, Hostname, num_nodes, node_names, Exit_status, Timestamp, Duration, Encoding, "
+      "Stdout_size, STDOUT, Stderr_size, STDERR, OptionID, version";
+  pg_run(connection.get(), "COPY (SELECT " + columns + " FROM vorn_1) TO STDOUT (FORMAT binary)",
+         PGRES_COPY_OUT);
+  std::string data;
+  char* chunk = nullptr;
+  for (int n; (n = PQgetCopyData(connection.get(), &chunk, 0)) > 0; PQfreemem(chunk)) {
+    data.append(chunk, static_cast<size_t>(n));
+  }
+  PgRows(PQgetResult(connection.get()));
+  long rows = pg_number(connection.get(), "SELECT count(*) FROM vorn_1");
+  pg_run(connection.get(), "CREATE TABLE copied (LIKE vorn_1 INCLUDING ALL)", PGRES_COMMAND_OK);
+  auto start = Clock::now();
+  pg_run(connection.get(), "COPY copied (" + columns + ") FROM STDIN (FORMAT binary)",
+         PGRES_COPY_IN);
+  PQputCopyData(connection.get(), data.data(), static_cast<int>(data.size()));
+  PQputCopyEnd(connection.get(), nullptr);
+  PgRows done(PQgetResult(connection.get()));
+  if (PQresultStatus(done.get()) != PGRES_COMMAND_OK) {
+    std::fprintf(stderr, "copy: %s\n", PQerrorMessage(connection.get()));
+    std::exit(1);
+  }
+  return static_cast<double>(rows) / seconds_since(start);
+}
+
+// Returns the number of rows lost.
+long measure_postgresql(const std::string& serverd, const std::string& dir, int runs) {
+  std::string why = vorn::test::PrivatePostgres::unavailable_reason();
+  if (!why.empty()) {
+    std::printf("\nPostgreSQL skipped: %s\n", why.c_str());
+    return 0;
+  }
+  std::unique_ptr<vorn::test::PrivatePostgres> postgres;
+  try {
+    postgres = std::make_unique<vorn::test::PrivatePostgres>();
+  } catch (const std::exception& e) {
+    std::printf("\nPostgreSQL skipped: %s\n", e.what());
+    return 0;
+  }
+  const Load one{4, 1024, 200000, 0, 1000, 0};
+  const Load half{4, 1024, 100000, 0, 1000, 0};
+  Load other = half;
+  other.first_host = 1000;
+  std::vector<double> commit_rows;
+  std::vector<double> pg, copy, sqlite_rates, pair, pg_ratio, sqlite_ratio, pair_ratio;
+  long lost = 0;
+  for (int i = 0; i < runs; ++i) {
+    std::string url = postgres->url(postgres->create_database());
+    ServerRun run = measure_postgresql_servers(serverd, {one}, dir, url);
+    copy.push_back(measure_postgresql_copy(url));
+    pg.push_back(run.stored_per_s);
+    commit_rows.push_back(run.rows_per_commit);
+    ServerRun two = measure_postgresql_servers(serverd, {half, other}, dir,
+                                               postgres->url(postgres->create_database()));
+    pair.push_back(two.stored_per_s);
+    ServerRun on_sqlite = measure_server({serverd}, one, dir, false);
+    sqlite_rates.push_back(on_sqlite.stored_per_s);
+    pg_ratio.push_back(run.stored_per_s / copy.back() * 100);
+    pair_ratio.push_back(two.stored_per_s / run.stored_per_s * 100);
+    sqlite_ratio.push_back(on_sqlite.stored_per_s / copy.back() * 100);
+    lost += run.lost + two.lost + on_sqlite.lost;
+  }
+  std::printf(
+      "\nvorn-serverd into PostgreSQL (private server, fsync off), 4 senders x 1 KiB from 1,000 "
+      "hosts, %d runs:\n",
+      runs);
+  print_values("PostgreSQL stored/s", pg);
+  print_values("rows per commit", commit_rows);
+  print_values("its own COPY/s", copy);
+  print_values("stored/COPY, percent", pg_ratio);
+  print_values("SQLite stored/s", sqlite_rates);
+  print_values("SQLite/COPY, percent", sqlite_ratio);
+  print_values("two servers, sum/s", pair);
+  print_values("two/one, percent", pair_ratio);
+  std::printf("  goal 0.5 of COPY: %s\n", median(pg_ratio) >= 50 ? "met" : "not met");
+  return lost;
+}
+#endif
+
 // This program's own file, to start it again as a server.
 std::string own_path() {
   char path[4096];
@@ -425,12 +618,16 @@ int main(int argc, char** argv) {
   std::string serverd = VORN_SERVERD_PATH;
   int main_runs = 5;
   bool quick = false;
+  bool only_postgresql = false;
   // The benchmark's own receiver must not pay for a log line per message.
   vorn::log::LOG_LEVEL = 5;
   int opt;
   Row main_row{Load{4, 1024, 200000}, {}, {}, {}};
-  while ((opt = getopt(argc, argv, "qr:s:o:b:k:h")) != -1) {
+  while ((opt = getopt(argc, argv, "qpr:s:o:b:k:h")) != -1) {
     switch (opt) {
+      case 'p':
+        only_postgresql = true;
+        break;
       case 'q':
         quick = true;
         break;
@@ -451,8 +648,8 @@ int main(int argc, char** argv) {
         break;
       default:
         return vorn::bench::usage(
-            argv[0], "[-q] [-r runs] [-s senders] [-o output bytes] [-k hosts] [-b vorn-serverd]",
-            opt);
+            argv[0],
+            "[-q] [-p] [-r runs] [-s senders] [-o output bytes] [-k hosts] [-b vorn-serverd]", opt);
     }
   }
   char dir_template[] = "/tmp/vorn-bench.XXXXXX";
@@ -462,6 +659,18 @@ int main(int argc, char** argv) {
   }
   const std::string dir = dir_template;
   std::setvbuf(stdout, nullptr, _IOLBF, 0);
+  if (only_postgresql) {
+#ifdef VORN_BENCH_POSTGRESQL
+    long lost = measure_postgresql(serverd, dir, main_runs);
+    std::printf("lost: %ld\n", lost);
+#else
+    long lost = 0;
+    std::printf("PostgreSQL skipped: built without the tests' private PostgreSQL server\n");
+#endif
+    int ignored = std::system(("rm -rf '" + dir + "'").c_str());
+    (void)ignored;
+    return lost == 0 ? 0 : 1;
+  }
 
   // The main row is measured main_runs times.
   main_row.load.total = main_row.load.output_bytes >= 65536 ? 4000 : 200000;
@@ -616,6 +825,11 @@ int main(int argc, char** argv) {
       lost += run.lost;
     }
   }
+#ifdef VORN_BENCH_POSTGRESQL
+  lost += measure_postgresql(serverd, dir, std::min(main_runs, 3));
+#else
+  std::printf("\nPostgreSQL skipped: built without the tests' private PostgreSQL server\n");
+#endif
   std::printf("lost: %ld\n", lost);
 
   std::string cleanup = "rm -rf '" + dir + "'";

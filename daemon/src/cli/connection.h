@@ -89,6 +89,8 @@ class Connection {
   // An expression for the first, or the last, `count` bytes of `column`.
   virtual std::string first_bytes(const std::string& column, int count) const = 0;
   virtual std::string last_bytes(const std::string& column, int count) const = 0;
+  // A FROM clause, after a latest-ids head: the rows (as r) that `ids` names.
+  virtual std::string latest_rows() const = 0;
 };
 
 // Opens `database` for reading; throws StoreError when it cannot.

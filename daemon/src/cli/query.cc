@@ -67,8 +67,8 @@ std::string Store::latest_ids() {
 
 std::vector<Summary> Store::latest(const Filter& filter, bool with_output) {
   Snapshot snapshot(connection_.get());
-  std::string sql = latest_ids() + "SELECT " + summary_columns(*connection_) +
-                    " FROM ids JOIN vorn_1 r ON r.rowid = ids.id";
+  std::string sql = latest_ids() + "SELECT " + summary_columns(*connection_) + " FROM " +
+                    connection_->latest_rows();
   auto s = connection_->query(sql, {{1, text_value(filter.provider)},
                                     {2, text_value(filter.host)},
                                     {9, integer_value(with_output ? 1 : 0)}});
@@ -89,8 +89,8 @@ std::vector<Health> Store::health(bool judge_staleness) {
   // read whole, and what is cut off is not a key of it.
   std::string sql = latest_ids() + "SELECT " + summary_columns(*connection_) + ", " +
                     connection_->first_bytes("r.STDOUT", 4096) + ", " +
-                    connection_->first_bytes("r.STDERR", 1024) +
-                    " FROM ids JOIN vorn_1 r ON r.rowid = ids.id";
+                    connection_->first_bytes("r.STDERR", 1024) + " FROM " +
+                    connection_->latest_rows();
   std::vector<Health> rows;
   for (const char* provider : {kNodeHealthProvider, kServerHealthProvider}) {
     auto s = connection_->query(

@@ -14,6 +14,7 @@
 #include <cstring>
 
 #include "daemon/src/cli/connection.h"
+#include "daemon/src/database/schema.h"
 
 namespace vorn::cli {
 
@@ -145,6 +146,7 @@ class SqliteConnection : public Connection {
   std::string last_bytes(const std::string& column, int count) const override {
     return "substr(CAST(" + column + " AS BLOB), -" + std::to_string(count) + ")";
   }
+  std::string latest_rows() const override { return vorn::schema::kLatestRowsSqlite; }
 
  private:
   struct Close {

@@ -313,11 +313,19 @@ write_status postgresql::write(const result_view& record, const result_identity*
 
 bool postgresql::copy_in(const char* sql, const char* what,
                          const std::vector<std::string_view>& pieces) {
-  PGconn* connection = connection_.get();
-  pq_result started(PQexec(connection, sql));
+  pq_result started(PQexec(connection_.get(), sql));
   if (!started || PQresultStatus(started.get()) != PGRES_COPY_IN) {
     return check(std::move(started), what);
   }
+  bool copied = send_copy(what, pieces) && check(pq_result(PQgetResult(connection_.get())), what);
+  while (PGresult* more = PQgetResult(connection_.get())) {
+    PQclear(more);
+  }
+  return copied;
+}
+
+bool postgresql::send_copy(const char* what, const std::vector<std::string_view>& pieces) {
+  PGconn* connection = connection_.get();
   // PQputCopyData takes an int: large pieces go in parts.
   constexpr size_t kPart = size_t{1} << 26;
   bool sent = PQputCopyData(connection, kCopyHeader, kCopyHeaderSize) == 1;
@@ -333,11 +341,7 @@ bool postgresql::copy_in(const char* sql, const char* what,
     failure_ = failure::may_pass;
     return false;
   }
-  bool copied = check(pq_result(PQgetResult(connection)), what);
-  while (PGresult* more = PQgetResult(connection)) {
-    PQclear(more);
-  }
-  return copied;
+  return true;
 }
 
 bool postgresql::begin() {
@@ -350,7 +354,7 @@ bool postgresql::begin() {
   return true;
 }
 
-bool postgresql::copy_identities(const std::vector<size_t>& batch, const char* sql) {
+std::string postgresql::identity_tuples(const std::vector<size_t>& batch) const {
   // In key order, so that two servers adding the same ones wait for each
   // other instead of deadlocking.
   std::vector<const result_identity*> sorted;
@@ -367,7 +371,11 @@ bool postgresql::copy_identities(const std::vector<size_t>& batch, const char* s
     field_bytes(tuples, std::string_view(reinterpret_cast<const char*>(identity->hash.data()),
                                          identity->hash.size()));
   }
-  if (copy_in(sql, "remembering stored results", {tuples})) {
+  return tuples;
+}
+
+bool postgresql::copy_identities(const std::vector<size_t>& batch, const char* sql) {
+  if (copy_in(sql, "remembering stored results", {identity_tuples(batch)})) {
     return true;
   }
   if (sqlstate_ == "23505") {
@@ -376,7 +384,7 @@ bool postgresql::copy_identities(const std::vector<size_t>& batch, const char* s
   return false;
 }
 
-bool postgresql::copy_results(const std::vector<size_t>& batch) {
+std::vector<std::string_view> postgresql::result_pieces(const std::vector<size_t>& batch) const {
   // Rows next to each other in the buffer go as one piece.
   std::vector<std::string_view> pieces;
   size_t begin = 0;
@@ -391,7 +399,78 @@ bool postgresql::copy_results(const std::vector<size_t>& batch) {
     end = rows_[i].end;
   }
   pieces.emplace_back(copy_.data() + begin, end - begin);
-  return copy_in(vorn::schema::kCopyResultsPostgresql, "insert", pieces);
+  return pieces;
+}
+
+bool postgresql::copy_results(const std::vector<size_t>& batch) {
+  return copy_in(vorn::schema::kCopyResultsPostgresql, "insert", result_pieces(batch));
+}
+
+bool postgresql::begin_and_store(const std::vector<size_t>& batch) {
+  // One query string for BEGIN, the rowid taken last and both COPYs: the
+  // server runs them in turn and asks for each COPY's data as it comes to
+  // it, so that a commit waits for two answers here rather than five.
+  std::string sql = std::string("BEGIN; ") + vorn::schema::kRowidBeforePostgresql + "; ";
+  std::vector<std::pair<const char*, std::vector<std::string_view>>> copies;
+  std::string identities;
+  if (exactly_once_) {
+    sql += std::string(vorn::schema::kCopyIdentitiesPostgresql) + "; ";
+    identities = identity_tuples(batch);
+    copies.push_back({"remembering stored results", {identities}});
+  }
+  sql += vorn::schema::kCopyResultsPostgresql;
+  copies.push_back({"insert", result_pieces(batch)});
+  PGconn* connection = connection_.get();
+  if (PQsendQuery(connection, sql.c_str()) != 1) {
+    last_error_ = std::string("begin: ") + one_line(PQerrorMessage(connection));
+    failure_ = failure::may_pass;
+    return false;
+  }
+  bool stored = true;
+  size_t copy = 0;
+  const char* what = "begin";
+  // Every result is read, also after a failure, so that the connection is
+  // ready for the next statement.
+  while (PGresult* next = PQgetResult(connection)) {
+    pq_result result(next);
+    if (!stored) {
+      continue;
+    }
+    ExecStatusType status = PQresultStatus(result.get());
+    if (status == PGRES_COPY_IN) {
+      if (copy == copies.size()) {
+        last_error_ = "insert: PostgreSQL asked for more COPY data than was sent";
+        failure_ = failure::may_pass;
+        stored = false;
+        continue;
+      }
+      what = copies[copy].first;
+      stored = send_copy(what, copies[copy].second);
+      ++copy;
+    } else if (status == PGRES_TUPLES_OK) {
+      rowid_before_ = std::strtoll(PQgetvalue(result.get(), 0, 0), nullptr, 10);
+    } else {
+      stored = check(std::move(result), what);
+      if (!stored && exactly_once_ && copy == 1 && sqlstate_ == "23505") {
+        failure_ = failure::known;
+      }
+    }
+  }
+  if (stored && copy != copies.size()) {
+    last_error_ = std::string("insert: ") + one_line(PQerrorMessage(connection));
+    failure_ = failure::may_pass;
+    return false;
+  }
+  return stored;
+}
+
+bool postgresql::update_latest_and_commit() {
+  // The rowid is a number of ours: written into the statement, the update
+  // and the COMMIT go as one query string.
+  std::string sql = vorn::schema::kUpsertLatestSincePostgresql;
+  sql.replace(sql.find("$1"), 2, std::to_string(rowid_before_));
+  sql += "; COMMIT";
+  return check(pq_result(PQexec(connection_.get(), sql.c_str())), "commit");
 }
 
 bool postgresql::update_latest() {
@@ -496,8 +575,7 @@ commit_result postgresql::flush() {
     if (batch.empty()) {
       return committed();
     }
-    if (begin() && forget_old_identities() && store(batch) && update_latest() &&
-        command("COMMIT", "commit")) {
+    if (forget_old_identities() && begin_and_store(batch) && update_latest_and_commit()) {
       return committed();
     }
     if (failure_ == failure::refused) {

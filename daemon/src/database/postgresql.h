@@ -117,6 +117,17 @@ class postgresql : public database {
   bool check(pq_result result, const char* what, pq_result* out = nullptr);
   // Runs a COPY ... FROM STDIN (FORMAT binary) of the tuples in `pieces`.
   bool copy_in(const char* sql, const char* what, const std::vector<std::string_view>& pieces);
+  // Sends the tuples in `pieces` to a COPY that asked for them, and ends it.
+  bool send_copy(const char* what, const std::vector<std::string_view>& pieces);
+  // COPY's binary tuples of the identities of `batch`, and its rows' tuples.
+  std::string identity_tuples(const std::vector<size_t>& batch) const;
+  std::vector<std::string_view> result_pieces(const std::vector<size_t>& batch) const;
+  // Begins a transaction, notes the rowid taken last before it, and copies
+  // the rows `batch` and their identities in: as begin() and store(), in one
+  // round trip and the COPYs' own.
+  bool begin_and_store(const std::vector<size_t>& batch);
+  // update_latest() and the COMMIT, as one query string.
+  bool update_latest_and_commit();
   // Copies the rows `batch` (indexes into rows_) and their identities in,
   // in the open transaction.
   bool store(const std::vector<size_t>& batch);

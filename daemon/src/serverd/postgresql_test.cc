@@ -219,7 +219,8 @@ TEST_F(PostgresqlStoreTest, EchoAfterResultsFindsThemCommitted) {
   constexpr int kResults = 5000;
   auto server = start(VORN_SERVERD_PATH, config(port_));
   ASSERT_TRUE(server->wait_for_err(kReady));
-  sql("INSERT INTO vorn_result_ids (end_seconds, hash, stored_at) SELECT n, 'old', "
+  sql("INSERT INTO vorn_result_ids (end_seconds, hash, stored_at) SELECT n, "
+      "'00000000-0000-0000-0000-00000000001d', "
       "extract(epoch FROM now())::bigint - n * 3600 FROM (VALUES (23), (25), (48)) AS v(n)");
   auto publisher = connect_sender(port_);
   provider_result r = vorn::test::sample_result("echo", std::string(1024, 'e'));
@@ -230,9 +231,12 @@ TEST_F(PostgresqlStoreTest, EchoAfterResultsFindsThemCommitted) {
   ASSERT_TRUE(request_pub_ack(publisher.get(), sender_config_, "127.0.0.1", 60000));
   EXPECT_EQ(count(), kResults);
   EXPECT_EQ(sql("SELECT count(DISTINCT Timestamp) FROM vorn_1"), std::to_string(kResults));
-  EXPECT_EQ(sql("SELECT count(*) FROM vorn_result_ids WHERE hash <> 'old'"),
+  EXPECT_EQ(sql("SELECT count(*) FROM vorn_result_ids WHERE hash <> "
+                "'00000000-0000-0000-0000-00000000001d'"),
             std::to_string(kResults));
-  EXPECT_EQ(sql("SELECT end_seconds FROM vorn_result_ids WHERE hash = 'old'"), "23");
+  EXPECT_EQ(sql("SELECT end_seconds FROM vorn_result_ids WHERE hash = "
+                "'00000000-0000-0000-0000-00000000001d'"),
+            "23");
   server->send_signal(SIGTERM);
   EXPECT_EQ(server->wait_exit(), 0);
 }
