@@ -19,8 +19,8 @@
 #include <string_view>
 #include <thread>
 
-#include "daemon/src/database/retention.h"
 #include "daemon/src/database/postgresql.h"
+#include "daemon/src/database/retention.h"
 #include "daemon/src/database/schema.h"
 #include "daemon/src/database/sqlite_identities.h"
 #include "daemon/src/database/stored_outputs.h"
