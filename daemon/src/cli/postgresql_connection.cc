@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "daemon/src/cli/connection.h"
+#include "daemon/src/database/pq.h"
 #include "daemon/src/database/schema.h"
 
 namespace vorn::cli {
@@ -26,14 +27,6 @@ constexpr Oid kFloat8Oid = 701;
 // A host that does not answer would otherwise keep the user waiting for the
 // system's TCP time-out; a database URL may set its own.
 constexpr const char* kConnectTimeoutSeconds = "10";
-
-struct Finish {
-  void operator()(PGconn* connection) const { PQfinish(connection); }
-};
-struct Clear {
-  void operator()(PGresult* result) const { PQclear(result); }
-};
-using ResultOwner = std::unique_ptr<PGresult, Clear>;
 
 // libpq's messages run over lines ("...failed: ...\n\tIs the server
 // running...?"); the user gets them as one.
@@ -74,7 +67,7 @@ uint64_t from_big_endian(const char* data, int size) {
 
 class PostgresqlRows : public Rows {
  public:
-  PostgresqlRows(ResultOwner result, const std::string& name)
+  PostgresqlRows(pq_result result, const std::string& name)
       : result_(std::move(result)), rows_(PQntuples(result_.get())), name_(name) {}
 
   bool next() override { return ++row_ < rows_; }
@@ -129,7 +122,7 @@ class PostgresqlRows : public Rows {
                      wanted + " (vorn_1 has other columns than vorn-serverd makes)");
   }
 
-  ResultOwner result_;
+  pq_result result_;
   int row_ = -1;
   int rows_;
   const std::string& name_;
@@ -199,11 +192,11 @@ class PostgresqlConnection : public Connection {
       }
     }
     auto run = [&] {
-      return ResultOwner(PQexecParams(connection_.get(), vorn::schema::postgresql(sql).c_str(),
-                                      count, types.data(), values.data(), lengths.data(),
-                                      formats.data(), 1));
+      return pq_result(PQexecParams(connection_.get(), vorn::schema::postgresql(sql).c_str(), count,
+                                    types.data(), values.data(), lengths.data(), formats.data(),
+                                    1));
     };
-    ResultOwner result = run();
+    pq_result result = run();
     if (!succeeded(result.get()) && !in_snapshot_ &&
         PQstatus(connection_.get()) == CONNECTION_BAD) {
       // The server restarted since this connection's last statement; nothing
@@ -259,11 +252,11 @@ class PostgresqlConnection : public Connection {
     // of vorn_1 after the summary rather than the few rows there are, and on
     // a large table that estimate has PostgreSQL compile the query for a
     // third of a second before it runs in a few milliseconds.
-    ResultOwner(PQexec(connection_.get(), "SET jit = off"));
+    pq_result(PQexec(connection_.get(), "SET jit = off"));
   }
 
   std::string name_;
-  std::unique_ptr<PGconn, Finish> connection_;
+  pq_connection connection_;
   bool in_snapshot_ = false;
 };
 

@@ -53,16 +53,7 @@
 
 #include "daemon/src/config/config.h"
 #include "daemon/src/database/database.h"
-
-struct pq_connection_closer {
-  void operator()(PGconn* connection) const { PQfinish(connection); }
-};
-using pq_connection = std::unique_ptr<PGconn, pq_connection_closer>;
-
-struct pq_result_clearer {
-  void operator()(PGresult* result) const { PQclear(result); }
-};
-using pq_result = std::unique_ptr<PGresult, pq_result_clearer>;
+#include "daemon/src/database/pq.h"
 
 class postgresql : public database {
  public:
