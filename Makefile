@@ -86,6 +86,7 @@ bench: build
 	$(BUILD_DIR)/bench/handshake -n $(HANDSHAKE_NODES)
 	$(BUILD_DIR)/bench/handshake -n $(HANDSHAKE_NODES) -C
 	$(BUILD_DIR)/bench/pub_ack_flood -n $(FLOOD_REQUESTS)
+	$(BUILD_DIR)/bench/retention
 
 format:
 	git ls-files '*.cc' '*.h' | xargs clang-format -i

@@ -7,6 +7,7 @@
 #include <set>
 #include <string_view>
 
+#include "daemon/src/database/retention.h"
 #include "daemon/src/database/schema.h"
 #include "daemon/src/database/stored_outputs.h"
 #include "util/czmq.h"
@@ -225,6 +226,11 @@ bool postgresql::connect() {
        !command(vorn::schema::kCreateProbePostgresql, "creating a temporary table"))) {
     connection_.reset();
     return false;
+  }
+  if (!retention_ && config_.retention_seconds > 0) {
+    retention_ = std::make_unique<retention_sweeper>(
+        config_.retention_seconds,
+        postgresql_retention(config_.database_url, config_.retention_seconds), false);
   }
   return true;
 }

@@ -38,6 +38,10 @@
 // added) loses its row: write() refuses what it can see, and a commit that
 // meets a refusal stores its rows one by one, logging each lost one.
 //
+// Retention: with `retention` set, a retention_sweeper deletes expired rows
+// on a connection of its own (postgresql_retention.cc), started once the
+// tables exist.
+//
 // Thread safety: one thread at a time, as the database interface says.
 
 #include <libpq-fe.h>
@@ -54,6 +58,8 @@
 #include "daemon/src/config/config.h"
 #include "daemon/src/database/database.h"
 #include "daemon/src/database/pq.h"
+
+class retention_sweeper;
 
 class postgresql : public database {
  public:
@@ -157,6 +163,7 @@ class postgresql : public database {
   std::atomic<int64_t> give_up_at_{0};
   int64_t last_forget_ms_ = 0;
   int64_t stored_since_forget_ = 0;
+  std::unique_ptr<retention_sweeper> retention_;
 };
 
 // Checks that libpq can read `url` as a connection string or URI; if not,

@@ -168,7 +168,9 @@ bool retention_sweeper::sweep() {
     }
     retention_batch batch;
     std::string error;
+    const auto started = std::chrono::steady_clock::now();
     int rc = store_->delete_batch(after, cutoff, kBatchRows, &batch, &error);
+    const auto took = std::chrono::steady_clock::now() - started;
     if (turns_) {
       turns_->give_back();
     }
@@ -185,5 +187,11 @@ bool retention_sweeper::sweep() {
       return true;
     }
     after = batch.window_end;
+    if (batch.deleted > 0) {
+      std::unique_lock<std::mutex> lock(mutex_);
+      if (wake_.wait_for(lock, took * kRestFactor, [this] { return stopping_; })) {
+        return false;
+      }
+    }
   }
 }

@@ -135,6 +135,33 @@ inline constexpr const char* kForgetExpiredLatest =
 
 inline constexpr const char* kDeleteExpired = "DELETE FROM vorn_1 WHERE " VORN_EXPIRED_IN_WINDOW;
 
+// PostgreSQL deletes a window's expired rows and the vorn_latest entries
+// naming them in one statement, and so from one snapshot. As two
+// statements under READ COMMITTED, rows committed between them could be
+// deleted without their entries. The entries are locked in key order, the
+// order in which writers upsert them (kUpsertLatestSincePostgresql), so that
+// a writer and a batch wait for each other rather than deadlock; an entry a
+// writer moved on to a newer row meanwhile is no longer matched and stays.
+// Answers the number of rows deleted. ?3 is the cutoff by the database's
+// clock, which also set row_timestamp.
+inline constexpr const char* kDeleteExpiredPostgresql =
+    "WITH gone AS (DELETE FROM vorn_1 WHERE " VORN_EXPIRED_IN_WINDOW
+    " RETURNING coalesce(Provider, '') AS p, coalesce(Hostname, '') AS h, "
+    "coalesce(OptionID, '') AS o, rowid), "
+    "named AS (SELECT l.Provider, l.Hostname, l.OptionID, l.last_rowid FROM vorn_latest l "
+    "JOIN gone g ON l.Provider = g.p AND l.Hostname = g.h AND l.OptionID = g.o "
+    "AND l.last_rowid = g.rowid ORDER BY 1, 2, 3 FOR UPDATE OF l), "
+    "forgotten AS (DELETE FROM vorn_latest l USING named n WHERE l.Provider = n.Provider "
+    "AND l.Hostname = n.Hostname AND l.OptionID = n.OptionID AND l.last_rowid = n.last_rowid) "
+    "SELECT count(*) FROM gone";
+
+// Starts a retention batch: whether this server may delete now (only one
+// server of those sharing a database does at a time; the others leave the
+// pass to it), and the cutoff ?1 seconds before now by the database's clock.
+inline constexpr const char* kRetentionTurnPostgresql =
+    "SELECT pg_try_advisory_xact_lock(4097001975), extract(epoch FROM now())::bigint - "
+    "?1::bigint";
+
 #undef VORN_EXPIRED_IN_WINDOW
 // The PostgreSQL store's own tables and statements (postgresql.h says why
 // they are shaped so).

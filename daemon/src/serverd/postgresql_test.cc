@@ -5,6 +5,10 @@
 #include <signal.h>
 #include <sys/stat.h>
 
+#include <chrono>
+#include <filesystem>
+#include <functional>
+
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -13,6 +17,7 @@
 #include <thread>
 #include <vector>
 
+#include "daemon/src/database/schema.h"
 #include "daemon/src/provider/run.h"
 #include "daemon/src/provider/sender.h"
 #include "tests/support/postgres.h"
@@ -382,6 +387,139 @@ TEST_F(PostgresqlStoreTest, UnusableSettingsStopTheServerWithOneLine) {
     EXPECT_NE(err.find(row.want), std::string::npos) << err;
     EXPECT_EQ(occurrences(err, "\n"), 1) << err;
     EXPECT_EQ(err.find("s3cret"), std::string::npos) << err;
+  }
+}
+
+// Retention of two seconds under a steady stream, in each store: results of
+// a day ago and then the stream's own expire while every result sent is
+// stored and acknowledged, rowids keep growing (vorn_results_total counts
+// max(rowid)), vorn_latest names only rows that exist and `vorn latest`
+// forgets the expired keys. SQLite reuses the freed pages instead of growing
+// the file; PostgreSQL's servers sharing a database delete one at a time.
+TEST_F(PostgresqlStoreTest, RetentionDeletesExpiredRowsWhileResultsArrive) {
+  constexpr int kOld = 6000;  // 1 KiB each, a day old, under 50 keys
+  const std::string old_rows =
+      "INSERT INTO vorn_1 (row_timestamp, Provider, Hostname, OptionID, STDOUT) SELECT NOW - "
+      "86400, 'expired' || (n % 50), 'node17', 'default', BLOB FROM ";
+  const std::string count_inserts_sqlite =
+      "; CREATE TABLE inserted (n INTEGER); INSERT INTO inserted VALUES (0); CREATE TRIGGER "
+      "count_inserts AFTER INSERT ON vorn_1 BEGIN UPDATE inserted SET n = n + 1; END";
+  const std::string count_inserts_postgresql =
+      "; CREATE TABLE inserted (n bigint); INSERT INTO inserted VALUES (0); CREATE FUNCTION "
+      "count_insert() RETURNS trigger LANGUAGE plpgsql AS 'BEGIN UPDATE inserted SET n = n + 1; "
+      "RETURN NULL; END'; CREATE TRIGGER count_inserts AFTER INSERT ON vorn_1 FOR EACH ROW "
+      "EXECUTE FUNCTION count_insert()";
+  const std::string sqlite_file = dir_ / "vorn.db";
+  auto replace = [](std::string text, const std::string& from, const std::string& to) {
+    return text.replace(text.find(from), from.size(), to);
+  };
+  struct Row {
+    const char* comment;
+    bool postgresql;
+    bool second_server;  // another server with retention on the same database
+  } rows[] = {
+      {"SQLite", false, false},
+      {"PostgreSQL", true, false},
+      {"PostgreSQL, two servers' retention on one database", true, true},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.comment);
+    std::filesystem::remove(sqlite_file);
+    database_ = postgres_->create_database();
+    std::string now =
+        row.postgresql ? "extract(epoch FROM now())::bigint" : "strftime('%s', 'now')";
+    std::function<long(const std::string&)> number;
+    std::string store = "<retention>2s</retention>";
+    std::vector<std::string> vorn_db;
+    std::string insert =
+        replace(replace(old_rows, "NOW", now), "BLOB",
+                row.postgresql ? "convert_to(repeat('x', 1024), 'UTF8')" : "randomblob(1024)");
+    if (row.postgresql) {
+      sql(std::string(vorn::schema::kCreateResultsPostgresql) + "; " + insert +
+          "generate_series(1, " + std::to_string(kOld) + ") AS n" + count_inserts_postgresql);
+      number = [&](const std::string& statement) { return std::stol(sql(statement)); };
+      vorn_db = {"--db", postgres_->uri(database_)};
+    } else {
+      ASSERT_TRUE(vorn::test::execute(
+          sqlite_file, std::string(vorn::schema::kCreateResultsSqlite) +
+                           "; WITH RECURSIVE i(n) AS (SELECT 1 UNION ALL SELECT n + 1 FROM i "
+                           "WHERE n < " +
+                           std::to_string(kOld) + ") " + insert + "i" + count_inserts_sqlite));
+      number = [&](const std::string& statement) {
+        return std::stol(vorn::test::query(sqlite_file, statement)[0][0]);
+      };
+      store += "<database_file>" + sqlite_file + "</database_file>";
+      vorn_db = {"--db", sqlite_file};
+    }
+    const auto initial_size = row.postgresql ? 0 : std::filesystem::file_size(sqlite_file);
+    std::vector<std::unique_ptr<Process>> servers;
+    servers.push_back(start(VORN_SERVERD_PATH, config(port_, store)));
+    if (row.second_server) {
+      servers.push_back(
+          start(VORN_SERVERD_PATH, config(vorn::test::free_tcp_port(), store, "second")));
+    }
+    for (auto& server : servers) {
+      ASSERT_TRUE(server->wait_for_err(kReady)) << server->err();
+    }
+    auto publisher = connect_sender(port_);
+
+    constexpr int kBatch = 100;  // then a PUB_ACK; ten a second
+    constexpr int kBatches = 60;
+    provider_result r = vorn::test::sample_result("", std::string(1024, 's'));
+    long last_max = kOld;
+    auto next = std::chrono::steady_clock::now();
+    for (int batch = 0; batch < kBatches; ++batch) {
+      for (int i = 0; i < kBatch; ++i) {
+        r.header.timestamp.tv_sec = batch * kBatch + i;
+        vorn::str::copy(r.header.name, "live" + std::to_string(i % 10));
+        ASSERT_EQ(send_result(r, sender_config_, publisher.get()), 1);
+      }
+      ASSERT_TRUE(request_pub_ack(publisher.get(), sender_config_, "127.0.0.1", 10000))
+          << "batch " << batch;
+      long max_rowid = number("SELECT max(rowid) FROM vorn_1");
+      EXPECT_EQ(max_rowid, last_max + kBatch) << "batch " << batch;
+      last_max = max_rowid;
+      next += std::chrono::milliseconds(100);
+      std::this_thread::sleep_until(next);
+    }
+    const long sent = kBatches * kBatch;
+    EXPECT_EQ(number("SELECT n FROM inserted"), sent) << "every result stored";
+    EXPECT_EQ(number("SELECT count(*) FROM vorn_1 WHERE Provider LIKE 'expired%'"), 0);
+    EXPECT_EQ(
+        number("SELECT count(*) FROM vorn_1 WHERE Timestamp >= " + std::to_string(sent - kBatch)),
+        kBatch)
+        << "the last batch, a moment old, is kept";
+    // Expired 3 s after their second at the latest, gone within a pass (1 s).
+    EXPECT_EQ(number("SELECT count(*) FROM vorn_1 WHERE row_timestamp < " + now + " - 6"), 0);
+    EXPECT_LT(number("SELECT count(*) FROM vorn_1"), sent - 1000) << "the stream's own rows expire";
+    EXPECT_EQ(number("SELECT count(*) FROM vorn_latest WHERE last_rowid NOT IN "
+                     "(SELECT rowid FROM vorn_1)"),
+              0)
+        << "vorn_latest names a deleted row";
+    if (!row.postgresql) {
+      // Without retention it would hold both the old rows and the stream:
+      // twice its first size.
+      EXPECT_LT(std::filesystem::file_size(sqlite_file), initial_size * 5 / 4);
+    }
+
+    std::vector<std::string> latest_args = {VORN_PATH, "latest"};
+    latest_args.insert(latest_args.end(), vorn_db.begin(), vorn_db.end());
+    Process latest(latest_args, dir_.path());
+    EXPECT_EQ(latest.wait_exit(), 0);
+    EXPECT_EQ(latest.out().find("expired"), std::string::npos) << latest.out();
+    EXPECT_NE(latest.out().find("live9"), std::string::npos) << latest.out();
+
+    std::string output_file = dir_ / "out.txt";
+    vorn::test::write_file(output_file, "x");
+    Process sender({VORN_SEND_PATH, "-c", config(port_, store), "by-send", output_file},
+                   dir_.path());
+    EXPECT_EQ(sender.wait_exit(), 0) << sender.err();
+    EXPECT_EQ(number("SELECT max(rowid) FROM vorn_1 WHERE Provider = 'by-send'"), kOld + sent + 1);
+    for (auto& server : servers) {
+      server->send_signal(SIGTERM);
+      EXPECT_EQ(server->wait_exit(), 0);
+      EXPECT_EQ(server->err().find("Could not delete"), std::string::npos) << server->err();
+    }
   }
 }
 

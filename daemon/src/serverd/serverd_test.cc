@@ -17,7 +17,6 @@
 #include <fstream>
 #include <thread>
 
-#include "daemon/src/database/schema.h"
 #include "daemon/src/provider/sender.h"
 #include "tests/support/results.h"
 #include "tests/support/test_support.h"
@@ -599,82 +598,6 @@ TEST_F(ServerdTest, KilledUnderLoadKeepsWhatItAcknowledged) {
   EXPECT_TRUE(loaded);
   EXPECT_EQ(vorn::test::query(db_path(), "PRAGMA integrity_check")[0][0], "ok");
   EXPECT_GE(vorn::test::count_rows(db_path()), kAcknowledged);
-}
-
-// With a retention of two seconds under a steady stream: results of a day
-// ago and then the stream's own expire while every result sent is stored
-// and acknowledged, rowids keep growing (vorn_results_total counts
-// max(rowid)), `vorn latest` forgets the expired keys, and the file reuses
-// the freed pages instead of growing.
-TEST_F(ServerdTest, RetentionDeletesExpiredRowsWhileResultsArrive) {
-  constexpr int kOld = 6000;  // 1 KiB each, a day old, under 50 keys
-  ASSERT_EQ(mkdir((dir_ / "db").c_str(), 0755), 0);
-  ASSERT_TRUE(vorn::test::execute(
-      db_path(), std::string(vorn::schema::kCreateResultsSqlite) +
-                     "; WITH RECURSIVE i(n) AS (SELECT 1 UNION ALL SELECT n + 1 FROM i WHERE n < " +
-                     std::to_string(kOld) +
-                     ") INSERT INTO vorn_1 (row_timestamp, Provider, Hostname, OptionID, STDOUT) "
-                     "SELECT strftime('%s', 'now') - 86400, 'expired' || (n % 50), 'node17', "
-                     "'default', randomblob(1024) FROM i; "
-                     "CREATE TABLE inserted (n INTEGER); INSERT INTO inserted VALUES (0); "
-                     "CREATE TRIGGER count_inserts AFTER INSERT ON vorn_1 BEGIN "
-                     "UPDATE inserted SET n = n + 1; END"));
-  const auto initial_size = std::filesystem::file_size(db_path());
-  auto server = start({"-c", write_config("<retention>2s</retention>")});
-  auto publisher = connect_sender();
-  auto number = [&](const std::string& sql) {
-    return std::stol(vorn::test::query(db_path(), sql)[0][0]);
-  };
-
-  constexpr int kBatch = 100;  // then a PUB_ACK; ten a second
-  constexpr int kBatches = 60;
-  provider_result r = vorn::test::sample_result("", std::string(1024, 's'));
-  long last_max = kOld;
-  auto next = std::chrono::steady_clock::now();
-  for (int batch = 0; batch < kBatches; ++batch) {
-    for (int i = 0; i < kBatch; ++i) {
-      r.header.timestamp.tv_sec = batch * kBatch + i;
-      vorn::str::copy(r.header.name, "live" + std::to_string(i % 10));
-      ASSERT_EQ(send_result(r, sender_config_, publisher.get()), 1);
-    }
-    ASSERT_TRUE(request_pub_ack(publisher.get(), sender_config_, "127.0.0.1", 10000))
-        << "batch " << batch;
-    long max_rowid = number("SELECT max(rowid) FROM vorn_1");
-    EXPECT_EQ(max_rowid, last_max + kBatch) << "batch " << batch;
-    last_max = max_rowid;
-    next += std::chrono::milliseconds(100);
-    std::this_thread::sleep_until(next);
-  }
-  const long sent = kBatches * kBatch;
-  EXPECT_EQ(number("SELECT n FROM inserted"), sent) << "every result stored";
-  EXPECT_EQ(number("SELECT count(*) FROM vorn_1 WHERE Provider LIKE 'expired%'"), 0);
-  EXPECT_EQ(
-      number("SELECT count(*) FROM vorn_1 WHERE Timestamp >= " + std::to_string(sent - kBatch)),
-      kBatch)
-      << "the last batch, a moment old, is kept";
-  // Expired 3 s after their second at the latest, gone within a pass (1 s).
-  EXPECT_EQ(number("SELECT count(*) FROM vorn_1 WHERE row_timestamp < strftime('%s', 'now') - 6"),
-            0);
-  EXPECT_LT(number("SELECT count(*) FROM vorn_1"), sent - 1000) << "the stream's own rows expire";
-  // Without retention it would hold both the old rows and the stream: twice
-  // its first size.
-  EXPECT_LT(std::filesystem::file_size(db_path()), initial_size * 5 / 4);
-
-  Process latest({VORN_PATH, "latest", "--db", db_path()}, dir_.path());
-  EXPECT_EQ(latest.wait_exit(), 0);
-  EXPECT_EQ(latest.out().find("expired"), std::string::npos) << latest.out();
-  EXPECT_NE(latest.out().find("live9"), std::string::npos) << latest.out();
-
-  std::string output_file = dir_ / "out.txt";
-  vorn::test::write_file(output_file, "x");
-  Process sender(
-      {VORN_SEND_PATH, "-c", write_config("<retention>2s</retention>"), "by-send", output_file},
-      dir_.path());
-  EXPECT_EQ(sender.wait_exit(), 0) << sender.err();
-  EXPECT_EQ(number("SELECT max(rowid) FROM vorn_1 WHERE Provider = 'by-send'"), kOld + sent + 1);
-  server->send_signal(SIGTERM);
-  EXPECT_EQ(server->wait_exit(), 0);
-  EXPECT_EQ(server->err().find("Could not delete"), std::string::npos) << server->err();
 }
 
 // Started with standard descriptors closed, the server must not open its
