@@ -16,7 +16,8 @@
 // accounted for in vorn_latest. A server upserts the keys it wrote in the
 // transaction of their rows, about once a second (and when it stops), so the
 // rows after max(last_rowid) are at most a second's worth and a reader groups
-// those itself (kLatestIds). Rows that reached vorn_1 some other way (an older
+// those itself (kLatestIds; in PostgreSQL, where several servers commit
+// into one vorn_latest, kLatestIdsWithMarks). Rows that reached vorn_1 some other way (an older
 // server, a hand-made insert, a server killed before its next update) are
 // folded in when a server next opens the store (kCatchUp).
 //
@@ -74,15 +75,27 @@ inline constexpr const char* kCatchUp =
 // `ids` holds the rowid of each key's newest row, from vorn_latest and the
 // rows stored after the newest one it accounts for. ?1 and ?2 restrict
 // provider and host when not NULL.
+#define VORN_LATEST_IDS(KNOWN)                                                               \
+  "WITH known AS (" KNOWN                                                                    \
+  "), "                                                                                      \
+  "keyed AS ("                                                                               \
+  "  SELECT Provider AS p, Hostname AS h, OptionID AS o, last_rowid AS id FROM vorn_latest " \
+  "  UNION ALL "                                                                             \
+  "  SELECT coalesce(Provider, ''), coalesce(Hostname, ''), coalesce(OptionID, ''), rowid "  \
+  "  FROM vorn_1 WHERE rowid > (SELECT last FROM known)), "                                  \
+  "ids AS (SELECT max(id) AS id FROM keyed "                                                 \
+  "  WHERE (?1 IS NULL OR p = ?1) AND (?2 IS NULL OR h = ?2) GROUP BY p, h, o) "
 inline constexpr const char* kLatestIds =
-    "WITH known AS (SELECT coalesce(max(last_rowid), 0) AS last FROM vorn_latest), "
-    "keyed AS ("
-    "  SELECT Provider AS p, Hostname AS h, OptionID AS o, last_rowid AS id FROM vorn_latest "
-    "  UNION ALL "
-    "  SELECT coalesce(Provider, ''), coalesce(Hostname, ''), coalesce(OptionID, ''), rowid "
-    "  FROM vorn_1 WHERE rowid > (SELECT last FROM known)), "
-    "ids AS (SELECT max(id) AS id FROM keyed "
-    "  WHERE (?1 IS NULL OR p = ?1) AND (?2 IS NULL OR h = ?2) GROUP BY p, h, o) ";
+    VORN_LATEST_IDS("SELECT coalesce(max(last_rowid), 0) AS last FROM vorn_latest");
+
+// The same rule where servers note their rows not yet in vorn_latest in
+// vorn_latest_marks (PostgreSQL): the rows from the lowest pending mark on
+// are grouped too, wherever max(last_rowid) stands. LEAST passes over the
+// NULL of no pending mark.
+inline constexpr const char* kLatestIdsWithMarks = VORN_LATEST_IDS(
+    "SELECT least((SELECT coalesce(max(last_rowid), 0) FROM vorn_latest), "
+    "(SELECT min(pending) - 1 FROM vorn_latest_marks)) AS last");
+#undef VORN_LATEST_IDS
 
 // The rows of vorn_1 (as r) that `ids` names, as a FROM clause after
 // kLatestIds. SQLite looks each up by rowid from a join. PostgreSQL cannot
@@ -151,12 +164,6 @@ inline constexpr const char* kCreateIdentitiesPostgresql =
 inline constexpr const char* kCreateIdentitiesByAgePostgresql =
     "CREATE INDEX IF NOT EXISTS vorn_result_ids_by_age ON vorn_result_ids (stored_at)";
 
-// The rowid taken last, by any server: the rows a transaction copies in
-// after reading it have greater ones.
-inline constexpr const char* kRowidBeforePostgresql =
-    "SELECT coalesce(pg_sequence_last_value(pg_get_serial_sequence('vorn_1', 'rowid')::regclass), "
-    "0)";
-
 // Binary COPY of a commit's rows, and of their identities; a known identity
 // fails the latter (unique_violation).
 inline constexpr const char* kCopyResultsPostgresql =
@@ -178,24 +185,61 @@ inline constexpr const char* kFindStoredPostgresql =
     "SELECT p.end_seconds, p.hash FROM vorn_probe p JOIN vorn_result_ids i "
     "ON i.end_seconds = p.end_seconds AND i.hash = p.hash";
 
-// Brings vorn_latest up to the rows after rowid $1 that the transaction
-// sees: its own, and others committed meanwhile (which is as right). Nearly
-// every key is in vorn_latest already, and a plain update of those costs
-// about half of what an INSERT ... ON CONFLICT does for each; the few new
-// keys are inserted after it, in the same statement, and a key another
-// server inserted meanwhile is updated instead. A row locked by another
-// server's commit is waited for and its new last_rowid compared with.
-inline constexpr const char* kUpsertLatestSincePostgresql =
-    "WITH n AS (SELECT coalesce(Provider, '') AS p, coalesce(Hostname, '') AS h, "
-    "coalesce(OptionID, '') AS o, max(rowid) AS id FROM vorn_1 WHERE rowid > $1::bigint "
-    "GROUP BY 1, 2, 3), "
-    "u AS (UPDATE vorn_latest l SET last_rowid = n.id FROM n WHERE l.Provider = n.p AND "
-    "l.Hostname = n.h AND l.OptionID = n.o AND n.id > l.last_rowid) "
+// vorn_latest in PostgreSQL. With several servers, rowids are taken before
+// their transactions commit, so a server's rows may commit below
+// max(last_rowid) after another server summarised its own. Each server
+// therefore owns a mark, a row of vorn_latest_marks whose `pending` is the
+// lowest rowid its committed rows not yet in vorn_latest may have (NULL when
+// there are none). A commit sets it, if unset, in the transaction of its rows;
+// about once a second the server folds its rows into vorn_latest and clears
+// it, in one transaction. Readers group the rows from the lowest pending mark
+// on (kLatestIdsWithMarks). A server holds a session advisory lock on its
+// mark (the two-key lock (4097001, the mark's id)): a mark whose lock can be
+// taken belongs to a server that is gone, and whoever takes it folds its rows
+// in and deletes it.
+inline constexpr const char* kCreateMarksPostgresql =
+    "CREATE TABLE IF NOT EXISTS vorn_latest_marks (id integer GENERATED BY DEFAULT AS IDENTITY "
+    "PRIMARY KEY, pending bigint)";
+// A new mark, locked before anyone else can see it.
+inline constexpr const char* kTakeMarkPostgresql =
+    "INSERT INTO vorn_latest_marks DEFAULT VALUES RETURNING id, "
+    "pg_advisory_lock(4097001, id)";
+// The marks of servers that are gone, other than $1 (this server's), locked
+// now by this session. OFFSET 0 keeps the lock from being tried on $1's.
+inline constexpr const char* kTakeOrphanMarksPostgresql =
+    "SELECT id FROM (SELECT id FROM vorn_latest_marks WHERE id <> $1::integer OFFSET 0) m "
+    "WHERE pg_try_advisory_lock(4097001, id)";
+// In a commit, before its rows: the rows after the rowid taken last are
+// pending. $1 the mark.
+inline constexpr const char* kSetMarkPostgresql =
+    "UPDATE vorn_latest_marks SET pending = coalesce(pending, coalesce(pg_sequence_last_value("
+    "pg_get_serial_sequence('vorn_1', 'rowid')::regclass), 0) + 1) WHERE id = $1::integer";
+// Brings vorn_latest up to the rows from the lowest pending mark of $1 (an
+// array of marks) on, which the transaction sees with every other row
+// committed meanwhile (as right). Keys go in order, the order in which
+// retention locks them too, so that two writers, or a writer and a deletion,
+// wait for each other rather than deadlock; a newer last_rowid is kept.
+inline constexpr const char* kFoldMarksPostgresql =
     "INSERT INTO vorn_latest (Provider, Hostname, OptionID, last_rowid) "
-    "SELECT p, h, o, id FROM n WHERE NOT EXISTS (SELECT 1 FROM vorn_latest l WHERE "
-    "l.Provider = n.p AND l.Hostname = n.h AND l.OptionID = n.o) ORDER BY 1, 2, 3 "
+    "SELECT coalesce(Provider, ''), coalesce(Hostname, ''), coalesce(OptionID, ''), max(rowid) "
+    "FROM vorn_1 WHERE rowid >= (SELECT min(pending) FROM vorn_latest_marks WHERE id = ANY "
+    "($1::integer[])) GROUP BY 1, 2, 3 ORDER BY 1, 2, 3 "
     "ON CONFLICT (Provider, Hostname, OptionID) DO UPDATE SET last_rowid = excluded.last_rowid "
     "WHERE excluded.last_rowid > vorn_latest.last_rowid";
+
+// After kFoldMarksPostgresql, in its transaction: the folded marks of
+// servers that are gone ($1 less $2) are deleted, and this server's ($2) has
+// nothing pending.
+inline constexpr const char* kClearMarksPostgresql =
+    "DELETE FROM vorn_latest_marks WHERE id = ANY ($1::integer[]) AND id <> $2::integer; "
+    "UPDATE vorn_latest_marks SET pending = NULL WHERE id = $2::integer";
+// After the commit: lets go of the deleted marks' locks.
+inline constexpr const char* kReleaseMarksPostgresql =
+    "SELECT pg_advisory_unlock(4097001, m) FROM unnest($1::integer[]) m WHERE m <> $2::integer";
+
+// A stopping server's mark, with nothing pending.
+inline constexpr const char* kDropMarkPostgresql =
+    "DELETE FROM vorn_latest_marks WHERE id = $1::integer";
 
 // vorn_1's columns as PostgreSQL describes them, for checking a table found
 // in place: "name type,name type,...".
