@@ -211,7 +211,8 @@ bool postgresql::connect() {
                        vorn::schema::kCreateMarksPostgresql + "; ";
   if (exactly_once_) {
     set_up += std::string(vorn::schema::kCreateIdentitiesPostgresql) + "; " +
-              vorn::schema::kCreateIdentitiesByAgePostgresql + "; ";
+              vorn::schema::kCreateIdentityHoursPostgresql + "; " +
+              vorn::schema::kMigrateIdentityHoursPostgresql + "; ";
   }
   set_up += "COMMIT";
   pq_result layout;
@@ -470,7 +471,8 @@ bool postgresql::store_and_commit(const std::vector<size_t>& batch) {
     identities = identity_tuples(batch);
     copies.push_back({"remembering stored results", {identities}});
   }
-  sql += std::string(vorn::schema::kCopyResultsPostgresql) + "; COMMIT";
+  sql +=
+      std::string(vorn::schema::kCopyResultsPostgresql) + "; " + note_hours_sql(batch) + "COMMIT";
   copies.push_back({"insert", result_pieces(batch)});
   PGconn* connection = connection_.get();
   if (PQsendQuery(connection, sql.c_str()) != 1) {
@@ -551,7 +553,9 @@ bool postgresql::forget_old_identities() {
   if (!exactly_once_ || now - last_forget_ms_ < kForgetEveryMs) {
     return true;
   }
-  std::string age = std::to_string(kRememberSeconds);
+  // Hours are noted at most once a minute: a minute more, so that none is
+  // forgotten early.
+  std::string age = std::to_string(kRememberSeconds + kNoteHourEveryMs / 1000);
   std::string limit = std::to_string(std::max(kForgetAtLeast, 2 * stored_since_forget_));
   const char* values[] = {age.c_str(), limit.c_str()};
   if (!check(pq_result(PQexecParams(connection_.get(), vorn::schema::kForgetIdentitiesPostgresql, 2,
@@ -593,6 +597,45 @@ commit_result postgresql::committed() {
   return commit_result::committed;
 }
 
+std::string postgresql::note_hours_sql(const std::vector<size_t>& batch) {
+  hours_noting_.clear();
+  if (!exactly_once_) {
+    return "";
+  }
+  int64_t now = zclock_mono();
+  std::set<int64_t> hours;
+  for (size_t i : batch) {
+    int64_t hour = rows_[i].identity.end_seconds / 3600;
+    auto noted = hours_noted_.find(hour);
+    if (noted == hours_noted_.end() || now - noted->second >= kNoteHourEveryMs) {
+      hours.insert(hour);
+    }
+  }
+  if (hours.empty()) {
+    return "";
+  }
+  std::string list;
+  for (int64_t hour : hours) {
+    list += (list.empty() ? "'{" : ",") + std::to_string(hour);
+    hours_noting_.push_back(hour);
+  }
+  return bound(vorn::schema::kNoteIdentityHoursPostgresql, list + "}'") + "; ";
+}
+
+void postgresql::transaction_committed() {
+  pending_ = true;
+  int64_t now = zclock_mono();
+  if (hours_noted_.size() > 64) {
+    for (auto it = hours_noted_.begin(); it != hours_noted_.end();) {
+      it = now - it->second >= kNoteHourEveryMs ? hours_noted_.erase(it) : std::next(it);
+    }
+  }
+  for (int64_t hour : hours_noting_) {
+    hours_noted_[hour] = now;
+  }
+  hours_noting_.clear();
+}
+
 void postgresql::fold_when_due() {
   if (pending_ && zclock_mono() - last_fold_ms_ >= kFoldEveryMs) {
     fold_latest();
@@ -619,7 +662,7 @@ commit_result postgresql::flush() {
       return committed();
     }
     if (forget_old_identities() && store_and_commit(batch)) {
-      pending_ = true;
+      transaction_committed();
       return committed();
     }
     if (failure_ == failure::refused) {
@@ -659,10 +702,10 @@ commit_result postgresql::store_one_by_one() {
       return give_up_transaction();
     }
   }
-  if (!command("COMMIT", "commit")) {
+  if (!command((note_hours_sql(unstored_rows()) + "COMMIT").c_str(), "commit")) {
     return give_up_transaction();
   }
-  pending_ = true;
+  transaction_committed();
   return committed();
 }
 

@@ -26,9 +26,10 @@
 // commits the rest; duplicates are rare (a restart, a fail-over), so the
 // common commit pays for no lookup. Identities go in in key order so that two
 // servers adding the same ones wait for each other rather than deadlock.
-// They are kept kRememberSeconds after they were stored and then deleted, a
-// batch with a commit at most once every kForgetEveryMs, by an index on
-// their time of storing.
+// They are forgotten by hour of end time, as in SQLite: vorn_result_id_hours
+// says when each hour was last stored into, and an hour nothing was stored
+// into for kRememberSeconds (and a minute) is deleted, a batch with a commit
+// at most once every kForgetEveryMs, found by the primary key.
 //
 // Failures: no connection, a server shutting down or starting up, a
 // read-only server (a standby after fail-over), a full disk, a deadlock or
@@ -45,6 +46,7 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -68,6 +70,7 @@ class postgresql : public database {
  public:
   static constexpr int64_t kForgetEveryMs = 1000;
   static constexpr int64_t kFoldEveryMs = 1000;
+  static constexpr int64_t kNoteHourEveryMs = 60 * 1000;
   // Identities forgotten at once: at least this many, and twice as many as
   // were stored since the last time, so forgetting keeps up.
   static constexpr int64_t kForgetAtLeast = 1024;
@@ -139,6 +142,12 @@ class postgresql : public database {
   // Folds the rows of this server's pending mark, and of marks of servers
   // that are gone, into vorn_latest; drops the connection on a failure.
   bool fold_latest();
+  // The statement, ending in "; ", that notes the hours of end time of the
+  // rows `batch` in vorn_result_id_hours; those noted in the last
+  // kNoteHourEveryMs are left out, and none may be.
+  std::string note_hours_sql(const std::vector<size_t>& batch);
+  // After a commit of rows: their mark is set, their hours noted.
+  void transaction_committed();
   // fold_latest() when something is pending and the last was kFoldEveryMs
   // ago.
   void fold_when_due();
@@ -170,6 +179,8 @@ class postgresql : public database {
   std::string mark_;      // this server's row of vorn_latest_marks, while connected
   bool pending_ = false;  // the mark is set: committed rows wait for the next fold
   int64_t last_fold_ms_ = 0;
+  std::map<int64_t, int64_t> hours_noted_;  // hour of end time -> when noted, as committed
+  std::vector<int64_t> hours_noting_;       // in the open transaction
   std::atomic<int64_t> give_up_at_{0};
   int64_t last_forget_ms_ = 0;
   int64_t stored_since_forget_ = 0;

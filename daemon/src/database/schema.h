@@ -152,17 +152,38 @@ inline constexpr const char* kDeleteExpired = "DELETE FROM vorn_1 WHERE " VORN_E
 // The PostgreSQL store's own tables and statements (postgresql.h says why
 // they are shaped so).
 
-// Identities of stored results (result_identity.h), with the Unix seconds at
-// which each was stored; the end time leads the key so that new identities go
-// next to recent ones. The 128-bit hash is a uuid: fixed-size and compared as
-// bytes, a cheaper key than bytea, and the same 16 bytes in COPY's binary
-// layout, so that a table made with bytea takes them as well.
+// Identities of stored results (result_identity.h); the end time leads the
+// key so that new identities go next to recent ones. stored_at is no longer
+// read (vorn_result_id_hours says when each hour was stored into), and kept
+// for tables made before, and the servers that wrote them. The 128-bit hash is a uuid: fixed-size
+// and compared as bytes, a cheaper key than bytea, and the same 16 bytes in COPY's binary layout,
+// so that a table made with bytea takes them as well.
 inline constexpr const char* kCreateIdentitiesPostgresql =
     "CREATE TABLE IF NOT EXISTS vorn_result_ids (end_seconds bigint NOT NULL, hash uuid NOT "
     "NULL, stored_at bigint NOT NULL DEFAULT (extract(epoch FROM now())::bigint), "
     "PRIMARY KEY (end_seconds, hash))";
-inline constexpr const char* kCreateIdentitiesByAgePostgresql =
-    "CREATE INDEX IF NOT EXISTS vorn_result_ids_by_age ON vorn_result_ids (stored_at)";
+// For each hour of end time (end_seconds / 3600), when a result of it was
+// last stored, by the database's clock: a server writes it at most once a
+// minute per hour, in the transaction of its rows, so that identities are
+// forgotten by hour without an index of their own on the time of storing.
+inline constexpr const char* kCreateIdentityHoursPostgresql =
+    "CREATE TABLE IF NOT EXISTS vorn_result_id_hours (hour bigint PRIMARY KEY, stored_at bigint "
+    "NOT NULL)";
+// A table made with that index (by an earlier server): the hours of its
+// identities are noted from their stored_at once, and the index dropped.
+inline constexpr const char* kMigrateIdentityHoursPostgresql =
+    "INSERT INTO vorn_result_id_hours (hour, stored_at) SELECT end_seconds / 3600, max(stored_at) "
+    "FROM vorn_result_ids WHERE to_regclass('vorn_result_ids_by_age') IS NOT NULL GROUP BY 1 "
+    "ON CONFLICT (hour) DO UPDATE SET stored_at = greatest(vorn_result_id_hours.stored_at, "
+    "excluded.stored_at); DROP INDEX IF EXISTS vorn_result_ids_by_age";
+// The hours a commit stored into: `VALUES` rows (hour, now) follow, in
+// order, so that servers noting the same ones wait for each other rather
+// than deadlock.
+inline constexpr const char* kNoteIdentityHoursPostgresql =
+    "INSERT INTO vorn_result_id_hours (hour, stored_at) SELECT h, extract(epoch FROM "
+    "now())::bigint "
+    "FROM unnest($1::bigint[]) h ORDER BY h ON CONFLICT (hour) DO UPDATE SET stored_at = "
+    "excluded.stored_at";
 
 // Binary COPY of a commit's rows, and of their identities; a known identity
 // fails the latter (unique_violation).
@@ -252,13 +273,19 @@ inline constexpr const char* kResultsLayout =
     "encoding integer,stdout_size bigint,stdout bytea,stderr_size bigint,stderr bytea,"
     "optionid text,version integer";
 
-// Forgets up to $2 identities stored more than $1 seconds ago by the
-// database's clock, oldest first; ones another server is forgetting just now
-// are left to it.
+// Forgets up to $2 identities of the oldest hours nothing was stored into
+// for $1 seconds by the database's clock, found by the primary key's end
+// time, and those hours once they have none left. An hour or an identity
+// another server is forgetting or storing into just now is left alone.
 inline constexpr const char* kForgetIdentitiesPostgresql =
-    "DELETE FROM vorn_result_ids WHERE ctid = ANY (ARRAY (SELECT ctid FROM vorn_result_ids "
-    "WHERE stored_at < extract(epoch FROM now())::bigint - $1::bigint ORDER BY stored_at "
-    "LIMIT $2::bigint FOR UPDATE SKIP LOCKED))";
+    "WITH h AS (SELECT hour FROM vorn_result_id_hours WHERE stored_at < "
+    "extract(epoch FROM now())::bigint - $1::bigint ORDER BY hour LIMIT 16 FOR UPDATE SKIP "
+    "LOCKED), "
+    "gone AS (DELETE FROM vorn_result_ids WHERE ctid = ANY (ARRAY (SELECT i.ctid FROM "
+    "vorn_result_ids i JOIN h ON i.end_seconds >= h.hour * 3600 AND i.end_seconds < h.hour * "
+    "3600 + 3600 LIMIT $2::bigint FOR UPDATE OF i SKIP LOCKED)) RETURNING 1) "
+    "DELETE FROM vorn_result_id_hours WHERE hour IN (SELECT hour FROM h) AND "
+    "(SELECT count(*) FROM gone) < $2::bigint";
 
 // Held while a server creates the tables, so that servers starting together
 // do not trip over each other's CREATE.

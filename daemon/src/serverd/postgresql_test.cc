@@ -232,14 +232,20 @@ TEST_F(PostgresqlStoreTest, SameRowsAsSqlite) {
 }
 
 // A PUB_ACK answered after 5,000 results: all of them are committed, with
-// their identities; identities stored more than a day ago are forgotten.
+// their identities; hours of identities nothing was stored into for more than
+// a day are forgotten. The identities here were stored by an earlier server,
+// which kept an index of their time of storing: it is dropped, and their
+// hours noted from it.
 TEST_F(PostgresqlStoreTest, EchoAfterResultsFindsThemCommitted) {
   constexpr int kResults = 5000;
-  auto server = start(VORN_SERVERD_PATH, config(port_));
-  ASSERT_TRUE(server->wait_for_err(kReady));
-  sql("INSERT INTO vorn_result_ids (end_seconds, hash, stored_at) SELECT n, "
+  sql(std::string(vorn::schema::kCreateIdentitiesPostgresql) +
+      "; CREATE INDEX vorn_result_ids_by_age ON vorn_result_ids (stored_at)");
+  // In hours 1000 + n, stored n hours ago.
+  sql("INSERT INTO vorn_result_ids (end_seconds, hash, stored_at) SELECT (1000 + n) * 3600 + 5, "
       "'00000000-0000-0000-0000-00000000001d', "
       "extract(epoch FROM now())::bigint - n * 3600 FROM (VALUES (23), (25), (48)) AS v(n)");
+  auto server = start(VORN_SERVERD_PATH, config(port_));
+  ASSERT_TRUE(server->wait_for_err(kReady));
   auto publisher = connect_sender(port_);
   provider_result r = vorn::test::sample_result("echo", std::string(1024, 'e'));
   for (int i = 0; i < kResults; ++i) {
@@ -254,7 +260,16 @@ TEST_F(PostgresqlStoreTest, EchoAfterResultsFindsThemCommitted) {
             std::to_string(kResults));
   EXPECT_EQ(sql("SELECT end_seconds FROM vorn_result_ids WHERE hash = "
                 "'00000000-0000-0000-0000-00000000001d'"),
-            "23");
+            std::to_string(1023 * 3600 + 5));
+  EXPECT_EQ(sql("SELECT to_regclass('vorn_result_ids_by_age') IS NULL"), "t");
+  // Every identity's hour is noted, so that none stays for ever.
+  EXPECT_EQ(sql("SELECT count(*) FROM (SELECT DISTINCT end_seconds / 3600 AS hour FROM "
+                "vorn_result_ids) i LEFT JOIN vorn_result_id_hours h USING (hour) WHERE "
+                "h.stored_at IS NULL"),
+            "0");
+  EXPECT_EQ(sql("SELECT string_agg(hour::text, ',' ORDER BY hour) FROM vorn_result_id_hours "
+                "WHERE hour >= 1000"),
+            "1023");
   server->send_signal(SIGTERM);
   EXPECT_EQ(server->wait_exit(), 0);
 }
