@@ -13,13 +13,14 @@
 // stored, NULL read as ''.
 //
 // The invariant readers rely on: every row of vorn_1 up to max(last_rowid) is
-// accounted for in vorn_latest. A server upserts the keys it wrote in the
-// transaction of their rows, about once a second (and when it stops), so the
-// rows after max(last_rowid) are at most a second's worth and a reader groups
-// those itself (kLatestIds; in PostgreSQL, where several servers commit
-// into one vorn_latest, kLatestIdsWithMarks). Rows that reached vorn_1 some other way (an older
-// server, a hand-made insert, a server killed before its next update) are
-// folded in when a server next opens the store (kCatchUp).
+// accounted for in vorn_latest. A server upserts the keys it wrote about once
+// a second (and when it stops), so the rows after max(last_rowid) are at most
+// a second's worth and a reader groups those itself (kLatestIds). In
+// PostgreSQL, where several servers' commits interleave, the invariant holds
+// below the lowest pending mark too, and readers go by both
+// (kLatestIdsWithMarks). Rows that reached vorn_1 some other way (an older
+// server, a hand-made insert, a SQLite server killed before its next update)
+// are folded in when a server next opens the store (kCatchUp).
 //
 // Statements are written with SQLite's numbered parameters (?1, ?2, ...);
 // postgresql() turns them into PostgreSQL's ($1, $2, ...).
