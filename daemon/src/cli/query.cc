@@ -61,8 +61,11 @@ Store::Store(const Database& database) : connection_(connect(database)) {
 // The head of a query whose `ids` are the rowids of the latest rows; read in
 // the snapshot of the query, so that the two agree.
 std::string Store::latest_ids() {
-  return connection_->has_table("vorn_latest") ? vorn::schema::kLatestIds
-                                               : vorn::schema::kLatestIdsByScan;
+  if (!connection_->has_table("vorn_latest")) {
+    return vorn::schema::kLatestIdsByScan;
+  }
+  return connection_->has_table("vorn_latest_marks") ? vorn::schema::kLatestIdsWithMarks
+                                                     : vorn::schema::kLatestIds;
 }
 
 std::vector<Summary> Store::latest(const Filter& filter, bool with_output) {

@@ -136,6 +136,18 @@ bool connection_refused_for_good(PGconn* connection) {
 
 void ignore_notice(void*, const char*) {}
 
+// `sql` with $1 and $2 written as `one` and `two`: numbers of ours, so that
+// a statement goes in one query string with others.
+std::string bound(std::string sql, const std::string& one, const std::string& two = "") {
+  for (auto [name, value] : {std::pair{"$1", &one}, std::pair{"$2", &two}}) {
+    for (size_t at = sql.find(name); at != std::string::npos; at = sql.find(name, at)) {
+      sql.replace(at, 2, *value);
+      at += value->size();
+    }
+  }
+  return sql;
+}
+
 }  // namespace
 
 size_t postgresql::identity_hash::operator()(
@@ -150,12 +162,12 @@ postgresql::postgresql(const daemon_config& config, bool exactly_once)
     : config_(config), exactly_once_(exactly_once) {}
 
 postgresql::~postgresql() {
-  if (rows_.empty()) {
-    return;
-  }
-  commit_result result = flush();
-  if (result != commit_result::committed) {
+  if (!rows_.empty() && flush() != commit_result::committed) {
     VORN_LOG(1) << "Database unavailable at shutdown (" << last_error_ << "). Stored results lost!";
+  }
+  // Left pending, the rows would be folded in by the next server to start.
+  if (connection_ && (!pending_ || fold_latest())) {
+    command(bound(vorn::schema::kDropMarkPostgresql, mark_).c_str(), "dropping the mark");
   }
 }
 
@@ -196,10 +208,12 @@ bool postgresql::connect() {
   connection_ = std::move(connection);
   std::string set_up = std::string("BEGIN; ") + vorn::schema::kLockForSetUpPostgresql + "; " +
                        vorn::schema::kCreateResultsPostgresql + "; " +
-                       vorn::schema::kCreateLatestPostgresql + "; ";
+                       vorn::schema::kCreateLatestPostgresql + "; " +
+                       vorn::schema::kCreateMarksPostgresql + "; ";
   if (exactly_once_) {
     set_up += std::string(vorn::schema::kCreateIdentitiesPostgresql) + "; " +
-              vorn::schema::kCreateIdentitiesByAgePostgresql + "; ";
+              vorn::schema::kCreateIdentityHoursPostgresql + "; " +
+              vorn::schema::kMigrateIdentityHoursPostgresql + "; ";
   }
   set_up += "COMMIT";
   pq_result layout;
@@ -232,6 +246,46 @@ bool postgresql::connect() {
         config_.retention_seconds,
         postgresql_retention(config_.database_url, config_.retention_seconds), false);
   }
+  pq_result mark;
+  if (!check(pq_result(PQexec(connection_.get(), vorn::schema::kTakeMarkPostgresql)),
+             "taking a mark in vorn_latest_marks", &mark)) {
+    connection_.reset();
+    return false;
+  }
+  mark_ = PQgetvalue(mark.get(), 0, 0);
+  pending_ = false;
+  // Rows of servers that stopped before folding them in.
+  return fold_latest();
+}
+
+bool postgresql::fold_latest() {
+  pq_result orphans;
+  if (!check(pq_result(PQexec(connection_.get(),
+                              bound(vorn::schema::kTakeOrphanMarksPostgresql, mark_).c_str())),
+             "looking for marks of stopped servers", &orphans)) {
+    connection_.reset();
+    return false;
+  }
+  last_fold_ms_ = zclock_mono();
+  if (PQntuples(orphans.get()) == 0 && !pending_) {
+    return true;
+  }
+  std::string marks = "'{" + mark_;
+  for (int i = 0; i < PQntuples(orphans.get()); ++i) {
+    marks += std::string(",") + PQgetvalue(orphans.get(), i, 0);
+  }
+  marks += "}'";
+  std::string sql = "BEGIN; " + bound(vorn::schema::kFoldMarksPostgresql, marks) + "; " +
+                    bound(vorn::schema::kClearMarksPostgresql, marks, mark_) + "; COMMIT; " +
+                    bound(vorn::schema::kReleaseMarksPostgresql, marks, mark_);
+  // The rows are committed whatever happens here: on a failure the mark
+  // stays pending, and readers and the next server to start go by it.
+  if (!command(sql.c_str(), "bringing vorn_latest up to date")) {
+    VORN_LOG(6) << last_error_;
+    connection_.reset();
+    return false;
+  }
+  pending_ = false;
   return true;
 }
 
@@ -350,14 +404,12 @@ bool postgresql::send_copy(const char* what, const std::vector<std::string_view>
   return true;
 }
 
+std::string postgresql::begin_sql() const {
+  return pending_ ? "BEGIN; " : "BEGIN; " + bound(vorn::schema::kSetMarkPostgresql, mark_) + "; ";
+}
+
 bool postgresql::begin() {
-  std::string sql = std::string("BEGIN; ") + vorn::schema::kRowidBeforePostgresql;
-  pq_result before;
-  if (!check(pq_result(PQexec(connection_.get(), sql.c_str())), "begin", &before)) {
-    return false;
-  }
-  rowid_before_ = std::strtoll(PQgetvalue(before.get(), 0, 0), nullptr, 10);
-  return true;
+  return command(begin_sql().c_str(), "begin");
 }
 
 std::string postgresql::identity_tuples(const std::vector<size_t>& batch) const {
@@ -412,11 +464,12 @@ bool postgresql::copy_results(const std::vector<size_t>& batch) {
   return copy_in(vorn::schema::kCopyResultsPostgresql, "insert", result_pieces(batch));
 }
 
-bool postgresql::begin_and_store(const std::vector<size_t>& batch) {
-  // One query string for BEGIN, the rowid taken last and both COPYs: the
+bool postgresql::store_and_commit(const std::vector<size_t>& batch) {
+  // One query string for BEGIN, the mark, both COPYs and the COMMIT: the
   // server runs them in turn and asks for each COPY's data as it comes to
-  // it, so that a commit waits for two answers here rather than five.
-  std::string sql = std::string("BEGIN; ") + vorn::schema::kRowidBeforePostgresql + "; ";
+  // it, so that a commit waits for one answer here. After a failure it skips
+  // the rest, and the transaction is left to be rolled back.
+  std::string sql = begin_sql();
   std::vector<std::pair<const char*, std::vector<std::string_view>>> copies;
   std::string identities;
   if (exactly_once_) {
@@ -424,7 +477,8 @@ bool postgresql::begin_and_store(const std::vector<size_t>& batch) {
     identities = identity_tuples(batch);
     copies.push_back({"remembering stored results", {identities}});
   }
-  sql += vorn::schema::kCopyResultsPostgresql;
+  sql +=
+      std::string(vorn::schema::kCopyResultsPostgresql) + "; " + note_hours_sql(batch) + "COMMIT";
   copies.push_back({"insert", result_pieces(batch)});
   PGconn* connection = connection_.get();
   if (PQsendQuery(connection, sql.c_str()) != 1) {
@@ -453,8 +507,6 @@ bool postgresql::begin_and_store(const std::vector<size_t>& batch) {
       what = copies[copy].first;
       stored = send_copy(what, copies[copy].second);
       ++copy;
-    } else if (status == PGRES_TUPLES_OK) {
-      rowid_before_ = std::strtoll(PQgetvalue(result.get(), 0, 0), nullptr, 10);
     } else {
       stored = check(std::move(result), what);
       if (!stored && exactly_once_ && copy == 1 && sqlstate_ == "23505") {
@@ -468,23 +520,6 @@ bool postgresql::begin_and_store(const std::vector<size_t>& batch) {
     return false;
   }
   return stored;
-}
-
-bool postgresql::update_latest_and_commit() {
-  // The rowid is a number of ours: written into the statement, the update
-  // and the COMMIT go as one query string.
-  std::string sql = vorn::schema::kUpsertLatestSincePostgresql;
-  sql.replace(sql.find("$1"), 2, std::to_string(rowid_before_));
-  sql += "; COMMIT";
-  return check(pq_result(PQexec(connection_.get(), sql.c_str())), "commit");
-}
-
-bool postgresql::update_latest() {
-  std::string before = std::to_string(rowid_before_);
-  const char* values[] = {before.c_str()};
-  return check(pq_result(PQexecParams(connection_.get(), vorn::schema::kUpsertLatestSincePostgresql,
-                                      1, nullptr, values, nullptr, nullptr, 0)),
-               "updating vorn_latest");
 }
 
 bool postgresql::store(const std::vector<size_t>& batch) {
@@ -524,7 +559,9 @@ bool postgresql::forget_old_identities() {
   if (!exactly_once_ || now - last_forget_ms_ < kForgetEveryMs) {
     return true;
   }
-  std::string age = std::to_string(kRememberSeconds);
+  // Hours are noted at most once a minute: a minute more, so that none is
+  // forgotten early.
+  std::string age = std::to_string(kRememberSeconds + kNoteHourEveryMs / 1000);
   std::string limit = std::to_string(std::max(kForgetAtLeast, 2 * stored_since_forget_));
   const char* values[] = {age.c_str(), limit.c_str()};
   if (!check(pq_result(PQexecParams(connection_.get(), vorn::schema::kForgetIdentitiesPostgresql, 2,
@@ -562,12 +599,61 @@ commit_result postgresql::committed() {
     stored_since_forget_ += !row.stored_already && !row.lost;
   }
   clear_rows();
+  fold_when_due();
   return commit_result::committed;
+}
+
+std::string postgresql::note_hours_sql(const std::vector<size_t>& batch) {
+  hours_noting_.clear();
+  if (!exactly_once_) {
+    return "";
+  }
+  int64_t now = zclock_mono();
+  std::set<int64_t> hours;
+  for (size_t i : batch) {
+    int64_t hour = rows_[i].identity.end_seconds / 3600;
+    auto noted = hours_noted_.find(hour);
+    if (noted == hours_noted_.end() || now - noted->second >= kNoteHourEveryMs) {
+      hours.insert(hour);
+    }
+  }
+  if (hours.empty()) {
+    return "";
+  }
+  std::string list;
+  for (int64_t hour : hours) {
+    list += (list.empty() ? "'{" : ",") + std::to_string(hour);
+    hours_noting_.push_back(hour);
+  }
+  return bound(vorn::schema::kNoteIdentityHoursPostgresql, list + "}'") + "; ";
+}
+
+void postgresql::transaction_committed() {
+  pending_ = true;
+  int64_t now = zclock_mono();
+  if (hours_noted_.size() > 64) {
+    for (auto it = hours_noted_.begin(); it != hours_noted_.end();) {
+      it = now - it->second >= kNoteHourEveryMs ? hours_noted_.erase(it) : std::next(it);
+    }
+  }
+  for (int64_t hour : hours_noting_) {
+    hours_noted_[hour] = now;
+  }
+  hours_noting_.clear();
+}
+
+void postgresql::fold_when_due() {
+  if (pending_ && zclock_mono() - last_fold_ms_ >= kFoldEveryMs) {
+    fold_latest();
+  }
 }
 
 commit_result postgresql::flush() {
   found_stored_ = 0;
   if (rows_.empty()) {
+    if (connection_) {
+      fold_when_due();
+    }
     return commit_result::committed;
   }
   if (!connect()) {
@@ -581,7 +667,8 @@ commit_result postgresql::flush() {
     if (batch.empty()) {
       return committed();
     }
-    if (forget_old_identities() && begin_and_store(batch) && update_latest_and_commit()) {
+    if (forget_old_identities() && store_and_commit(batch)) {
+      transaction_committed();
       return committed();
     }
     if (failure_ == failure::refused) {
@@ -621,9 +708,10 @@ commit_result postgresql::store_one_by_one() {
       return give_up_transaction();
     }
   }
-  if (!update_latest() || !command("COMMIT", "commit")) {
+  if (!command((note_hours_sql(unstored_rows()) + "COMMIT").c_str(), "commit")) {
     return give_up_transaction();
   }
+  transaction_committed();
   return committed();
 }
 

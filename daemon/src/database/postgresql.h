@@ -10,12 +10,12 @@
 // Writing: write() only checks a row and appends it to a buffer in COPY's
 // binary layout (outputs byte for byte, base64 decoded as in SQLite). flush()
 // copies the rows' identities into vorn_result_ids and the rows into vorn_1
-// with two binary COPYs, and brings vorn_latest up to the rows after the
-// rowid taken last before it began, in one transaction: a handful of round
-// trips per group commit rather than one per row. vorn_latest is updated with
-// every commit, not about once a second as in SQLite: with several servers,
-// rowids are taken before their transactions commit, so a later summary
-// could leave committed rows below max(last_rowid) unaccounted for.
+// with two binary COPYs in one transaction, sent as one query string: one
+// round trip per group commit rather than one per row. vorn_latest is brought
+// up to the rows about once a second, as in SQLite; since with several
+// servers rowids are taken before their transactions commit, each server's
+// rows not yet in vorn_latest are noted by a mark of its own, set in the
+// transaction of its rows, that readers go by (schema.h).
 //
 // Exactly once across servers: an identity is a row of vorn_result_ids
 // under a unique key, in the transaction of its result's row. A result sent
@@ -26,9 +26,10 @@
 // commits the rest; duplicates are rare (a restart, a fail-over), so the
 // common commit pays for no lookup. Identities go in in key order so that two
 // servers adding the same ones wait for each other rather than deadlock.
-// They are kept kRememberSeconds after they were stored and then deleted, a
-// batch with a commit at most once every kForgetEveryMs, by an index on
-// their time of storing.
+// They are forgotten by hour of end time, as in SQLite: vorn_result_id_hours
+// says when each hour was last stored into, and an hour nothing was stored
+// into for kRememberSeconds (and a minute) is deleted, a batch with a commit
+// at most once every kForgetEveryMs, found by the primary key.
 //
 // Failures: no connection, a server shutting down or starting up, a
 // read-only server (a standby after fail-over), a full disk, a deadlock or
@@ -49,6 +50,7 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -64,6 +66,8 @@ class retention_sweeper;
 class postgresql : public database {
  public:
   static constexpr int64_t kForgetEveryMs = 1000;
+  static constexpr int64_t kFoldEveryMs = 1000;
+  static constexpr int64_t kNoteHourEveryMs = 60 * 1000;
   // Identities forgotten at once: at least this many, and twice as many as
   // were stored since the last time, so forgetting keeps up.
   static constexpr int64_t kForgetAtLeast = 1024;
@@ -119,21 +123,31 @@ class postgresql : public database {
   // COPY's binary tuples of the identities of `batch`, and its rows' tuples.
   std::string identity_tuples(const std::vector<size_t>& batch) const;
   std::vector<std::string_view> result_pieces(const std::vector<size_t>& batch) const;
-  // Begins a transaction, notes the rowid taken last before it, and copies
-  // the rows `batch` and their identities in: as begin() and store(), in one
-  // round trip and the COPYs' own.
-  bool begin_and_store(const std::vector<size_t>& batch);
-  // update_latest() and the COMMIT, as one query string.
-  bool update_latest_and_commit();
+  // Begins a transaction, copies the rows `batch` and their identities in
+  // and commits: as begin(), store() and COMMIT, in one round trip and the
+  // COPYs' own.
+  bool store_and_commit(const std::vector<size_t>& batch);
   // Copies the rows `batch` (indexes into rows_) and their identities in,
   // in the open transaction.
   bool store(const std::vector<size_t>& batch);
   bool copy_identities(const std::vector<size_t>& batch, const char* sql);
   bool copy_results(const std::vector<size_t>& batch);
-  // Begins a transaction, noting the rowid taken last before it.
+  // Begins a transaction that marks its rows pending unless the mark is
+  // already (begin_sql() is its text).
   bool begin();
-  // Brings vorn_latest up to the rows after that rowid.
-  bool update_latest();
+  std::string begin_sql() const;
+  // Folds the rows of this server's pending mark, and of marks of servers
+  // that are gone, into vorn_latest; drops the connection on a failure.
+  bool fold_latest();
+  // The statement, ending in "; ", that notes the hours of end time of the
+  // rows `batch` in vorn_result_id_hours; those noted in the last
+  // kNoteHourEveryMs are left out, and none may be.
+  std::string note_hours_sql(const std::vector<size_t>& batch);
+  // After a commit of rows: their mark is set, their hours noted.
+  void transaction_committed();
+  // fold_latest() when something is pending and the last was kFoldEveryMs
+  // ago.
+  void fold_when_due();
   // Marks the rows whose result is stored already, in a transaction of its
   // own.
   bool find_stored();
@@ -159,7 +173,11 @@ class postgresql : public database {
   std::string sqlstate_;  // of the last failure, when PostgreSQL named one
   bool refused_for_good_ = false;
   uint64_t found_stored_ = 0;
-  int64_t rowid_before_ = 0;
+  std::string mark_;      // this server's row of vorn_latest_marks, while connected
+  bool pending_ = false;  // the mark is set: committed rows wait for the next fold
+  int64_t last_fold_ms_ = 0;
+  std::map<int64_t, int64_t> hours_noted_;  // hour of end time -> when noted, as committed
+  std::vector<int64_t> hours_noting_;       // in the open transaction
   std::atomic<int64_t> give_up_at_{0};
   int64_t last_forget_ms_ = 0;
   int64_t stored_since_forget_ = 0;

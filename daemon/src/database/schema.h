@@ -13,12 +13,14 @@
 // stored, NULL read as ''.
 //
 // The invariant readers rely on: every row of vorn_1 up to max(last_rowid) is
-// accounted for in vorn_latest. A server upserts the keys it wrote in the
-// transaction of their rows, about once a second (and when it stops), so the
-// rows after max(last_rowid) are at most a second's worth and a reader groups
-// those itself (kLatestIds). Rows that reached vorn_1 some other way (an older
-// server, a hand-made insert, a server killed before its next update) are
-// folded in when a server next opens the store (kCatchUp).
+// accounted for in vorn_latest. A server upserts the keys it wrote about once
+// a second (and when it stops), so the rows after max(last_rowid) are at most
+// a second's worth and a reader groups those itself (kLatestIds). In
+// PostgreSQL, where several servers' commits interleave, the invariant holds
+// below the lowest pending mark too, and readers go by both
+// (kLatestIdsWithMarks). Rows that reached vorn_1 some other way (an older
+// server, a hand-made insert, a SQLite server killed before its next update)
+// are folded in when a server next opens the store (kCatchUp).
 //
 // Statements are written with SQLite's numbered parameters (?1, ?2, ...);
 // postgresql() turns them into PostgreSQL's ($1, $2, ...).
@@ -74,15 +76,27 @@ inline constexpr const char* kCatchUp =
 // `ids` holds the rowid of each key's newest row, from vorn_latest and the
 // rows stored after the newest one it accounts for. ?1 and ?2 restrict
 // provider and host when not NULL.
+#define VORN_LATEST_IDS(KNOWN)                                                               \
+  "WITH known AS (" KNOWN                                                                    \
+  "), "                                                                                      \
+  "keyed AS ("                                                                               \
+  "  SELECT Provider AS p, Hostname AS h, OptionID AS o, last_rowid AS id FROM vorn_latest " \
+  "  UNION ALL "                                                                             \
+  "  SELECT coalesce(Provider, ''), coalesce(Hostname, ''), coalesce(OptionID, ''), rowid "  \
+  "  FROM vorn_1 WHERE rowid > (SELECT last FROM known)), "                                  \
+  "ids AS (SELECT max(id) AS id FROM keyed "                                                 \
+  "  WHERE (?1 IS NULL OR p = ?1) AND (?2 IS NULL OR h = ?2) GROUP BY p, h, o) "
 inline constexpr const char* kLatestIds =
-    "WITH known AS (SELECT coalesce(max(last_rowid), 0) AS last FROM vorn_latest), "
-    "keyed AS ("
-    "  SELECT Provider AS p, Hostname AS h, OptionID AS o, last_rowid AS id FROM vorn_latest "
-    "  UNION ALL "
-    "  SELECT coalesce(Provider, ''), coalesce(Hostname, ''), coalesce(OptionID, ''), rowid "
-    "  FROM vorn_1 WHERE rowid > (SELECT last FROM known)), "
-    "ids AS (SELECT max(id) AS id FROM keyed "
-    "  WHERE (?1 IS NULL OR p = ?1) AND (?2 IS NULL OR h = ?2) GROUP BY p, h, o) ";
+    VORN_LATEST_IDS("SELECT coalesce(max(last_rowid), 0) AS last FROM vorn_latest");
+
+// The same rule where servers note their rows not yet in vorn_latest in
+// vorn_latest_marks (PostgreSQL): the rows from the lowest pending mark on
+// are grouped too, wherever max(last_rowid) stands. LEAST passes over the
+// NULL of no pending mark.
+inline constexpr const char* kLatestIdsWithMarks = VORN_LATEST_IDS(
+    "SELECT least((SELECT coalesce(max(last_rowid), 0) FROM vorn_latest), "
+    "(SELECT min(pending) - 1 FROM vorn_latest_marks)) AS last");
+#undef VORN_LATEST_IDS
 
 // The rows of vorn_1 (as r) that `ids` names, as a FROM clause after
 // kLatestIds. SQLite looks each up by rowid from a join. PostgreSQL cannot
@@ -166,23 +180,38 @@ inline constexpr const char* kRetentionTurnPostgresql =
 // The PostgreSQL store's own tables and statements (postgresql.h says why
 // they are shaped so).
 
-// Identities of stored results (result_identity.h), with the Unix seconds at
-// which each was stored; the end time leads the key so that new identities go
-// next to recent ones. The 128-bit hash is a uuid: fixed-size and compared as
-// bytes, a cheaper key than bytea, and the same 16 bytes in COPY's binary
-// layout, so that a table made with bytea takes them as well.
+// Identities of stored results (result_identity.h); the end time leads the
+// key so that new identities go next to recent ones. stored_at is no longer
+// read (vorn_result_id_hours says when each hour was stored into), and kept
+// for tables made before, and the servers that wrote them. The 128-bit hash is a uuid: fixed-size
+// and compared as bytes, a cheaper key than bytea, and the same 16 bytes in COPY's binary layout,
+// so that a table made with bytea takes them as well.
 inline constexpr const char* kCreateIdentitiesPostgresql =
     "CREATE TABLE IF NOT EXISTS vorn_result_ids (end_seconds bigint NOT NULL, hash uuid NOT "
     "NULL, stored_at bigint NOT NULL DEFAULT (extract(epoch FROM now())::bigint), "
     "PRIMARY KEY (end_seconds, hash))";
-inline constexpr const char* kCreateIdentitiesByAgePostgresql =
-    "CREATE INDEX IF NOT EXISTS vorn_result_ids_by_age ON vorn_result_ids (stored_at)";
-
-// The rowid taken last, by any server: the rows a transaction copies in
-// after reading it have greater ones.
-inline constexpr const char* kRowidBeforePostgresql =
-    "SELECT coalesce(pg_sequence_last_value(pg_get_serial_sequence('vorn_1', 'rowid')::regclass), "
-    "0)";
+// For each hour of end time (end_seconds / 3600), when a result of it was
+// last stored, by the database's clock: a server writes it at most once a
+// minute per hour, in the transaction of its rows, so that identities are
+// forgotten by hour without an index of their own on the time of storing.
+inline constexpr const char* kCreateIdentityHoursPostgresql =
+    "CREATE TABLE IF NOT EXISTS vorn_result_id_hours (hour bigint PRIMARY KEY, stored_at bigint "
+    "NOT NULL)";
+// A table made with that index (by an earlier server): the hours of its
+// identities are noted from their stored_at once, and the index dropped.
+inline constexpr const char* kMigrateIdentityHoursPostgresql =
+    "INSERT INTO vorn_result_id_hours (hour, stored_at) SELECT end_seconds / 3600, max(stored_at) "
+    "FROM vorn_result_ids WHERE to_regclass('vorn_result_ids_by_age') IS NOT NULL GROUP BY 1 "
+    "ON CONFLICT (hour) DO UPDATE SET stored_at = greatest(vorn_result_id_hours.stored_at, "
+    "excluded.stored_at); DROP INDEX IF EXISTS vorn_result_ids_by_age";
+// The hours a commit stored into: `VALUES` rows (hour, now) follow, in
+// order, so that servers noting the same ones wait for each other rather
+// than deadlock.
+inline constexpr const char* kNoteIdentityHoursPostgresql =
+    "INSERT INTO vorn_result_id_hours (hour, stored_at) SELECT h, extract(epoch FROM "
+    "now())::bigint "
+    "FROM unnest($1::bigint[]) h ORDER BY h ON CONFLICT (hour) DO UPDATE SET stored_at = "
+    "excluded.stored_at";
 
 // Binary COPY of a commit's rows, and of their identities; a known identity
 // fails the latter (unique_violation).
@@ -205,24 +234,61 @@ inline constexpr const char* kFindStoredPostgresql =
     "SELECT p.end_seconds, p.hash FROM vorn_probe p JOIN vorn_result_ids i "
     "ON i.end_seconds = p.end_seconds AND i.hash = p.hash";
 
-// Brings vorn_latest up to the rows after rowid $1 that the transaction
-// sees: its own, and others committed meanwhile (which is as right). Nearly
-// every key is in vorn_latest already, and a plain update of those costs
-// about half of what an INSERT ... ON CONFLICT does for each; the few new
-// keys are inserted after it, in the same statement, and a key another
-// server inserted meanwhile is updated instead. A row locked by another
-// server's commit is waited for and its new last_rowid compared with.
-inline constexpr const char* kUpsertLatestSincePostgresql =
-    "WITH n AS (SELECT coalesce(Provider, '') AS p, coalesce(Hostname, '') AS h, "
-    "coalesce(OptionID, '') AS o, max(rowid) AS id FROM vorn_1 WHERE rowid > $1::bigint "
-    "GROUP BY 1, 2, 3), "
-    "u AS (UPDATE vorn_latest l SET last_rowid = n.id FROM n WHERE l.Provider = n.p AND "
-    "l.Hostname = n.h AND l.OptionID = n.o AND n.id > l.last_rowid) "
+// vorn_latest in PostgreSQL. With several servers, rowids are taken before
+// their transactions commit, so a server's rows may commit below
+// max(last_rowid) after another server summarised its own. Each server
+// therefore owns a mark, a row of vorn_latest_marks whose `pending` is the
+// lowest rowid its committed rows not yet in vorn_latest may have (NULL when
+// there are none). A commit sets it, if unset, in the transaction of its rows;
+// about once a second the server folds its rows into vorn_latest and clears
+// it, in one transaction. Readers group the rows from the lowest pending mark
+// on (kLatestIdsWithMarks). A server holds a session advisory lock on its
+// mark (the two-key lock (4097001, the mark's id)): a mark whose lock can be
+// taken belongs to a server that is gone, and whoever takes it folds its rows
+// in and deletes it.
+inline constexpr const char* kCreateMarksPostgresql =
+    "CREATE TABLE IF NOT EXISTS vorn_latest_marks (id integer GENERATED BY DEFAULT AS IDENTITY "
+    "PRIMARY KEY, pending bigint)";
+// A new mark, locked before anyone else can see it.
+inline constexpr const char* kTakeMarkPostgresql =
+    "INSERT INTO vorn_latest_marks DEFAULT VALUES RETURNING id, "
+    "pg_advisory_lock(4097001, id)";
+// The marks of servers that are gone, other than $1 (this server's), locked
+// now by this session. OFFSET 0 keeps the lock from being tried on $1's.
+inline constexpr const char* kTakeOrphanMarksPostgresql =
+    "SELECT id FROM (SELECT id FROM vorn_latest_marks WHERE id <> $1::integer OFFSET 0) m "
+    "WHERE pg_try_advisory_lock(4097001, id)";
+// In a commit, before its rows: the rows after the rowid taken last are
+// pending. $1 the mark.
+inline constexpr const char* kSetMarkPostgresql =
+    "UPDATE vorn_latest_marks SET pending = coalesce(pending, coalesce(pg_sequence_last_value("
+    "pg_get_serial_sequence('vorn_1', 'rowid')::regclass), 0) + 1) WHERE id = $1::integer";
+// Brings vorn_latest up to the rows from the lowest pending mark of $1 (an
+// array of marks) on, which the transaction sees with every other row
+// committed meanwhile (as right). Keys go in order, the order in which
+// retention locks them too, so that two writers, or a writer and a deletion,
+// wait for each other rather than deadlock; a newer last_rowid is kept.
+inline constexpr const char* kFoldMarksPostgresql =
     "INSERT INTO vorn_latest (Provider, Hostname, OptionID, last_rowid) "
-    "SELECT p, h, o, id FROM n WHERE NOT EXISTS (SELECT 1 FROM vorn_latest l WHERE "
-    "l.Provider = n.p AND l.Hostname = n.h AND l.OptionID = n.o) ORDER BY 1, 2, 3 "
+    "SELECT coalesce(Provider, ''), coalesce(Hostname, ''), coalesce(OptionID, ''), max(rowid) "
+    "FROM vorn_1 WHERE rowid >= (SELECT min(pending) FROM vorn_latest_marks WHERE id = ANY "
+    "($1::integer[])) GROUP BY 1, 2, 3 ORDER BY 1, 2, 3 "
     "ON CONFLICT (Provider, Hostname, OptionID) DO UPDATE SET last_rowid = excluded.last_rowid "
     "WHERE excluded.last_rowid > vorn_latest.last_rowid";
+
+// After kFoldMarksPostgresql, in its transaction: the folded marks of
+// servers that are gone ($1 less $2) are deleted, and this server's ($2) has
+// nothing pending.
+inline constexpr const char* kClearMarksPostgresql =
+    "DELETE FROM vorn_latest_marks WHERE id = ANY ($1::integer[]) AND id <> $2::integer; "
+    "UPDATE vorn_latest_marks SET pending = NULL WHERE id = $2::integer";
+// After the commit: lets go of the deleted marks' locks.
+inline constexpr const char* kReleaseMarksPostgresql =
+    "SELECT pg_advisory_unlock(4097001, m) FROM unnest($1::integer[]) m WHERE m <> $2::integer";
+
+// A stopping server's mark, with nothing pending.
+inline constexpr const char* kDropMarkPostgresql =
+    "DELETE FROM vorn_latest_marks WHERE id = $1::integer";
 
 // vorn_1's columns as PostgreSQL describes them, for checking a table found
 // in place: "name type,name type,...".
@@ -235,13 +301,19 @@ inline constexpr const char* kResultsLayout =
     "encoding integer,stdout_size bigint,stdout bytea,stderr_size bigint,stderr bytea,"
     "optionid text,version integer";
 
-// Forgets up to $2 identities stored more than $1 seconds ago by the
-// database's clock, oldest first; ones another server is forgetting just now
-// are left to it.
+// Forgets up to $2 identities of the oldest hours nothing was stored into
+// for $1 seconds by the database's clock, found by the primary key's end
+// time, and those hours once they have none left. An hour or an identity
+// another server is forgetting or storing into just now is left alone.
 inline constexpr const char* kForgetIdentitiesPostgresql =
-    "DELETE FROM vorn_result_ids WHERE ctid = ANY (ARRAY (SELECT ctid FROM vorn_result_ids "
-    "WHERE stored_at < extract(epoch FROM now())::bigint - $1::bigint ORDER BY stored_at "
-    "LIMIT $2::bigint FOR UPDATE SKIP LOCKED))";
+    "WITH h AS (SELECT hour FROM vorn_result_id_hours WHERE stored_at < "
+    "extract(epoch FROM now())::bigint - $1::bigint ORDER BY hour LIMIT 16 FOR UPDATE SKIP "
+    "LOCKED), "
+    "gone AS (DELETE FROM vorn_result_ids WHERE ctid = ANY (ARRAY (SELECT i.ctid FROM "
+    "vorn_result_ids i JOIN h ON i.end_seconds >= h.hour * 3600 AND i.end_seconds < h.hour * "
+    "3600 + 3600 LIMIT $2::bigint FOR UPDATE OF i SKIP LOCKED)) RETURNING 1) "
+    "DELETE FROM vorn_result_id_hours WHERE hour IN (SELECT hour FROM h) AND "
+    "(SELECT count(*) FROM gone) < $2::bigint";
 
 // Held while a server creates the tables, so that servers starting together
 // do not trip over each other's CREATE.
