@@ -516,6 +516,9 @@ commit_result sqlite::flush() {
   if (rc == 0) {
     in_transaction_ = false;
     uncommitted_ = 0;
+    if (retention_) {
+      retention_->note_commit();
+    }
     if (identities_) {
       identities_->committed();
     }

@@ -600,6 +600,9 @@ commit_result postgresql::committed() {
   }
   clear_rows();
   fold_when_due();
+  if (retention_) {
+    retention_->note_commit();
+  }
   return commit_result::committed;
 }
 

@@ -153,6 +153,12 @@ void retention_sweeper::run() {
   }
 }
 
+int64_t retention_sweeper::now_ms() {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(
+             std::chrono::steady_clock::now().time_since_epoch())
+      .count();
+}
+
 bool retention_sweeper::sweep() {
   const int64_t cutoff = static_cast<int64_t>(std::time(nullptr)) - retention_seconds_;
   int64_t after = std::numeric_limits<int64_t>::min();
@@ -189,7 +195,9 @@ bool retention_sweeper::sweep() {
     after = batch.window_end;
     if (batch.deleted > 0) {
       std::unique_lock<std::mutex> lock(mutex_);
-      if (wake_.wait_for(lock, took * kRestFactor, [this] { return stopping_; })) {
+      const bool busy = now_ms() - last_commit_ms_.load(std::memory_order_relaxed) < kBusyMs;
+      const auto rest = took * (busy ? kBusyRestFactor : kIdleRestFactor);
+      if (wake_.wait_for(lock, rest, [this] { return stopping_; })) {
         return false;
       }
     }
