@@ -120,6 +120,16 @@ class CliTest : public testing::Test {
 
   std::string db_path() const { return dir_ / "db/vorn.db"; }
 
+  // The real sender stores one result of provider "bytes" with every byte
+  // value in its output.
+  void send_all_bytes() {
+    std::string bytes_file = dir_ / "bytes";
+    vorn::test::write_file(bytes_file, vorn::test::all_bytes());
+    Process sender({kSend, "-c", config_, "bytes", bytes_file}, dir_.path());
+    ASSERT_EQ(sender.wait_exit(), 0) << sender.err();
+    sent_ = 1;
+  }
+
   void start_server() {
     server_ = std::make_unique<Process>(std::vector<std::string>{kServerd, "-d", "-c", config_},
                                         dir_.path());
@@ -440,12 +450,8 @@ TEST_F(CliTest, TimedOutResultsAreFailing) {
 
 TEST_F(CliTest, ShowAndHistory) {
   start_server();
-  // The real sender, with every byte value in the output.
-  std::string bytes_file = dir_ / "bytes";
-  vorn::test::write_file(bytes_file, vorn::test::all_bytes());
-  Process sender({kSend, "-c", config_, "bytes", bytes_file}, dir_.path());
-  ASSERT_EQ(sender.wait_exit(), 0) << sender.err();
-  sent_ = 1;
+  send_all_bytes();
+  ASSERT_FALSE(HasFatalFailure());
   send({
       {"hist", "node1", "None", 0, 5000, "h1\n", "warning \x01\n"},
       {"hist", "node1", "None", 1, 4000, "h2\n"},
@@ -1105,11 +1111,8 @@ TEST_F(CliTest, PostgresqlAnswersAsSqlite) {
     GTEST_SKIP() << why;
   }
   start_server();
-  std::string bytes_file = dir_ / "bytes";
-  vorn::test::write_file(bytes_file, vorn::test::all_bytes());
-  Process sender({kSend, "-c", config_, "bytes", bytes_file}, dir_.path());
-  ASSERT_EQ(sender.wait_exit(), 0) << sender.err();
-  sent_ = 1;
+  send_all_bytes();
+  ASSERT_FALSE(HasFatalFailure());
   std::vector<Sent> sent = {
       {"disk", "node1", "None", 0, 3600, "disk ok 1\n"},
       {"disk", "node2", "None", 1, 40, "disk full 2\n", "no space\x01\n"},
