@@ -183,9 +183,10 @@ inline constexpr const char* kRetentionTurnPostgresql =
 // Identities of stored results (result_identity.h); the end time leads the
 // key so that new identities go next to recent ones. stored_at is no longer
 // read (vorn_result_id_hours says when each hour was stored into), and kept
-// for tables made before, and the servers that wrote them. The 128-bit hash is a uuid: fixed-size
-// and compared as bytes, a cheaper key than bytea, and the same 16 bytes in COPY's binary layout,
-// so that a table made with bytea takes them as well.
+// for tables made before, and the servers that wrote them. The 128-bit hash
+// is a uuid: fixed-size and compared as bytes, a cheaper key than bytea, and
+// the same 16 bytes in COPY's binary layout, so that a table made with bytea
+// takes them as well.
 inline constexpr const char* kCreateIdentitiesPostgresql =
     "CREATE TABLE IF NOT EXISTS vorn_result_ids (end_seconds bigint NOT NULL, hash uuid NOT "
     "NULL, stored_at bigint NOT NULL DEFAULT (extract(epoch FROM now())::bigint), "
