@@ -28,25 +28,6 @@ constexpr Oid kFloat8Oid = 701;
 // system's TCP time-out; a database URL may set its own.
 constexpr const char* kConnectTimeoutSeconds = "10";
 
-// libpq's messages run over lines ("...failed: ...\n\tIs the server
-// running...?"); the user gets them as one.
-std::string one_line(const char* message) {
-  std::string line;
-  bool blank = false;
-  for (const char* c = message; *c != '\0'; ++c) {
-    if (*c == '\n' || *c == '\t' || *c == '\r' || *c == ' ') {
-      blank = true;
-      continue;
-    }
-    if (blank && !line.empty()) {
-      line += ' ';
-    }
-    blank = false;
-    line += *c;
-  }
-  return line;
-}
-
 std::string big_endian(int64_t value) {
   std::string bytes(8, '\0');
   auto bits = static_cast<uint64_t>(value);
@@ -138,22 +119,9 @@ class PostgresqlConnection : public Connection {
   explicit PostgresqlConnection(const std::string& url)
       : name_(describe({Database::Kind::postgresql, url})) {
     // A URL libpq cannot parse is told as such, not as a failed connection.
-    char* error = nullptr;
-    PQconninfoOption* options = PQconninfoParse(url.c_str(), &error);
-    if (options == nullptr) {
-      std::string why = error != nullptr ? one_line(error) : "out of memory";
-      PQfreemem(error);
-      // libpq quotes the part it could not parse, which may be a password.
-      const std::string hidden = "\"...\"";
-      for (size_t open = why.find('"'); open != std::string::npos;
-           open = why.find('"', open + hidden.size())) {
-        size_t close = why.find('"', open + 1);
-        why.replace(open, close == std::string::npos ? std::string::npos : close - open + 1,
-                    hidden);
-      }
+    if (std::string why = pq_url_error(url); !why.empty()) {
       throw StoreError("cannot use the PostgreSQL database URL: " + why);
     }
-    PQconninfoFree(options);
 
     // The URL's own settings override the ones before it.
     const char* const keys[] = {"connect_timeout", "fallback_application_name", "dbname", nullptr};
@@ -208,8 +176,9 @@ class PostgresqlConnection : public Connection {
     if (!succeeded(result.get())) {
       const char* primary =
           result ? PQresultErrorField(result.get(), PG_DIAG_MESSAGE_PRIMARY) : nullptr;
-      throw StoreError("cannot read " + name_ + ": " +
-                       one_line(primary != nullptr ? primary : PQerrorMessage(connection_.get())));
+      throw StoreError(
+          "cannot read " + name_ + ": " +
+          pq_one_line(primary != nullptr ? primary : PQerrorMessage(connection_.get())));
     }
     return std::make_unique<PostgresqlRows>(std::move(result), name_);
   }
@@ -240,7 +209,7 @@ class PostgresqlConnection : public Connection {
   void check_connected() {
     if (PQstatus(connection_.get()) != CONNECTION_OK) {
       throw StoreError("cannot connect to " + name_ + ": " +
-                       one_line(PQerrorMessage(connection_.get())));
+                       pq_one_line(PQerrorMessage(connection_.get())));
     }
     // Texts are read as stored, whatever client encoding the environment
     // asks for.

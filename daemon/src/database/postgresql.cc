@@ -18,26 +18,6 @@ namespace {
 
 constexpr const char* kLogSource = "daemon/src/database";
 
-// libpq's messages end in a newline and may span lines; the log wants one.
-std::string one_line(const char* message) {
-  std::string text = message != nullptr ? message : "";
-  for (char& c : text) {
-    if (c == '\n' || c == '\t') {
-      c = ' ';
-    }
-  }
-  while (!text.empty() && text.back() == ' ') {
-    text.pop_back();
-  }
-  std::string squeezed;
-  for (char c : text) {
-    if (!(c == ' ' && !squeezed.empty() && squeezed.back() == ' ')) {
-      squeezed.push_back(c);
-    }
-  }
-  return squeezed;
-}
-
 bool valid_utf8(std::string_view text) {
   size_t i = 0;
   while (i < text.size()) {
@@ -201,7 +181,7 @@ bool postgresql::connect() {
   // Notices ("relation already exists, skipping") are no news.
   PQsetNoticeProcessor(connection.get(), ignore_notice, nullptr);
   if (PQstatus(connection.get()) != CONNECTION_OK) {
-    last_error_ = "cannot connect to PostgreSQL: " + one_line(PQerrorMessage(connection.get()));
+    last_error_ = "cannot connect to PostgreSQL: " + pq_one_line(PQerrorMessage(connection.get()));
     refused_for_good_ = connection_refused_for_good(connection.get());
     return false;
   }
@@ -300,7 +280,7 @@ bool postgresql::check(pq_result result, const char* what, pq_result* out) {
   }
   const char* message =
       result ? PQresultErrorMessage(result.get()) : PQerrorMessage(connection_.get());
-  last_error_ = std::string(what) + ": " + one_line(message);
+  last_error_ = std::string(what) + ": " + pq_one_line(message);
   failure_ = refuses_a_value(result.get()) ? failure::refused : failure::may_pass;
   const char* state = result ? PQresultErrorField(result.get(), PG_DIAG_SQLSTATE) : nullptr;
   sqlstate_ = state != nullptr ? state : "";
@@ -397,7 +377,7 @@ bool postgresql::send_copy(const char* what, const std::vector<std::string_view>
   }
   sent = sent && PQputCopyData(connection, kCopyTrailer, 2) == 1;
   if (PQputCopyEnd(connection, sent ? nullptr : "not sent whole") != 1) {
-    last_error_ = std::string(what) + ": " + one_line(PQerrorMessage(connection));
+    last_error_ = std::string(what) + ": " + pq_one_line(PQerrorMessage(connection));
     failure_ = failure::may_pass;
     return false;
   }
@@ -482,7 +462,7 @@ bool postgresql::store_and_commit(const std::vector<size_t>& batch) {
   copies.push_back({"insert", result_pieces(batch)});
   PGconn* connection = connection_.get();
   if (PQsendQuery(connection, sql.c_str()) != 1) {
-    last_error_ = std::string("begin: ") + one_line(PQerrorMessage(connection));
+    last_error_ = std::string("begin: ") + pq_one_line(PQerrorMessage(connection));
     failure_ = failure::may_pass;
     return false;
   }
@@ -515,7 +495,7 @@ bool postgresql::store_and_commit(const std::vector<size_t>& batch) {
     }
   }
   if (stored && copy != copies.size()) {
-    last_error_ = std::string("insert: ") + one_line(PQerrorMessage(connection));
+    last_error_ = std::string("insert: ") + pq_one_line(PQerrorMessage(connection));
     failure_ = failure::may_pass;
     return false;
   }
@@ -718,49 +698,10 @@ commit_result postgresql::store_one_by_one() {
   return committed();
 }
 
-namespace {
-
-// What in a url may be a password: the value of a password keyword, or what
-// follows the user name in a URI's user information.
-std::vector<std::string> passwords_in(const std::string& url) {
-  std::vector<std::string> found;
-  for (size_t at = url.find("password="); at != std::string::npos;
-       at = url.find("password=", at + 1)) {
-    size_t begin = at + 9;
-    size_t end = url.find_first_of(" &", begin);
-    found.push_back(url.substr(begin, end == std::string::npos ? end : end - begin));
-  }
-  if (size_t scheme = url.find("://"); scheme != std::string::npos) {
-    size_t begin = scheme + 3;
-    std::string authority = url.substr(begin, url.find_first_of("/?", begin) - begin);
-    size_t at = authority.rfind('@');
-    size_t colon = authority.find(':');
-    if (at != std::string::npos && colon < at) {
-      found.push_back(authority.substr(colon + 1, at - colon - 1));
-    }
-  }
-  for (std::string& secret : found) {
-    if (secret.size() >= 2 && (secret.front() == '\'' || secret.front() == '"')) {
-      secret = secret.substr(1, secret.size() - 2);
-    }
-  }
-  return found;
-}
-
-}  // namespace
-
 bool valid_database_url(const std::string& url, std::string* error) {
-  char* message = nullptr;
-  if (PQconninfoOption* options = PQconninfoParse(url.c_str(), &message)) {
-    PQconninfoFree(options);
+  std::string why = pq_url_error(url);
+  if (why.empty()) {
     return true;
-  }
-  std::string why = message != nullptr ? one_line(message) : "out of memory";
-  PQfreemem(message);
-  for (const std::string& secret : passwords_in(url)) {
-    for (size_t at; !secret.empty() && (at = why.find(secret)) != std::string::npos;) {
-      why.replace(at, secret.size(), "****");
-    }
   }
   *error = "database_url is not a PostgreSQL connection string or URI: " + why;
   return false;

@@ -21,20 +21,6 @@
 
 namespace {
 
-// libpq's messages end in a newline and may span lines; the log wants one.
-std::string one_line(const char* message) {
-  std::string text = message != nullptr ? message : "";
-  while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) {
-    text.pop_back();
-  }
-  for (char& c : text) {
-    if (c == '\n') {
-      c = ' ';
-    }
-  }
-  return text;
-}
-
 class postgresql_store : public retention_store {
  public:
   postgresql_store(std::string url, int64_t retention_seconds)
@@ -76,7 +62,7 @@ class postgresql_store : public retention_store {
     pq_connection connection(PQconnectdbParams(keywords, values, 1));
     if (!connection || PQstatus(connection.get()) != CONNECTION_OK) {
       *error = "cannot connect to PostgreSQL: " +
-               (connection ? one_line(PQerrorMessage(connection.get())) : "out of memory");
+               (connection ? pq_one_line(PQerrorMessage(connection.get())) : "out of memory");
       return false;
     }
     connection_ = std::move(connection);
@@ -94,8 +80,8 @@ class postgresql_store : public retention_store {
                                   nullptr, values.data(), nullptr, nullptr, 0));
     ExecStatusType status = result ? PQresultStatus(result.get()) : PGRES_FATAL_ERROR;
     if (status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK) {
-      *error =
-          one_line(result ? PQresultErrorMessage(result.get()) : PQerrorMessage(connection_.get()));
+      *error = pq_one_line(result ? PQresultErrorMessage(result.get())
+                                  : PQerrorMessage(connection_.get()));
       return nullptr;
     }
     return result;
