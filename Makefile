@@ -1,4 +1,4 @@
-# Front door of the project: `make run`, `make test`, `make build`, `make fuzz`.
+# Front door of the project: `make run`, `make test`, `make build`, `make package`, `make fuzz`.
 # Each target installs missing Debian packages (as root) and configures CMake itself.
 
 PACKAGES := cmake g++ make pkg-config libczmq-dev libzmq3-dev libxml2-dev \
