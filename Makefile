@@ -1,4 +1,4 @@
-# Front door of the project: `make run`, `make test`, `make build`, `make fuzz`.
+# Front door of the project: `make run`, `make test`, `make build`, `make package`, `make fuzz`.
 # Each target installs missing Debian packages (as root) and configures CMake itself.
 
 PACKAGES := cmake g++ make pkg-config libczmq-dev libzmq3-dev libxml2-dev \
@@ -8,7 +8,10 @@ PACKAGES := cmake g++ make pkg-config libczmq-dev libzmq3-dev libxml2-dev \
 # Only the tests use these: Prometheus' own parser reads vorn's /metrics and its
 # promtool checks the README's configuration; a browser, driven by chromedriver,
 # loads the status page (that test is skipped, saying why, without them).
-TEST_PACKAGES := python3-prometheus-client prometheus postgresql
+TEST_PACKAGES := python3-prometheus-client prometheus postgresql lintian
+# `make package`: CPack's DEB generator computes dependencies with
+# dpkg-shlibdeps and finds the programs with file.
+PACKAGE_TOOLS := dpkg-dev file
 BROWSER_PACKAGES := chromium chromium-driver
 BUILD_DIR := build
 TEST_DIR := build-test
@@ -16,7 +19,7 @@ FUZZ_DIR := build-fuzz
 FUZZ_SECONDS ?= 60
 JOBS ?= $(shell nproc)
 
-.PHONY: all deps test-deps build run test fuzz bench format clean
+.PHONY: all deps test-deps package-deps build package run test fuzz bench format clean
 
 all: build
 
@@ -49,15 +52,26 @@ $(BUILD_DIR)/CMakeCache.txt: | deps
 	cmake -S . -B $(BUILD_DIR) -DCMAKE_BUILD_TYPE=Release -DVORN_TESTS=OFF
 
 $(TEST_DIR)/CMakeCache.txt: | test-deps
-	cmake -S . -B $(TEST_DIR) -DCMAKE_BUILD_TYPE=Debug -DVORN_SANITIZE=ON -DVORN_TESTS=ON
+	cmake -S . -B $(TEST_DIR) -DCMAKE_BUILD_TYPE=Debug -DVORN_SANITIZE=ON -DVORN_TESTS=ON \
+	  -DVORN_PACKAGE_DIR=$(abspath $(BUILD_DIR))
 
 build: deps $(BUILD_DIR)/CMakeCache.txt
 	cmake --build $(BUILD_DIR) -j $(JOBS)
 
+# Debian packages of the Release build, into $(BUILD_DIR)/ (CMake's package
+# target builds every program first).
+package-deps: deps
+	@$(call install_missing,$(PACKAGE_TOOLS),exit 1)
+
+package: package-deps $(BUILD_DIR)/CMakeCache.txt
+	cmake --build $(BUILD_DIR) -j $(JOBS) --target package
+
 run: build
 	tools/demo.sh $(BUILD_DIR)
 
-test: test-deps $(TEST_DIR)/CMakeCache.txt
+# The package test checks and installs the packages of the Release build,
+# not the sanitizer build's programs: they are built first.
+test: test-deps package $(TEST_DIR)/CMakeCache.txt
 	cmake --build $(TEST_DIR) -j $(JOBS)
 	cd $(TEST_DIR) && ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 \
 	  UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
