@@ -36,13 +36,13 @@ endif()
 # made by its postinst, and keeps its files under /var; a plain install runs
 # as root, whose $HOME the repository's configuration uses for both.
 if(VORN_UNIT_PACKAGE)
-  set(VORN_UNIT_ACCOUNT "# The system account ${VORN_UNIT_PACKAGE} made, owner of /var/lib/vorn and \
-/var/cache/vorn.\n# Homes are read-only for it: a database_file moved below /home or /root \
-needs\n# ReadWritePaths= naming its directory (`systemctl edit`).\nUser=vorn\nGroup=vorn\n\
-ProtectHome=read-only")
+  set(VORN_UNIT_ACCOUNT "# The system account ${VORN_UNIT_PACKAGE} made, owner of /var/lib/vorn and\n\
+# /var/cache/vorn. Homes are read-only for it: a database_file moved below\n\
+# /home or /root needs ReadWritePaths= naming its directory (`systemctl edit`).\n\
+User=vorn\nGroup=vorn\nProtectHome=read-only")
 else()
-  set(VORN_UNIT_ACCOUNT "# root, whose $HOME holds the database and working directory of the \
-repository's\n# configuration.\nUser=root")
+  set(VORN_UNIT_ACCOUNT "# root, whose $HOME holds the database and the working directory of \
+the\n# repository's configuration.\nUser=root")
 endif()
 
 # Staged per destination, so that installs of one build tree to different
