@@ -32,6 +32,18 @@ else()
   set(VORN_UNIT_ORIGIN "Written by `cmake --install` for its prefix; install again to point it \
 at\n# another one.")
 endif()
+# The server's account, which its status page shares. A package has its own,
+# made by its postinst, and keeps its files under /var; a plain install runs
+# as root, whose $HOME the repository's configuration uses for both.
+if(VORN_UNIT_PACKAGE)
+  set(VORN_UNIT_ACCOUNT "# The system account ${VORN_UNIT_PACKAGE} made, owner of /var/lib/vorn and\n\
+# /var/cache/vorn. Homes are read-only for it: a database_file moved below\n\
+# /home or /root needs ReadWritePaths= naming its directory (`systemctl edit`).\n\
+User=vorn\nGroup=vorn\nProtectHome=read-only")
+else()
+  set(VORN_UNIT_ACCOUNT "# root, whose $HOME holds the database and the working directory of \
+the\n# repository's configuration.\nUser=root")
+endif()
 
 # Staged per destination, so that installs of one build tree to different
 # places do not overwrite each other's units before they are copied; removed
