@@ -8,7 +8,9 @@ PACKAGES := cmake g++ make pkg-config libczmq-dev libzmq3-dev libxml2-dev \
 # Only the tests use these: Prometheus' own parser reads vorn's /metrics and its
 # promtool checks the README's configuration; a browser, driven by chromedriver,
 # loads the status page (that test is skipped, saying why, without them).
-TEST_PACKAGES := python3-prometheus-client prometheus postgresql lintian
+# lintian checks the Debian packages, dpkg installs them (vorn-server needs
+# adduser) and systemd-analyze reads their units.
+TEST_PACKAGES := python3-prometheus-client prometheus postgresql lintian adduser systemd
 # `make package`: CPack's DEB generator computes dependencies with
 # dpkg-shlibdeps and finds the programs with file.
 PACKAGE_TOOLS := dpkg-dev file
