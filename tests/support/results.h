@@ -92,8 +92,9 @@ inline bool execute(const std::string& db_path, const std::string& sql) {
   return done;
 }
 
-inline long count_rows(const std::string& db_path) {
-  auto rows = query(db_path, "SELECT count(*) FROM vorn_1");
+// Rows of vorn_1 that match `where`; -1 when the database cannot be read.
+inline long count_rows(const std::string& db_path, const std::string& where = "1") {
+  auto rows = query(db_path, "SELECT count(*) FROM vorn_1 WHERE " + where);
   return rows.empty() ? -1 : std::stol(rows[0][0]);
 }
 
