@@ -182,6 +182,11 @@ void Process::send_signal(int signal_number) const {
   ::kill(pid_, signal_number);
 }
 
+int Process::terminate(milliseconds timeout) {
+  send_signal(SIGTERM);
+  return wait_exit(timeout);
+}
+
 int output_files(const std::string& directory) {
   int count = 0;
   if (DIR* dir = ::opendir(directory.c_str())) {

@@ -93,6 +93,9 @@ class Process {
 
   void send_signal(int signal_number) const;
 
+  // SIGTERM, then wait_exit: 0 for a daemon that stopped cleanly.
+  int terminate(milliseconds timeout = milliseconds(10000));
+
  private:
   std::string out_path_;
   std::string err_path_;
