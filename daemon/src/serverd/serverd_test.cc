@@ -18,6 +18,7 @@
 #include <thread>
 
 #include "daemon/src/provider/sender.h"
+#include "tests/support/daemons.h"
 #include "tests/support/results.h"
 #include "tests/support/test_support.h"
 #include "util/fs.h"
@@ -25,11 +26,9 @@
 
 namespace {
 
-using vorn::test::Process;
-using vorn::test::TempDir;
+using namespace vorn::test;
 
 const std::string kServerd = VORN_SERVERD_PATH;
-const std::string kReady = "Accumulate server started and subscribing to 'ACCUMULATE vorn3'";
 
 class ServerdTest : public testing::Test {
  protected:
@@ -37,31 +36,28 @@ class ServerdTest : public testing::Test {
   // Keys in `overrides` come first and so win over the defaults that follow.
   std::string write_config(const std::string& overrides = "", const std::string& name = "vornd") {
     std::string path = dir_ / (name + ".xml");
-    std::string keys = overrides + "<accumulate_port>" + std::to_string(port_) +
-                       "</accumulate_port>\n" + "<accumulate_output_dir>" + (dir_ / "acc") +
-                       "</accumulate_output_dir>\n" + "<database_file>" + db_path() +
-                       "</database_file>\n";
-    vorn::test::write_file(path, vorn::test::config_xml(keys));
+    write_file(path, config_xml(overrides + server_keys(port_, dir_.path(), db_path())));
     return path;
   }
 
   std::string db_path() const { return dir_ / "db/vorn.db"; }
 
-  // A publisher that has completed the acknowledgement handshake.
-  vorn::czmq::Socket connect_sender() const {
-    auto publisher = connect_result_publisher("tcp://127.0.0.1:" + std::to_string(port_));
-    EXPECT_TRUE(publisher);
-    EXPECT_TRUE(request_pub_ack(publisher.get(), sender_config_, "127.0.0.1", 10000));
-    return publisher;
-  }
+  vorn::czmq::Socket connect_sender() const { return acked_publisher(port_, sender_config_); }
 
   std::unique_ptr<Process> start(std::vector<std::string> args) {
     args.insert(args.begin(), kServerd);
     return std::make_unique<Process>(args, dir_.path());
   }
 
+  // A server in debug mode that has said it receives.
+  std::unique_ptr<Process> start_ready(const std::string& overrides = "") {
+    auto server = start({"-d", "-c", write_config(overrides)});
+    EXPECT_TRUE(server->wait_for_err(kServerReady)) << server->err();
+    return server;
+  }
+
   TempDir dir_;
-  int port_ = vorn::test::free_tcp_port();
+  int port_ = free_tcp_port();
   daemon_config sender_config_;
 };
 
@@ -101,8 +97,8 @@ TEST_F(ServerdTest, StartsWritesPidFileAndStopsOnSignal) {
     SCOPED_TRACE(strsignal(sig));
     std::string pid_file = dir_ / ("run/new/" + std::to_string(sig) + ".pid");
     auto p = start({"-d", "-c", write_config(), "-P", pid_file});
-    ASSERT_TRUE(p->wait_for_err(kReady));
-    EXPECT_EQ(vorn::test::read_file(pid_file), std::to_string(p->pid()) + "\n");
+    ASSERT_TRUE(p->wait_for_err(kServerReady));
+    EXPECT_EQ(read_file(pid_file), std::to_string(p->pid()) + "\n");
     struct stat st;
     ASSERT_EQ(stat(pid_file.c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 0777, 0644u);
@@ -115,8 +111,8 @@ TEST_F(ServerdTest, StartsWritesPidFileAndStopsOnSignal) {
 
 TEST_F(ServerdTest, StartupFailures) {
   std::string blocker = dir_ / "plain-file";
-  vorn::test::write_file(blocker, "x");
-  vorn::test::write_file(dir_ / "broken.xml", "<configuration>");
+  write_file(blocker, "x");
+  write_file(dir_ / "broken.xml", "<configuration>");
   vorn::czmq::Socket squatter(zsock_new(ZMQ_PULL));
   int taken_port = zsock_bind(squatter.get(), "tcp://127.0.0.1:*");
   struct Row {
@@ -173,36 +169,33 @@ TEST_F(ServerdTest, DaemonModeWritesTheDetachedChildsPid) {
   std::string pid_file = dir_ / "vorn.pid";
   auto p = start({"-n", "-c", write_config(), "-P", pid_file});
   EXPECT_EQ(p->wait_exit(), 0) << "the starting process returns at once";
-  ASSERT_TRUE(vorn::test::wait_until([&] { return !vorn::test::read_file(pid_file).empty(); },
-                                     vorn::test::milliseconds(10000)));
-  pid_t child = std::stoi(vorn::test::read_file(pid_file));
+  ASSERT_TRUE(wait_until([&] { return !read_file(pid_file).empty(); }, milliseconds(10000)));
+  pid_t child = std::stoi(read_file(pid_file));
   EXPECT_NE(child, p->pid());
-  EXPECT_TRUE(vorn::test::process_alive(child));
+  EXPECT_TRUE(process_alive(child));
   kill(child, SIGTERM);
-  EXPECT_TRUE(vorn::test::wait_until([&] { return !vorn::test::process_alive(child); },
-                                     vorn::test::milliseconds(10000)));
+  EXPECT_TRUE(wait_until([&] { return !process_alive(child); }, milliseconds(10000)));
 }
 
 TEST_F(ServerdTest, SecondSignalStopsAtOnce) {
   // An empty -P means no PID file, not one in the current directory.
   auto server = start({"-d", "-c", write_config(), "-P", ""});
-  ASSERT_TRUE(server->wait_for_err(kReady));
+  ASSERT_TRUE(server->wait_for_err(kServerReady));
   auto publisher = connect_sender();
   // A steady trickle keeps a draining server busy for as long as it lasts.
   std::atomic<bool> sending{true};
   std::thread trickle([&] {
     while (sending) {
-      send_result(vorn::test::sample_result("trickle", "x"), sender_config_, publisher.get());
-      std::this_thread::sleep_for(vorn::test::milliseconds(10));
+      send_result(sample_result("trickle", "x"), sender_config_, publisher.get());
+      std::this_thread::sleep_for(milliseconds(10));
     }
   });
-  ASSERT_TRUE(vorn::test::wait_until([&] { return vorn::test::count_rows(db_path()) > 0; },
-                                     vorn::test::milliseconds(10000)));
+  ASSERT_TRUE(wait_until([&] { return count_rows(db_path()) > 0; }, milliseconds(10000)));
   server->send_signal(SIGTERM);
   // Logged at the first signal, not only when a second one cuts the drain.
   bool announced = server->wait_for_err("Received SIGINT / SIGTERM. Cleaning up and stopping...");
   bool drained = server->wait_for_err("Draining queue of accumulated data providers");
-  int early_exit = server->wait_exit(vorn::test::milliseconds(300));
+  int early_exit = server->wait_exit(milliseconds(300));
   server->send_signal(SIGINT);
   int status = server->wait_exit();
   sending = false;
@@ -218,11 +211,10 @@ TEST_F(ServerdTest, SecondSignalStopsAtOnce) {
 }
 
 TEST_F(ServerdTest, BadMessagesNeitherStopTheServerNorCostGoodResults) {
-  auto server = start({"-d", "-c", write_config()});
-  ASSERT_TRUE(server->wait_for_err(kReady));
+  auto server = start_ready();
   auto publisher = connect_sender();
   std::string topic = accumulate_topic(sender_config_);
-  provider_result good = vorn::test::sample_result("good", std::string("\0bin\0", 5));
+  provider_result good = sample_result("good", std::string("\0bin\0", 5));
   std::string header(reinterpret_cast<const char*>(&good.header), kResultHeaderSize);
   const std::vector<std::vector<std::string>> junk = {
       {topic},
@@ -247,12 +239,10 @@ TEST_F(ServerdTest, BadMessagesNeitherStopTheServerNorCostGoodResults) {
     ASSERT_EQ(send_result(good, sender_config_, publisher.get()), 1);
     ++good_sent;
   }
-  ASSERT_TRUE(vorn::test::wait_until([&] { return vorn::test::count_rows(db_path()) == good_sent; },
-                                     vorn::test::milliseconds(20000)));
-  EXPECT_TRUE(vorn::test::process_alive(server->pid()));
-  server->send_signal(SIGTERM);
-  EXPECT_EQ(server->wait_exit(), 0);
-  auto rows = vorn::test::query(db_path(), "SELECT DISTINCT STDOUT FROM vorn_1");
+  ASSERT_TRUE(wait_until([&] { return count_rows(db_path()) == good_sent; }, milliseconds(20000)));
+  EXPECT_TRUE(process_alive(server->pid()));
+  EXPECT_EQ(server->terminate(), 0);
+  auto rows = query(db_path(), "SELECT DISTINCT STDOUT FROM vorn_1");
   ASSERT_EQ(rows.size(), 1u);
   EXPECT_EQ(rows[0][0], std::string("\0bin\0", 5));
 }
@@ -260,21 +250,19 @@ TEST_F(ServerdTest, BadMessagesNeitherStopTheServerNorCostGoodResults) {
 TEST_F(ServerdTest, VornSendDeliversAResultThatSqliteReadsBack) {
   std::string config = write_config();
   auto server = start({"-d", "-c", config});
-  ASSERT_TRUE(server->wait_for_err(kReady));
+  ASSERT_TRUE(server->wait_for_err(kServerReady));
   std::string output_file = dir_ / "uptime.txt";
-  vorn::test::write_file(output_file, std::string("load 0.42\n\0binary", 18));
+  write_file(output_file, std::string("load 0.42\n\0binary", 18));
   Process sender({VORN_SEND_PATH, "-c", config, "uptime", output_file}, dir_.path());
   EXPECT_EQ(sender.wait_exit(), 0);
   EXPECT_NE(sender.out().find("Sent result of 'uptime' (18 bytes of output) to tcp://127.0.0.1:" +
                               std::to_string(port_)),
             std::string::npos);
-  ASSERT_TRUE(vorn::test::wait_until([&] { return vorn::test::count_rows(db_path()) == 1; },
-                                     vorn::test::milliseconds(10000)));
-  auto rows = vorn::test::query(db_path(), "SELECT Provider, STDOUT, Stdout_size FROM vorn_1");
+  ASSERT_TRUE(wait_until([&] { return count_rows(db_path()) == 1; }, milliseconds(10000)));
+  auto rows = query(db_path(), "SELECT Provider, STDOUT, Stdout_size FROM vorn_1");
   EXPECT_EQ(rows[0],
             (std::vector<std::string>{"uptime", std::string("load 0.42\n\0binary", 18), "18"}));
-  server->send_signal(SIGTERM);
-  EXPECT_EQ(server->wait_exit(), 0);
+  EXPECT_EQ(server->terminate(), 0);
 }
 
 // The database file removed under the running server (as an administrator's
@@ -283,9 +271,9 @@ TEST_F(ServerdTest, VornSendDeliversAResultThatSqliteReadsBack) {
 TEST_F(ServerdTest, ADatabaseFileRemovedWhileRunningIsOpenedAnew) {
   std::string config = write_config();
   auto server = start({"-d", "-c", config});
-  ASSERT_TRUE(server->wait_for_err(kReady));
+  ASSERT_TRUE(server->wait_for_err(kServerReady));
   std::string output_file = dir_ / "out.txt";
-  vorn::test::write_file(output_file, "x");
+  write_file(output_file, "x");
   auto send = [&](const std::string& name) {
     Process sender({VORN_SEND_PATH, "-c", config, "-t", "2", name, output_file}, dir_.path());
     return sender.wait_exit() == 0;
@@ -303,51 +291,41 @@ TEST_F(ServerdTest, ADatabaseFileRemovedWhileRunningIsOpenedAnew) {
   }
   EXPECT_GE(answered.size(), 4u) << "results sent after the new file is open are answered";
   for (const std::string& name : answered) {
-    EXPECT_EQ(
-        vorn::test::query(db_path(), "SELECT count(*) FROM vorn_1 WHERE Provider = '" + name + "'"),
-        (std::vector<std::vector<std::string>>{{"1"}}))
-        << name << " was answered";
+    EXPECT_EQ(count_rows(db_path(), "Provider = '" + name + "'"), 1) << name << " was answered";
   }
   EXPECT_NE(server->err().find("The database file '" + db_path() +
                                "' was removed while the server ran; opening it anew"),
             std::string::npos)
       << server->err();
-  server->send_signal(SIGTERM);
-  EXPECT_EQ(server->wait_exit(), 0);
+  EXPECT_EQ(server->terminate(), 0);
 }
 
 // A result committed before the removal, its request arriving after it was
 // found: the request must not be answered (the result went with the file);
 // the sender's next one, for a result sent since, is.
 TEST_F(ServerdTest, ARequestForAResultInTheRemovedFileIsNotAnswered) {
-  auto server = start({"-d", "-c", write_config()});
-  ASSERT_TRUE(server->wait_for_err(kReady));
+  auto server = start_ready();
   auto early = connect_sender();
   auto other = connect_sender();
-  ASSERT_EQ(send_result(vorn::test::sample_result("lost", "x"), sender_config_, early.get()), 1);
-  ASSERT_TRUE(vorn::test::wait_until([&] { return vorn::test::count_rows(db_path()) == 1; },
-                                     vorn::test::milliseconds(10000)));
+  ASSERT_EQ(send_result(sample_result("lost", "x"), sender_config_, early.get()), 1);
+  ASSERT_TRUE(wait_until([&] { return count_rows(db_path()) == 1; }, milliseconds(10000)));
   for (const char* suffix : {"", "-wal", "-shm"}) {
     std::filesystem::remove(db_path() + suffix);
   }
   // Another sender's result makes the server commit, find the removal, and
   // store that result again in the new file.
-  ASSERT_EQ(send_result(vorn::test::sample_result("other", "x"), sender_config_, other.get()), 1);
-  ASSERT_TRUE(vorn::test::wait_until([&] { return vorn::test::count_rows(db_path()) == 1; },
-                                     vorn::test::milliseconds(10000)));
+  ASSERT_EQ(send_result(sample_result("other", "x"), sender_config_, other.get()), 1);
+  ASSERT_TRUE(wait_until([&] { return count_rows(db_path()) == 1; }, milliseconds(10000)));
   EXPECT_TRUE(server->wait_for_err("was removed while the server ran"));
   bool answered = request_pub_ack(early.get(), sender_config_, "127.0.0.1", 1000);
   if (answered) {
-    EXPECT_EQ(vorn::test::query(db_path(), "SELECT count(*) FROM vorn_1 WHERE Provider = 'lost'"),
-              (std::vector<std::vector<std::string>>{{"1"}}))
+    EXPECT_EQ(count_rows(db_path(), "Provider = 'lost'"), 1)
         << "answered for a result that cannot be found";
   }
-  ASSERT_EQ(send_result(vorn::test::sample_result("resent", "x"), sender_config_, early.get()), 1);
+  ASSERT_EQ(send_result(sample_result("resent", "x"), sender_config_, early.get()), 1);
   EXPECT_TRUE(request_pub_ack(early.get(), sender_config_, "127.0.0.1", 10000));
-  EXPECT_EQ(vorn::test::query(db_path(), "SELECT count(*) FROM vorn_1 WHERE Provider = 'resent'"),
-            (std::vector<std::vector<std::string>>{{"1"}}));
-  server->send_signal(SIGTERM);
-  EXPECT_EQ(server->wait_exit(), 0);
+  EXPECT_EQ(count_rows(db_path(), "Provider = 'resent'"), 1);
+  EXPECT_EQ(server->terminate(), 0);
 }
 
 // The answer to a PUB_ACK means that everything the sender sent before the
@@ -360,13 +338,11 @@ TEST_F(ServerdTest, PubAckFollowsTheCommitAndSigtermDrains) {
   const char* names[] = {"first", "second"};
   constexpr int kBeforeAck = 5000;
   constexpr int kResults = 12500;
-  provider_result r = vorn::test::sample_result("", std::string(1024, 'o'));
+  provider_result r = sample_result("", std::string(1024, 'o'));
   for (int i = 0; i < kResults; ++i) {
     if (i == kBeforeAck) {
       ASSERT_TRUE(request_pub_ack(publishers[0].get(), sender_config_, "127.0.0.1", 60000));
-      auto first =
-          vorn::test::query(db_path(), "SELECT count(*) FROM vorn_1 WHERE Provider = 'first'");
-      EXPECT_EQ(first[0][0], std::to_string(kBeforeAck));
+      EXPECT_EQ(count_rows(db_path(), "Provider = 'first'"), kBeforeAck);
     }
     r.header.timestamp.tv_sec = i;
     for (int s = 0; s < 2; ++s) {
@@ -376,57 +352,44 @@ TEST_F(ServerdTest, PubAckFollowsTheCommitAndSigtermDrains) {
   }
   // Most results are still queued between the sockets when the signal comes.
   server->send_signal(SIGTERM);
-  long stored_at_signal = vorn::test::count_rows(db_path());
-  EXPECT_EQ(server->wait_exit(vorn::test::milliseconds(60000)), 0);
-  EXPECT_EQ(vorn::test::count_rows(db_path()), 2 * kResults)
+  long stored_at_signal = count_rows(db_path());
+  EXPECT_EQ(server->wait_exit(milliseconds(60000)), 0);
+  EXPECT_EQ(count_rows(db_path()), 2 * kResults)
       << stored_at_signal << " were stored at the signal";
-  auto out_of_order = vorn::test::query(
-      db_path(),
-      "SELECT count(*) FROM (SELECT Timestamp - lag(Timestamp, 1, -1) OVER (PARTITION BY "
-      "Provider ORDER BY rowid) AS step FROM vorn_1) WHERE step != 1");
+  auto out_of_order =
+      query(db_path(),
+            "SELECT count(*) FROM (SELECT Timestamp - lag(Timestamp, 1, -1) OVER (PARTITION BY "
+            "Provider ORDER BY rowid) AS step FROM vorn_1) WHERE step != 1");
   EXPECT_EQ(out_of_order[0][0], "0");
 }
 
 // A row the database refuses (here a trigger makes the table read-only under
 // the server) is reported once, and receiving goes on.
 TEST_F(ServerdTest, RefusedRowsAreReportedOnceAndReceivingGoesOn) {
-  auto server = start({"-d", "-c", write_config()});
-  ASSERT_TRUE(server->wait_for_err(kReady));
+  auto server = start_ready();
   auto publisher = connect_sender();
   auto send = [&](const char* name) {
-    ASSERT_EQ(send_result(vorn::test::sample_result(name, "x"), sender_config_, publisher.get()),
-              1);
+    ASSERT_EQ(send_result(sample_result(name, "x"), sender_config_, publisher.get()), 1);
   };
   send("before");
-  ASSERT_TRUE(vorn::test::wait_until([&] { return vorn::test::count_rows(db_path()) == 1; },
-                                     vorn::test::milliseconds(10000)));
-  ASSERT_TRUE(vorn::test::execute(db_path(),
-                                  "CREATE TRIGGER read_only BEFORE INSERT ON vorn_1 "
-                                  "BEGIN SELECT RAISE(ABORT, 'table is read-only'); END"));
+  ASSERT_TRUE(wait_until([&] { return count_rows(db_path()) == 1; }, milliseconds(10000)));
+  ASSERT_TRUE(execute(db_path(),
+                      "CREATE TRIGGER read_only BEFORE INSERT ON vorn_1 "
+                      "BEGIN SELECT RAISE(ABORT, 'table is read-only'); END"));
   constexpr int kRefused = 3;
   for (int i = 0; i < kRefused; ++i) {
     send("refused");
   }
-  auto count = [&](const std::string& text) {
-    size_t n = 0;
-    std::string err = server->err();
-    for (size_t at = err.find(text); at != std::string::npos; at = err.find(text, at + 1)) {
-      ++n;
-    }
-    return n;
-  };
+  auto count = [&](const std::string& text) { return occurrences(server->err(), text); };
   const std::string refusal = "Database insertion error: table is read-only";
-  ASSERT_TRUE(vorn::test::wait_until([&] { return count(refusal) >= kRefused; },
-                                     vorn::test::milliseconds(10000)));
-  ASSERT_TRUE(vorn::test::execute(db_path(), "DROP TRIGGER read_only"));
+  ASSERT_TRUE(wait_until([&] { return count(refusal) >= kRefused; }, milliseconds(10000)));
+  ASSERT_TRUE(execute(db_path(), "DROP TRIGGER read_only"));
   send("after");
-  ASSERT_TRUE(vorn::test::wait_until([&] { return vorn::test::count_rows(db_path()) == 2; },
-                                     vorn::test::milliseconds(10000)));
-  server->send_signal(SIGTERM);
-  EXPECT_EQ(server->wait_exit(), 0);
-  EXPECT_EQ(count(refusal), size_t{kRefused}) << server->err();
-  EXPECT_EQ(count("Error writing to database. Data lost!"), size_t{kRefused});
-  auto rows = vorn::test::query(db_path(), "SELECT Provider FROM vorn_1 ORDER BY rowid");
+  ASSERT_TRUE(wait_until([&] { return count_rows(db_path()) == 2; }, milliseconds(10000)));
+  EXPECT_EQ(server->terminate(), 0);
+  EXPECT_EQ(count(refusal), kRefused) << server->err();
+  EXPECT_EQ(count("Error writing to database. Data lost!"), kRefused);
+  auto rows = query(db_path(), "SELECT Provider FROM vorn_1 ORDER BY rowid");
   EXPECT_EQ(rows, (std::vector<std::vector<std::string>>{{"before"}, {"after"}}));
 }
 
@@ -435,44 +398,36 @@ TEST_F(ServerdTest, RefusedRowsAreReportedOnceAndReceivingGoesOn) {
 // with control characters. None of it stops the server or costs the results
 // another sender sends meanwhile.
 TEST_F(ServerdTest, HostileSendersNeitherCrashNorCostGoodResults) {
-  auto server = start({"-d", "-c", write_config("<max_message_size>1048576</max_message_size>")});
-  ASSERT_TRUE(server->wait_for_err(kReady));
+  auto server = start_ready("<max_message_size>1048576</max_message_size>");
   auto hostile = connect_sender();
   auto good = connect_sender();
-  const std::string dead_endpoint =
-      "tcp://127.0.0.1:" + std::to_string(vorn::test::free_tcp_port());
+  const std::string dead_endpoint = "tcp://127.0.0.1:" + std::to_string(free_tcp_port());
   constexpr int kRequests = 1500;
   constexpr int kGood = 300;
   int good_sent = 0;
   for (int i = 0; i < kRequests; ++i) {
     ASSERT_TRUE(send_pub_ack_request(hostile.get(), sender_config_, dead_endpoint, i));
     if (i % (kRequests / kGood) == 0) {
-      ASSERT_EQ(send_result(vorn::test::sample_result("good", "x"), sender_config_, good.get()), 1);
+      ASSERT_EQ(send_result(sample_result("good", "x"), sender_config_, good.get()), 1);
       ++good_sent;
     }
   }
-  ASSERT_EQ(
-      send_result(vorn::test::sample_result("evil\nforged line", "x"), sender_config_, good.get()),
-      1);
+  ASSERT_EQ(send_result(sample_result("evil\nforged line", "x"), sender_config_, good.get()), 1);
   ++good_sent;
-  ASSERT_EQ(send_result(vorn::test::sample_result("huge", std::string(2 << 20, 'h')),
-                        sender_config_, hostile.get()),
-            1);
-  ASSERT_TRUE(vorn::test::wait_until([&] { return vorn::test::count_rows(db_path()) == good_sent; },
-                                     vorn::test::milliseconds(20000)))
-      << vorn::test::count_rows(db_path()) << " of " << good_sent;
+  ASSERT_EQ(
+      send_result(sample_result("huge", std::string(2 << 20, 'h')), sender_config_, hostile.get()),
+      1);
+  ASSERT_TRUE(wait_until([&] { return count_rows(db_path()) == good_sent; }, milliseconds(20000)))
+      << count_rows(db_path()) << " of " << good_sent;
   // The flood is still being refused: the good sender is answered regardless.
   EXPECT_TRUE(request_pub_ack(good.get(), sender_config_, "127.0.0.1", 20000));
-  server->send_signal(SIGTERM);
-  EXPECT_EQ(server->wait_exit(), 0);
+  EXPECT_EQ(server->terminate(), 0);
   zsock_set_linger(hostile.get(), 0);
   const std::string err = server->err();
   EXPECT_NE(err.find("Too many PUB_ACK requests at once"), std::string::npos);
   EXPECT_NE(err.find("Received data provider 'evil\\x0aforged line'"), std::string::npos);
   EXPECT_EQ(err.find("\nforged line"), std::string::npos) << "a log line was forged";
-  EXPECT_EQ(
-      vorn::test::query(db_path(), "SELECT count(*) FROM vorn_1 WHERE Provider = 'huge'")[0][0],
-      "0");
+  EXPECT_EQ(count_rows(db_path(), "Provider = 'huge'"), 0);
 }
 
 // Senders that never pause cannot keep a stopping server alive past
@@ -484,23 +439,22 @@ TEST_F(ServerdTest, DrainEndsAtItsDeadline) {
   std::atomic<int> sent{0};
   std::thread stream([&] {
     while (sending) {
-      send_result(vorn::test::sample_result("stream", "x"), sender_config_, publisher.get());
+      send_result(sample_result("stream", "x"), sender_config_, publisher.get());
       ++sent;
-      std::this_thread::sleep_for(vorn::test::milliseconds(5));
+      std::this_thread::sleep_for(milliseconds(5));
     }
   });
-  ASSERT_TRUE(vorn::test::wait_until([&] { return vorn::test::count_rows(db_path()) > 0; },
-                                     vorn::test::milliseconds(10000)));
+  ASSERT_TRUE(wait_until([&] { return count_rows(db_path()) > 0; }, milliseconds(10000)));
   server->send_signal(SIGTERM);
-  int status = server->wait_exit(vorn::test::milliseconds(20000));
+  int status = server->wait_exit(milliseconds(20000));
   sending = false;
   stream.join();
   zsock_set_linger(publisher.get(), 0);
   EXPECT_EQ(status, 0) << "still draining";
-  long rows = vorn::test::count_rows(db_path());
+  long rows = count_rows(db_path());
   EXPECT_GT(rows, 0);
   EXPECT_LE(rows, sent.load());
-  EXPECT_EQ(vorn::test::query(db_path(), "PRAGMA integrity_check")[0][0], "ok");
+  EXPECT_EQ(query(db_path(), "PRAGMA integrity_check")[0][0], "ok");
 }
 
 // Mounts a tmpfs of `size` on `dir` in a mount namespace of the calling
@@ -537,8 +491,7 @@ TEST_F(ServerdTest, ResultsWaitOutAFullDisk) {
   ASSERT_EQ(mkdir(db_dir.c_str(), 0755), 0);
   PrivateTmpfs tmpfs(db_dir, "4m");
   ASSERT_TRUE(tmpfs.mounted()) << std::strerror(errno);
-  auto server = start({"-d", "-c", write_config()});
-  ASSERT_TRUE(server->wait_for_err(kReady));
+  auto server = start_ready();
   auto publisher = connect_sender();
   {
     vorn::fs::Fd filler(::open((db_dir + "/filler").c_str(), O_WRONLY | O_CREAT, 0644));
@@ -549,19 +502,18 @@ TEST_F(ServerdTest, ResultsWaitOutAFullDisk) {
   }
   constexpr int kResults = 40;
   for (int i = 0; i < kResults; ++i) {
-    ASSERT_EQ(send_result(vorn::test::sample_result("waiting", std::string(1 << 16, 'w')),
-                          sender_config_, publisher.get()),
+    ASSERT_EQ(send_result(sample_result("waiting", std::string(1 << 16, 'w')), sender_config_,
+                          publisher.get()),
               1);
   }
-  ASSERT_TRUE(server->wait_for_err("Database unavailable", vorn::test::milliseconds(20000)));
+  ASSERT_TRUE(server->wait_for_err("Database unavailable", milliseconds(20000)));
   EXPECT_FALSE(request_pub_ack(publisher.get(), sender_config_, "127.0.0.1", 1500))
       << "answered before the commit";
   ASSERT_EQ(::unlink((db_dir + "/filler").c_str()), 0);
   EXPECT_TRUE(request_pub_ack(publisher.get(), sender_config_, "127.0.0.1", 30000));
-  EXPECT_EQ(vorn::test::count_rows(db_path()), kResults);
-  server->send_signal(SIGTERM);
-  EXPECT_EQ(server->wait_exit(), 0);
-  EXPECT_EQ(vorn::test::query(db_path(), "PRAGMA integrity_check")[0][0], "ok");
+  EXPECT_EQ(count_rows(db_path()), kResults);
+  EXPECT_EQ(server->terminate(), 0);
+  EXPECT_EQ(query(db_path(), "PRAGMA integrity_check")[0][0], "ok");
   EXPECT_NE(server->err().find("Database writable again"), std::string::npos);
   EXPECT_EQ(server->err().find("Data lost"), std::string::npos);
 }
@@ -571,7 +523,7 @@ TEST_F(ServerdTest, ResultsWaitOutAFullDisk) {
 TEST_F(ServerdTest, KilledUnderLoadKeepsWhatItAcknowledged) {
   auto server = start({"-c", write_config()});
   auto publisher = connect_sender();
-  provider_result r = vorn::test::sample_result("load", std::string(1024, 'l'));
+  provider_result r = sample_result("load", std::string(1024, 'l'));
   constexpr int kAcknowledged = 3000;
   // Each a run of its own: the server stores a repeat once.
   long runs = 0;
@@ -587,17 +539,16 @@ TEST_F(ServerdTest, KilledUnderLoadKeepsWhatItAcknowledged) {
       send_result(r, sender_config_, publisher.get());
     }
   });
-  bool loaded = vorn::test::wait_until(
-      [&] { return vorn::test::count_rows(db_path()) > kAcknowledged + 2000; },
-      vorn::test::milliseconds(20000));
+  bool loaded =
+      wait_until([&] { return count_rows(db_path()) > kAcknowledged + 2000; }, milliseconds(20000));
   server->send_signal(SIGKILL);
   EXPECT_EQ(server->wait_exit(), 128 + SIGKILL);
   sending = false;
   stream.join();
   zsock_set_linger(publisher.get(), 0);
   EXPECT_TRUE(loaded);
-  EXPECT_EQ(vorn::test::query(db_path(), "PRAGMA integrity_check")[0][0], "ok");
-  EXPECT_GE(vorn::test::count_rows(db_path()), kAcknowledged);
+  EXPECT_EQ(query(db_path(), "PRAGMA integrity_check")[0][0], "ok");
+  EXPECT_GE(count_rows(db_path()), kAcknowledged);
 }
 
 // Started with standard descriptors closed, the server must not open its
@@ -605,7 +556,7 @@ TEST_F(ServerdTest, KilledUnderLoadKeepsWhatItAcknowledged) {
 // healthy file aside), however often it is started so.
 TEST_F(ServerdTest, ClosedStandardDescriptorsLeaveTheDatabaseAlone) {
   ASSERT_EQ(mkdir((dir_ / "db").c_str(), 0755), 0);
-  ASSERT_TRUE(vorn::test::execute(db_path(), "CREATE TABLE kept (x); INSERT INTO kept VALUES (1)"));
+  ASSERT_TRUE(execute(db_path(), "CREATE TABLE kept (x); INSERT INTO kept VALUES (1)"));
   struct Row {
     const char* comment;
     std::vector<int> closed;
@@ -617,10 +568,9 @@ TEST_F(ServerdTest, ClosedStandardDescriptorsLeaveTheDatabaseAlone) {
   for (const Row& row : rows) {
     SCOPED_TRACE(row.comment);
     Process server({kServerd, "-d", "-c", write_config()}, dir_.path(), row.closed);
-    ASSERT_TRUE(server.wait_for_err(kReady));
-    server.send_signal(SIGTERM);
-    EXPECT_EQ(server.wait_exit(), 0);
-    EXPECT_EQ(vorn::test::query(db_path(), "SELECT x FROM kept"),
+    ASSERT_TRUE(server.wait_for_err(kServerReady));
+    EXPECT_EQ(server.terminate(), 0);
+    EXPECT_EQ(query(db_path(), "SELECT x FROM kept"),
               (std::vector<std::vector<std::string>>{{"1"}}));
     for (const auto& entry : std::filesystem::directory_iterator(dir_ / "db")) {
       EXPECT_EQ(entry.path().filename().string().find(".bad"), std::string::npos) << "moved aside";
