@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "daemon/src/provider/result.h"
+#include "tests/support/daemons.h"
 #include "tests/support/results.h"
 #include "tests/support/test_support.h"
 #include "util/czmq.h"
@@ -23,12 +24,9 @@
 
 namespace {
 
-using vorn::test::milliseconds;
-using vorn::test::Process;
-using vorn::test::TempDir;
+using namespace vorn::test;
 
 const std::string kServerd = VORN_SERVERD_PATH;
-const std::string kReady = "Accumulate server started and subscribing to 'ACCUMULATE vorn3'";
 const std::string kTopic = "ACCUMULATE vorn3";
 
 zmsg_t* message_of(const std::vector<std::string>& frames) {
@@ -40,7 +38,7 @@ zmsg_t* message_of(const std::vector<std::string>& frames) {
 }
 
 std::string result_frame(const std::string& provider, const std::string& hostname) {
-  provider_result r = vorn::test::sample_result(provider, "x");
+  provider_result r = sample_result(provider, "x");
   vorn::str::copy(r.header.hostname, hostname);
   return std::string(reinterpret_cast<const char*>(&r.header), kResultHeaderSize);
 }
@@ -109,7 +107,7 @@ class raw_sender {
   // Repeats a request for `number` until an answer reaches the reply socket
   // or `timeout` passes; true when answered.
   bool acknowledged(const std::string& reply_endpoint, int32_t number, milliseconds timeout) {
-    return vorn::test::wait_until(
+    return wait_until(
         [&] {
           request_ack(reply_endpoint, number);
           vorn::czmq::String answer(zstr_recv(reply_.get()));
@@ -130,18 +128,14 @@ class raw_sender {
 
 // Whether a TCP connection to host:port is accepted.
 bool tcp_connects(const std::string& host, int port) {
-  return vorn::fs::Fd(vorn::test::tcp_connect(host, port)).get() >= 0;
+  return vorn::fs::Fd(tcp_connect(host, port)).get() >= 0;
 }
 
 class ServerAccessTest : public testing::Test {
  protected:
   std::string write_config(const std::string& keys = "") {
     std::string path = dir_ / "vornd.xml";
-    vorn::test::write_file(
-        path, vorn::test::config_xml(keys + "<accumulate_port>" + std::to_string(port_) +
-                                     "</accumulate_port>\n<accumulate_output_dir>" +
-                                     (dir_ / "acc") + "</accumulate_output_dir>\n<database_file>" +
-                                     db_path() + "</database_file>\n"));
+    write_file(path, config_xml(keys + server_keys(port_, dir_.path(), db_path())));
     return path;
   }
 
@@ -150,7 +144,7 @@ class ServerAccessTest : public testing::Test {
   std::unique_ptr<Process> start(const std::string& keys = "") {
     auto server = std::make_unique<Process>(
         std::vector<std::string>{kServerd, "-d", "-c", write_config(keys)}, dir_.path());
-    EXPECT_TRUE(server->wait_for_err(kReady)) << server->err();
+    EXPECT_TRUE(server->wait_for_err(kServerReady)) << server->err();
     return server;
   }
 
@@ -170,13 +164,11 @@ class ServerAccessTest : public testing::Test {
   const char* server_key() { return zcert_public_txt(server_cert_.get()); }
 
   long rows_of(const std::string& provider) {
-    auto rows = vorn::test::query(
-        db_path(), "SELECT count(*) FROM vorn_1 WHERE Provider = '" + provider + "'");
-    return rows.empty() ? -1 : std::stol(rows[0][0]);
+    return count_rows(db_path(), "Provider = '" + provider + "'");
   }
 
   TempDir dir_;
-  int port_ = vorn::test::free_tcp_port();
+  int port_ = free_tcp_port();
   Cert server_cert_ = new_cert(nullptr);
 };
 
@@ -206,8 +198,7 @@ TEST_F(ServerAccessTest, PubAckIsAnsweredOnlyAtTheRequestersAddress) {
     EXPECT_EQ(sender.acknowledged(answer_at, 1, milliseconds(row.answered ? 10000 : 2000)),
               row.answered);
   }
-  server->send_signal(SIGTERM);
-  EXPECT_EQ(server->wait_exit(), 0);
+  EXPECT_EQ(server->terminate(), 0);
   // One warning per 10 s: the first refusal is the one logged.
   EXPECT_NE(server->err().find("Ignoring PUB_ACK request for endpoint 'tcp://127.0.0.3:"),
             std::string::npos)
@@ -233,8 +224,7 @@ TEST_F(ServerAccessTest, ListenAddressLimitsWhereResultsArrive) {
                                          "</accumulate_listen_address>"
                                    : "");
     EXPECT_EQ(tcp_connects(row.connect_to, port_), row.reachable);
-    server->send_signal(SIGTERM);
-    EXPECT_EQ(server->wait_exit(), 0);
+    EXPECT_EQ(server->terminate(), 0);
   }
 }
 
@@ -292,8 +282,7 @@ TEST_F(ServerAccessTest, ACurveServerHearsListedKeysEachForItsOwnHost) {
     if (row.logged != nullptr) {
       EXPECT_TRUE(server->wait_for_err(row.logged)) << server->err();
     }
-    server->send_signal(SIGTERM);
-    EXPECT_EQ(server->wait_exit(), 0);
+    EXPECT_EQ(server->terminate(), 0);
     EXPECT_EQ(rows_of(provider), row.stored ? 1 : 0);
   }
 }
@@ -313,7 +302,7 @@ TEST_F(ServerAccessTest, KeysComeAndGoWithoutARestart) {
   ASSERT_TRUE(sender.acknowledged(answer_at, 2, milliseconds(10000)));
 
   ASSERT_EQ(unlink((clients_dir() + "/node17.cert").c_str()), 0);
-  EXPECT_TRUE(vorn::test::wait_until(
+  EXPECT_TRUE(wait_until(
       [&] {
         sender.send({kTopic, result_frame("removing", "node17"), "x", "", ""});
         return server->err().find("the key is not listed") != std::string::npos;
@@ -327,7 +316,7 @@ TEST_F(ServerAccessTest, KeysComeAndGoWithoutARestart) {
   // whose key was not listed yet connects anew.
   Cert node18 = new_cert("node18");
   list(node18.get(), "node18");
-  EXPECT_TRUE(vorn::test::wait_until(
+  EXPECT_TRUE(wait_until(
       [&] {
         raw_sender newcomer(port_, node18.get(), server_key());
         return newcomer.connect() &&
@@ -336,8 +325,7 @@ TEST_F(ServerAccessTest, KeysComeAndGoWithoutARestart) {
       milliseconds(2000)));
 
   // A stopping server stores everything that reached it.
-  server->send_signal(SIGTERM);
-  EXPECT_EQ(server->wait_exit(), 0);
+  EXPECT_EQ(server->terminate(), 0);
   EXPECT_EQ(rows_of("before"), 1);
   EXPECT_EQ(rows_of("removed"), 0);
 }
@@ -347,7 +335,7 @@ TEST_F(ServerAccessTest, KeysComeAndGoWithoutARestart) {
 // mechanism), without waiting for the server's side of the handshake.
 // Returns when the server has read it all or closed the connection.
 void send_plaintext_flood(int port, int frames, size_t frame_size) {
-  vorn::fs::Fd fd(vorn::test::tcp_connect("127.0.0.1", port));
+  vorn::fs::Fd fd(tcp_connect("127.0.0.1", port));
   ASSERT_GE(fd.get(), 0);
   std::string wire("\xff\0\0\0\0\0\0\0\x01\x7f\x03\x00NULL", 16);
   wire.resize(64, '\0');
@@ -379,13 +367,12 @@ void send_plaintext_flood(int port, int frames, size_t frame_size) {
 // with CURVE a plaintext peer is refused at its greeting and costs nothing.
 TEST_F(ServerAccessTest, APlaintextFloodLeavesACurveServersMemoryAlone) {
   auto server = start(curve_keys());
-  const long before = vorn::test::peak_memory_kib(server->pid());
+  const long before = peak_memory_kib(server->pid());
   send_plaintext_flood(port_, 400, size_t{1} << 20);
-  const long after = vorn::test::peak_memory_kib(server->pid());
+  const long after = peak_memory_kib(server->pid());
   EXPECT_GT(before, 0);
   EXPECT_LT(after - before, 8 * 1024) << "peak KiB before " << before << ", after " << after;
-  server->send_signal(SIGTERM);
-  EXPECT_EQ(server->wait_exit(), 0);
+  EXPECT_EQ(server->terminate(), 0);
 }
 
 // A CURVE key that cannot be used stops the server at start, with one line
@@ -393,7 +380,7 @@ TEST_F(ServerAccessTest, APlaintextFloodLeavesACurveServersMemoryAlone) {
 TEST_F(ServerAccessTest, UnusableCurveKeysStopTheServerAtStart) {
   curve_keys();
   const std::string secret = dir_ / "keys/server.cert_secret";
-  vorn::test::write_file(dir_ / "garbage.cert_secret", "not a certificate\n");
+  write_file(dir_ / "garbage.cert_secret", "not a certificate\n");
   ASSERT_EQ(mkdir((dir_ / "a-directory").c_str(), 0700), 0);
   auto keys = [&](const std::string& certificate, const std::string& clients) {
     return "<curve_certificate>" + certificate + "</curve_certificate><curve_clients_dir>" +
@@ -433,7 +420,7 @@ TEST_F(ServerAccessTest, UnusableCurveKeysStopTheServerAtStart) {
     const std::string err = server.err();
     EXPECT_NE(err.find(row.line), std::string::npos) << err;
     EXPECT_EQ(err.find("CURVE"), err.rfind("CURVE")) << "one line: " << err;
-    EXPECT_EQ(err.find(kReady), std::string::npos);
+    EXPECT_EQ(err.find(kServerReady), std::string::npos);
   }
 }
 
