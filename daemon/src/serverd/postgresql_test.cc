@@ -20,6 +20,7 @@
 #include "daemon/src/database/schema.h"
 #include "daemon/src/provider/run.h"
 #include "daemon/src/provider/sender.h"
+#include "tests/support/daemons.h"
 #include "tests/support/postgres.h"
 #include "tests/support/results.h"
 #include "tests/support/test_support.h"
@@ -27,13 +28,7 @@
 
 namespace {
 
-using vorn::test::milliseconds;
-using vorn::test::occurrences;
-using vorn::test::PrivatePostgres;
-using vorn::test::Process;
-using vorn::test::wait_until;
-
-const std::string kReady = "Accumulate server started and subscribing to 'ACCUMULATE vorn3'";
+using namespace vorn::test;
 
 // Every column as text, outputs in hexadecimal, in rowid order.
 const std::string kRowsSqlite =
@@ -114,26 +109,27 @@ class PostgresqlStoreTest : public testing::Test {
                                   "<database_backend>postgresql</database_backend>"
                                   "<database_url>" +
                                   postgres_->uri(database_) + "</database_url>";
-    vorn::test::write_file(
-        path, vorn::test::config_xml(
-                  store + "<accumulate_host>127.0.0.1</accumulate_host><accumulate_port>" +
-                  std::to_string(port) + "</accumulate_port><accumulate_output_dir>" +
-                  (dir_ / "acc") + "</accumulate_output_dir><provider_output_dir>" + out() +
-                  "</provider_output_dir><provider_config_dir>" + (dir_ / "providers") +
-                  "</provider_config_dir><enable_adhoc_clusters>false</enable_adhoc_clusters>"));
+    write_file(
+        path,
+        config_xml(store + "<accumulate_host>127.0.0.1</accumulate_host><accumulate_port>" +
+                   std::to_string(port) + "</accumulate_port><accumulate_output_dir>" +
+                   (dir_ / "acc") + "</accumulate_output_dir>" + node_keys(dir_.path(), out())));
     return path;
   }
 
   std::unique_ptr<Process> start(const std::string& program, const std::string& config_path) {
-    return std::make_unique<Process>(std::vector<std::string>{program, "-d", "-c", config_path},
-                                     dir_.path());
+    return start_daemon(program, config_path, dir_.path());
+  }
+
+  // A server that has said it receives.
+  std::unique_ptr<Process> start_ready(const std::string& config_path) {
+    auto server = start(VORN_SERVERD_PATH, config_path);
+    EXPECT_TRUE(server->wait_for_err(kServerReady)) << server->err();
+    return server;
   }
 
   vorn::czmq::Socket connect_sender(int port) const {
-    auto publisher = connect_result_publisher("tcp://127.0.0.1:" + std::to_string(port));
-    EXPECT_TRUE(publisher);
-    EXPECT_TRUE(request_pub_ack(publisher.get(), sender_config_, "127.0.0.1", 30000));
-    return publisher;
+    return acked_publisher(port, sender_config_, 30000);
   }
 
   std::string sql(const std::string& statement) const {
@@ -148,8 +144,8 @@ class PostgresqlStoreTest : public testing::Test {
 
   static PrivatePostgres* postgres_;
   std::string database_;
-  vorn::test::TempDir dir_;
-  int port_ = vorn::test::free_tcp_port();
+  TempDir dir_;
+  int port_ = free_tcp_port();
   daemon_config sender_config_;
 };
 
@@ -162,30 +158,29 @@ TEST_F(PostgresqlStoreTest, SameRowsAsSqlite) {
   std::string binary(raw, sizeof raw - 1);
   std::vector<provider_result> results;
   auto add = [&](provider_result r) { results.push_back(std::move(r)); };
-  add(vorn::test::sample_result("binary", binary,
-                                std::string("err\0or", 6)));  // NUL bytes, invalid UTF-8
-  provider_result encoded = vorn::test::sample_result("base64", "AGJpbv8=\n", "ZXJy");
+  add(sample_result("binary", binary, std::string("err\0or", 6)));  // NUL bytes, invalid UTF-8
+  provider_result encoded = sample_result("base64", "AGJpbv8=\n", "ZXJy");
   encoded.header.encoding = 1;  // decoded into "\0bin\xff" and "err"
   add(encoded);
-  add(vorn::test::sample_result("nodes", "x", "", "n1,n2"));  // a node list
-  provider_result option_set = vorn::test::sample_result("nodes", "y");
+  add(sample_result("nodes", "x", "", "n1,n2"));  // a node list
+  provider_result option_set = sample_result("nodes", "y");
   vorn::str::copy(option_set.header.option_id, "fast");  // another key of the same provider
   add(option_set);
-  add(vorn::test::sample_result("large", std::string(3 << 20, 'L')));  // 3 MiB
-  provider_result failed = vorn::test::sample_result("binary", "", "boom");
+  add(sample_result("large", std::string(3 << 20, 'L')));  // 3 MiB
+  provider_result failed = sample_result("binary", "", "boom");
   failed.header.exit_status = 3;
   failed.header.duration = 1.25;
   vorn::str::copy(failed.header.hostname, "node\xc3\xa9");  // UTF-8 host
   add(failed);
 
-  int sqlite_port = vorn::test::free_tcp_port();
+  int sqlite_port = free_tcp_port();
   std::string sqlite_file = dir_ / "vorn.db";
   auto sqlite =
       start(VORN_SERVERD_PATH,
             config(sqlite_port, "<database_file>" + sqlite_file + "</database_file>", "sqlite"));
   auto server = start(VORN_SERVERD_PATH, config(port_));
-  ASSERT_TRUE(sqlite->wait_for_err(kReady));
-  ASSERT_TRUE(server->wait_for_err(kReady));
+  ASSERT_TRUE(sqlite->wait_for_err(kServerReady));
+  ASSERT_TRUE(server->wait_for_err(kServerReady));
   for (int port : {sqlite_port, port_}) {
     auto publisher = connect_sender(port);
     for (const provider_result& r : results) {
@@ -198,7 +193,7 @@ TEST_F(PostgresqlStoreTest, SameRowsAsSqlite) {
   ASSERT_EQ(sqlite->wait_exit(), 0);
 
   std::string from_sqlite;
-  for (const auto& row : vorn::test::query(sqlite_file, kRowsSqlite)) {
+  for (const auto& row : query(sqlite_file, kRowsSqlite)) {
     from_sqlite += joined(row) + "\n";
   }
   EXPECT_EQ(sql(kRowsPostgresql) + "\n", from_sqlite);
@@ -206,27 +201,24 @@ TEST_F(PostgresqlStoreTest, SameRowsAsSqlite) {
   EXPECT_NE(from_sqlite.find("|1|5|" + hex(std::string("\0bin\xff", 5)) + "|3|" + hex("err")),
             std::string::npos);
   std::string latest_sqlite;
-  for (const auto& row :
-       vorn::test::query(sqlite_file,
-                         "SELECT Provider, Hostname, OptionID, last_rowid FROM vorn_latest "
-                         "ORDER BY 1, 2, 3")) {
+  for (const auto& row : query(sqlite_file,
+                               "SELECT Provider, Hostname, OptionID, last_rowid FROM vorn_latest "
+                               "ORDER BY 1, 2, 3")) {
     latest_sqlite += joined(row) + "\n";
   }
   EXPECT_EQ(sql(wrong_for_readers()), "0");
 
   // A host name PostgreSQL cannot hold as text loses that row alone, said once.
-  provider_result latin1 = vorn::test::sample_result("latin1", "x");
+  provider_result latin1 = sample_result("latin1", "x");
   vorn::str::copy(latin1.header.hostname, "node\xe9");
   auto publisher = connect_sender(port_);
   ASSERT_EQ(send_result(latin1, sender_config_, publisher.get()), 1);
-  ASSERT_EQ(send_result(vorn::test::sample_result("after", "x"), sender_config_, publisher.get()),
-            1);
+  ASSERT_EQ(send_result(sample_result("after", "x"), sender_config_, publisher.get()), 1);
   ASSERT_TRUE(request_pub_ack(publisher.get(), sender_config_, "127.0.0.1", 30000));
   EXPECT_EQ(count("Provider = 'after'"), 1);
   EXPECT_EQ(count("Provider = 'latin1'"), 0);
   EXPECT_EQ(occurrences(server->err(), "Data lost!"), 1) << server->err();
-  server->send_signal(SIGTERM);
-  EXPECT_EQ(server->wait_exit(), 0);
+  EXPECT_EQ(server->terminate(), 0);
   // A server folds its rows into vorn_latest when it stops.
   EXPECT_EQ(sql("SELECT Provider, Hostname, OptionID, last_rowid FROM vorn_latest WHERE Provider "
                 "NOT IN ('after') ORDER BY 1, 2, 3") +
@@ -248,10 +240,9 @@ TEST_F(PostgresqlStoreTest, EchoAfterResultsFindsThemCommitted) {
   sql("INSERT INTO vorn_result_ids (end_seconds, hash, stored_at) SELECT (1000 + n) * 3600 + 5, "
       "'00000000-0000-0000-0000-00000000001d', "
       "extract(epoch FROM now())::bigint - n * 3600 FROM (VALUES (23), (25), (48)) AS v(n)");
-  auto server = start(VORN_SERVERD_PATH, config(port_));
-  ASSERT_TRUE(server->wait_for_err(kReady));
+  auto server = start_ready(config(port_));
   auto publisher = connect_sender(port_);
-  provider_result r = vorn::test::sample_result("echo", std::string(1024, 'e'));
+  provider_result r = sample_result("echo", std::string(1024, 'e'));
   for (int i = 0; i < kResults; ++i) {
     r.header.timestamp.tv_sec = i;
     ASSERT_EQ(send_result(r, sender_config_, publisher.get()), 1);
@@ -274,8 +265,7 @@ TEST_F(PostgresqlStoreTest, EchoAfterResultsFindsThemCommitted) {
   EXPECT_EQ(sql("SELECT string_agg(hour::text, ',' ORDER BY hour) FROM vorn_result_id_hours "
                 "WHERE hour >= 1000"),
             "1023");
-  server->send_signal(SIGTERM);
-  EXPECT_EQ(server->wait_exit(), 0);
+  EXPECT_EQ(server->terminate(), 0);
 }
 
 // PostgreSQL stopped for 10 s under a steady stream from a node, then started
@@ -285,14 +275,13 @@ TEST_F(PostgresqlStoreTest, PostgresqlStoppedUnderAStream) {
   constexpr int kResults = 1500;
   ASSERT_EQ(::mkdir(out().c_str(), 0755), 0);
   std::string config_path = config(port_);
-  auto server = start(VORN_SERVERD_PATH, config_path);
-  ASSERT_TRUE(server->wait_for_err(kReady));
+  auto server = start_ready(config_path);
   auto node = start(VORN_NODED_PATH, config_path);
   std::atomic<int> written{0};
   std::thread stream([&] {
     // About 100 results a second, through the outage and after it.
     for (int i = 0; i < kResults; ++i) {
-      write_output_file(vorn::test::sample_result("stream", std::to_string(i)), out());
+      write_output_file(sample_result("stream", std::to_string(i)), out());
       written = i + 1;
       std::this_thread::sleep_for(milliseconds(10));
     }
@@ -307,16 +296,13 @@ TEST_F(PostgresqlStoreTest, PostgresqlStoppedUnderAStream) {
   ASSERT_TRUE(wait_until([&] { return count() >= kResults; }, milliseconds(90000)))
       << count() << " of " << kResults << "\n"
       << server->err();
-  ASSERT_TRUE(
-      wait_until([&] { return vorn::test::output_files(out()) == 0; }, milliseconds(30000)));
+  ASSERT_TRUE(wait_until([&] { return output_files(out()) == 0; }, milliseconds(30000)));
   EXPECT_EQ(count(), kResults);
   EXPECT_EQ(sql("SELECT count(DISTINCT STDOUT) FROM vorn_1"), std::to_string(kResults));
   EXPECT_EQ(occurrences(server->err(), "Database unavailable"), 1) << server->err();
   EXPECT_EQ(occurrences(server->err(), "Database writable again"), 1) << server->err();
-  node->send_signal(SIGTERM);
-  EXPECT_EQ(node->wait_exit(), 0);
-  server->send_signal(SIGTERM);
-  EXPECT_EQ(server->wait_exit(), 0);
+  EXPECT_EQ(node->terminate(), 0);
+  EXPECT_EQ(server->terminate(), 0);
 }
 
 // A server started while PostgreSQL is down waits for it, then stores.
@@ -325,16 +311,15 @@ TEST_F(PostgresqlStoreTest, ServerStartedBeforePostgresqlWaitsThenStores) {
   std::string config_path = config(port_);
   auto server = start(VORN_SERVERD_PATH, config_path);
   EXPECT_TRUE(server->wait_for_err("Waiting for PostgreSQL")) << server->err();
-  ASSERT_TRUE(server->wait_for_err(kReady)) << server->err();
+  ASSERT_TRUE(server->wait_for_err(kServerReady)) << server->err();
   std::string output = dir_ / "early.txt";
-  vorn::test::write_file(output, "before the database");
+  write_file(output, "before the database");
   Process sender({VORN_SEND_PATH, "-c", config_path, "-t", "60", "early", output}, dir_.path());
   ASSERT_TRUE(server->wait_for_err("Database unavailable")) << server->err();
   postgres_->start();
   EXPECT_EQ(sender.wait_exit(milliseconds(60000)), 0) << sender.err();
   EXPECT_EQ(count("Provider = 'early'"), 1);
-  server->send_signal(SIGTERM);
-  EXPECT_EQ(server->wait_exit(), 0);
+  EXPECT_EQ(server->terminate(), 0);
 }
 
 // Two servers into one database at once, a node failing over between them
@@ -342,13 +327,13 @@ TEST_F(PostgresqlStoreTest, ServerStartedBeforePostgresqlWaitsThenStores) {
 TEST_F(PostgresqlStoreTest, TwoServersIntoOneDatabase) {
   constexpr int kEach = 2000;
   constexpr int kThroughBoth = 500;
-  int ports[] = {port_, vorn::test::free_tcp_port()};
+  int ports[] = {port_, free_tcp_port()};
   std::unique_ptr<Process> servers[2];
   for (int s = 0; s < 2; ++s) {
     servers[s] = start(VORN_SERVERD_PATH, config(ports[s], "", "pg" + std::to_string(s)));
   }
   for (auto& server : servers) {
-    ASSERT_TRUE(server->wait_for_err(kReady)) << server->err();
+    ASSERT_TRUE(server->wait_for_err(kServerReady)) << server->err();
   }
   std::thread senders[2];
   for (int s = 0; s < 2; ++s) {
@@ -356,7 +341,7 @@ TEST_F(PostgresqlStoreTest, TwoServersIntoOneDatabase) {
       auto publisher = connect_sender(ports[s]);
       for (int i = 0; i < kEach + kThroughBoth; ++i) {
         bool shared = i % 5 == 0 && i / 5 < kThroughBoth;
-        provider_result r = vorn::test::sample_result(
+        provider_result r = sample_result(
             shared ? "shared" : "own", std::to_string(i) + (shared ? "" : "/" + std::to_string(s)));
         vorn::str::copy(r.header.hostname, "node" + std::to_string(i % 50));
         r.header.timestamp = {i, 0};
@@ -377,8 +362,7 @@ TEST_F(PostgresqlStoreTest, TwoServersIntoOneDatabase) {
   EXPECT_GE(
       occurrences(servers[0]->err() + servers[1]->err(), "received again were stored already"), 1);
   for (auto& server : servers) {
-    server->send_signal(SIGTERM);
-    EXPECT_EQ(server->wait_exit(), 0);
+    EXPECT_EQ(server->terminate(), 0);
   }
   EXPECT_EQ(sql(kWrongLatest), "0");
   EXPECT_EQ(sql("SELECT count(*) FROM vorn_latest_marks"), "0");
@@ -392,13 +376,11 @@ TEST_F(PostgresqlStoreTest, RowsOfAKilledServerStayVisibleAndAreFoldedIn) {
   std::string config_path = config(port_);
   bool left_pending = false;
   for (int round = 0; round < 5 && !left_pending; ++round) {
-    auto server = start(VORN_SERVERD_PATH, config_path);
-    ASSERT_TRUE(server->wait_for_err(kReady)) << server->err();
+    auto server = start_ready(config_path);
     auto publisher = connect_sender(port_);
     // Newer rows of keys in vorn_latest, and keys of their own.
     for (int i = 0; i < 200; ++i) {
-      provider_result r =
-          vorn::test::sample_result(i % 2 == 0 ? "old" : "new" + std::to_string(round), "x");
+      provider_result r = sample_result(i % 2 == 0 ? "old" : "new" + std::to_string(round), "x");
       vorn::str::copy(r.header.hostname, "node" + std::to_string(i / 2));
       r.header.timestamp = {round * 1000 + i, 0};
       ASSERT_EQ(send_result(r, sender_config_, publisher.get()), 1);
@@ -415,12 +397,10 @@ TEST_F(PostgresqlStoreTest, RowsOfAKilledServerStayVisibleAndAreFoldedIn) {
   sql("WITH r AS (INSERT INTO vorn_1 (Provider, Hostname, OptionID) VALUES ('other', 'x', '') "
       "RETURNING rowid) INSERT INTO vorn_latest SELECT 'other', 'x', '', rowid FROM r");
   EXPECT_EQ(sql(wrong_for_readers()), "0");
-  auto server = start(VORN_SERVERD_PATH, config_path);
-  ASSERT_TRUE(server->wait_for_err(kReady)) << server->err();
+  auto server = start_ready(config_path);
   EXPECT_TRUE(wait_until([&] { return sql(kWrongLatest) == "0"; }, milliseconds(10000)));
   EXPECT_EQ(sql("SELECT count(*) FROM vorn_latest_marks WHERE pending IS NOT NULL"), "0");
-  server->send_signal(SIGTERM);
-  EXPECT_EQ(server->wait_exit(), 0);
+  EXPECT_EQ(server->terminate(), 0);
 }
 
 // What the server cannot work with is one clear line and exit status 1,
@@ -430,7 +410,7 @@ TEST_F(PostgresqlStoreTest, UnusableSettingsStopTheServerWithOneLine) {
   postgres_->query(odd, "CREATE TABLE vorn_1 (rowid bigint, note text)");
   // One role that must give its password; everyone else is trusted, as before.
   std::string hba = vorn::str::dirname(postgres_->log_path()) + "/data/pg_hba.conf";
-  vorn::test::write_file(hba, "local all pwuser scram-sha-256\n" + vorn::test::read_file(hba));
+  write_file(hba, "local all pwuser scram-sha-256\n" + read_file(hba));
   sql("DROP ROLE IF EXISTS pwuser; CREATE ROLE pwuser LOGIN PASSWORD 'right'; "
       "SELECT pg_reload_conf()");
   struct Row {
@@ -513,13 +493,13 @@ TEST_F(PostgresqlStoreTest, RetentionDeletesExpiredRowsWhileResultsArrive) {
       number = [&](const std::string& statement) { return std::stol(sql(statement)); };
       vorn_db = {"--db", postgres_->uri(database_)};
     } else {
-      ASSERT_TRUE(vorn::test::execute(
-          sqlite_file, std::string(vorn::schema::kCreateResultsSqlite) +
-                           "; WITH RECURSIVE i(n) AS (SELECT 1 UNION ALL SELECT n + 1 FROM i "
-                           "WHERE n < " +
-                           std::to_string(kOld) + ") " + insert + "i" + count_inserts_sqlite));
+      ASSERT_TRUE(execute(sqlite_file,
+                          std::string(vorn::schema::kCreateResultsSqlite) +
+                              "; WITH RECURSIVE i(n) AS (SELECT 1 UNION ALL SELECT n + 1 FROM i "
+                              "WHERE n < " +
+                              std::to_string(kOld) + ") " + insert + "i" + count_inserts_sqlite));
       number = [&](const std::string& statement) {
-        return std::stol(vorn::test::query(sqlite_file, statement)[0][0]);
+        return std::stol(query(sqlite_file, statement)[0][0]);
       };
       store += "<database_file>" + sqlite_file + "</database_file>";
       vorn_db = {"--db", sqlite_file};
@@ -528,17 +508,16 @@ TEST_F(PostgresqlStoreTest, RetentionDeletesExpiredRowsWhileResultsArrive) {
     std::vector<std::unique_ptr<Process>> servers;
     servers.push_back(start(VORN_SERVERD_PATH, config(port_, store)));
     if (row.second_server) {
-      servers.push_back(
-          start(VORN_SERVERD_PATH, config(vorn::test::free_tcp_port(), store, "second")));
+      servers.push_back(start(VORN_SERVERD_PATH, config(free_tcp_port(), store, "second")));
     }
     for (auto& server : servers) {
-      ASSERT_TRUE(server->wait_for_err(kReady)) << server->err();
+      ASSERT_TRUE(server->wait_for_err(kServerReady)) << server->err();
     }
     auto publisher = connect_sender(port_);
 
     constexpr int kBatch = 100;  // then a PUB_ACK; ten a second
     constexpr int kBatches = 60;
-    provider_result r = vorn::test::sample_result("", std::string(1024, 's'));
+    provider_result r = sample_result("", std::string(1024, 's'));
     long last_max = kOld;
     auto next = std::chrono::steady_clock::now();
     for (int batch = 0; batch < kBatches; ++batch) {
@@ -583,14 +562,13 @@ TEST_F(PostgresqlStoreTest, RetentionDeletesExpiredRowsWhileResultsArrive) {
     EXPECT_NE(latest.out().find("live9"), std::string::npos) << latest.out();
 
     std::string output_file = dir_ / "out.txt";
-    vorn::test::write_file(output_file, "x");
+    write_file(output_file, "x");
     Process sender({VORN_SEND_PATH, "-c", config(port_, store), "by-send", output_file},
                    dir_.path());
     EXPECT_EQ(sender.wait_exit(), 0) << sender.err();
     EXPECT_EQ(number("SELECT max(rowid) FROM vorn_1 WHERE Provider = 'by-send'"), kOld + sent + 1);
     for (auto& server : servers) {
-      server->send_signal(SIGTERM);
-      EXPECT_EQ(server->wait_exit(), 0);
+      EXPECT_EQ(server->terminate(), 0);
       EXPECT_EQ(server->err().find("Could not delete"), std::string::npos) << server->err();
     }
   }
