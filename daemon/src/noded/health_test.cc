@@ -18,16 +18,14 @@
 
 #include "daemon/src/provider/health_row.h"
 #include "daemon/src/serverd/health_row.h"
+#include "tests/support/daemons.h"
 #include "tests/support/results.h"
 #include "tests/support/test_support.h"
 #include "util/czmq.h"
 
 namespace {
 
-using vorn::test::milliseconds;
-using vorn::test::Process;
-using vorn::test::TempDir;
-using vorn::test::wait_until;
+using namespace vorn::test;
 using Rows = std::vector<std::vector<std::string>>;  // Hostname, exit status, stdout, stderr
 
 // The agreed layout: these keys in this order, integers but for two.
@@ -67,41 +65,32 @@ class HealthTest : public testing::Test {
   // A configuration in a fresh directory, on a fresh port.
   std::string config(const std::string& heartbeat_period) {
     dir_ = std::make_unique<TempDir>();
-    port_ = std::to_string(vorn::test::free_tcp_port());
+    port_ = std::to_string(free_tcp_port());
     ::mkdir((*dir_ / "providers").c_str(), 0755);
-    vorn::test::write_file(
-        *dir_ / "vornd.xml",
-        vorn::test::config_xml(
-            "<accumulate_host>127.0.0.1</accumulate_host><accumulate_port>" + port_ +
-            "</accumulate_port><enable_adhoc_clusters>false</enable_adhoc_clusters>"
-            "<provider_config_dir>" +
-            *dir_ / "providers" +
-            "</provider_config_dir>"
-            "<provider_output_dir>" +
-            out() + "</provider_output_dir><database_file>" + db() +
-            "</database_file><accumulate_output_dir>" + *dir_ / "acc" +
-            "</accumulate_output_dir><provider_period>1</provider_period>"
-            "<provider_loadavg>100000</provider_loadavg><heartbeat_period>" +
-            heartbeat_period + "</heartbeat_period>"));
+    write_file(*dir_ / "vornd.xml",
+               config_xml(server_keys(std::stoi(port_), dir_->path(), db()) +
+                          node_keys(dir_->path(), out()) +
+                          "<provider_period>1</provider_period><provider_loadavg>100000"
+                          "</provider_loadavg><heartbeat_period>" +
+                          heartbeat_period + "</heartbeat_period>"));
     return *dir_ / "vornd.xml";
   }
 
   void provider(const std::string& name, const std::string& command) {
-    vorn::test::write_file(*dir_ / ("providers/" + name + ".xml"),
-                           "<configuration><loadavg>100000</loadavg><period>1</period><command>" +
-                               command + "</command></configuration>");
+    write_file(*dir_ / ("providers/" + name + ".xml"),
+               "<configuration><loadavg>100000</loadavg><period>1</period><command>" + command +
+                   "</command></configuration>");
   }
 
   std::unique_ptr<Process> start(const std::string& program) {
-    return std::make_unique<Process>(
-        std::vector<std::string>{program, "-d", "-c", *dir_ / "vornd.xml"}, dir_->path());
+    return start_daemon(program, *dir_ / "vornd.xml", dir_->path());
   }
 
   Rows rows(const std::string& provider, const std::string& where = "1") {
-    return vorn::test::query(db(),
-                             "SELECT Hostname, Exit_status, CAST(STDOUT AS TEXT), CAST(STDERR AS "
-                             "TEXT) FROM vorn_1 WHERE Provider='" +
-                                 provider + "' AND " + where + " ORDER BY Timestamp, rowid");
+    return query(db(),
+                 "SELECT Hostname, Exit_status, CAST(STDOUT AS TEXT), CAST(STDERR AS "
+                 "TEXT) FROM vorn_1 WHERE Provider='" +
+                     provider + "' AND " + where + " ORDER BY Timestamp, rowid");
   }
 
   std::string out() const { return *dir_ / "out"; }
@@ -124,7 +113,7 @@ TEST_F(HealthTest, RowsOfBothDaemonsArriveAndTheirCountersMove) {
   const int32_t number = 7;
   const std::string endpoints[] = {
       "tcp://127.0.0.2:9",  // not the sender's own address: refused
-      "tcp://127.0.0.1:" + std::to_string(vorn::test::free_tcp_port()),  // nobody there: dropped
+      "tcp://127.0.0.1:" + std::to_string(free_tcp_port()),  // nobody there: dropped
   };
   ASSERT_TRUE(wait_until(
       [&] {
@@ -156,8 +145,7 @@ TEST_F(HealthTest, RowsOfBothDaemonsArriveAndTheirCountersMove) {
   EXPECT_NEAR(value(n.back(), "failures") * 2, value(n.back(), "runs"), 2);
   EXPECT_EQ(value(n.back(), "timeouts") + value(n.back(), "lost"), 0);
   EXPECT_GE(value(rows("vorn-serverd").back(), "peers"), 1);  // the node, at least
-  node->send_signal(SIGTERM);
-  EXPECT_EQ(node->wait_exit(), 0) << node->err();
+  EXPECT_EQ(node->terminate(), 0) << node->err();
 }
 
 // A fresh node shows up at once, with no provider to run and the default
@@ -186,7 +174,7 @@ TEST_F(HealthTest, AFreshNodeShowsUpInLatestUnlessTurnedOff) {
     Process latest({VORN_PATH, "--db", db(), "latest"}, dir_->path());
     ASSERT_EQ(latest.wait_exit(), 0) << latest.err();
     for (const char* daemon : {"vorn-noded", "vorn-serverd"}) {
-      EXPECT_EQ(vorn::test::occurrences(latest.out(), daemon), static_cast<int>(c.count));
+      EXPECT_EQ(occurrences(latest.out(), daemon), static_cast<int>(c.count));
       EXPECT_EQ(rows(daemon).size(), c.count);
     }
   }
@@ -229,7 +217,7 @@ TEST_F(HealthTest, LostResultsAreCounted) {
   auto node = start(VORN_NODED_PATH);
   ASSERT_TRUE(wait_until([&] { return !rows("tick").empty(); }, milliseconds(20000)));
   ASSERT_EQ(::rename(out().c_str(), (out() + ".away").c_str()), 0);
-  vorn::test::write_file(out(), "");
+  write_file(out(), "");
   ASSERT_TRUE(node->wait_for_err("is lost: its output file")) << node->err();
   ASSERT_EQ(::unlink(out().c_str()), 0);
   ASSERT_EQ(::rename((out() + ".away").c_str(), out().c_str()), 0);
@@ -261,7 +249,7 @@ TEST(HealthRowTest, TroubleIsTheExitStatusAndOneLineWhy) {
     health.last_progress_ms = c.last_progress_ms;
     provider_result row = node_health_row(health, {now - 700'000, now, 1'700'000'000});
     EXPECT_EQ(row.header.exit_status, c.exit_status) << c.last_progress_ms;
-    EXPECT_EQ(vorn::test::occurrences(row.stderr_data, "\n"), c.exit_status) << row.stderr_data;
+    EXPECT_EQ(occurrences(row.stderr_data, "\n"), c.exit_status) << row.stderr_data;
   }
   const struct {
     int64_t unavailable_ms, unavailable_since_ms, at_last_row_ms;
@@ -273,7 +261,7 @@ TEST(HealthRowTest, TroubleIsTheExitStatusAndOneLineWhy) {
     health.unavailable_since_ms = c.unavailable_since_ms;
     provider_result row = server_health_row(health, {0, now, 0}, c.at_last_row_ms);
     EXPECT_EQ(row.header.exit_status, c.exit_status) << c.unavailable_ms;
-    EXPECT_EQ(vorn::test::occurrences(row.stderr_data, "\n"), c.exit_status) << row.stderr_data;
+    EXPECT_EQ(occurrences(row.stderr_data, "\n"), c.exit_status) << row.stderr_data;
   }
 }
 
