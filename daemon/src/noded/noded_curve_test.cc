@@ -14,6 +14,7 @@
 
 #include "daemon/src/curve/curve.h"
 #include "daemon/src/provider/run.h"
+#include "tests/support/daemons.h"
 #include "tests/support/results.h"
 #include "tests/support/test_support.h"
 #include "util/czmq.h"
@@ -21,12 +22,7 @@
 namespace {
 
 using vorn::curve::certificate;
-using vorn::test::milliseconds;
-using vorn::test::occurrences;
-using vorn::test::output_files;
-using vorn::test::Process;
-using vorn::test::TempDir;
-using vorn::test::wait_until;
+using namespace vorn::test;
 
 const std::string kNoded = VORN_NODED_PATH;
 const std::string kSend = VORN_SEND_PATH;
@@ -127,7 +123,7 @@ class StandIn {
 
 class NodeCurveTest : public testing::Test {
  protected:
-  NodeCurveTest() : port_(vorn::test::free_tcp_port()) {
+  NodeCurveTest() : port_(free_tcp_port()) {
     ::mkdir((dir_ / "keys").c_str(), 0700);
     node_key_ = new_key("node");
     server_key_ = new_key("server");
@@ -146,15 +142,9 @@ class NodeCurveTest : public testing::Test {
   // The node's configuration; `keys` are its CURVE keys (none: plaintext).
   std::string config(const std::string& keys) {
     std::string path = dir_ / "vornd.xml";
-    vorn::test::write_file(
-        path,
-        vorn::test::config_xml("<accumulate_host>127.0.0.1</accumulate_host>"
-                               "<accumulate_port>" +
-                               std::to_string(port_) +
-                               "</accumulate_port><enable_adhoc_clusters>false"
-                               "</enable_adhoc_clusters><provider_config_dir>" +
-                               (dir_ / "providers") + "</provider_config_dir>" +
-                               "<provider_output_dir>" + out() + "</provider_output_dir>" + keys));
+    write_file(path, config_xml("<accumulate_host>127.0.0.1</accumulate_host><accumulate_port>" +
+                                std::to_string(port_) + "</accumulate_port>" +
+                                vorn::test::node_keys(dir_.path(), out()) + keys));
     return path;
   }
 
@@ -167,12 +157,11 @@ class NodeCurveTest : public testing::Test {
   // One result waiting in the output directory.
   void backlog() {
     ::mkdir(out().c_str(), 0755);
-    ASSERT_EQ(write_output_file(vorn::test::sample_result("waiting", "1"), out()), 1);
+    ASSERT_EQ(write_output_file(sample_result("waiting", "1"), out()), 1);
   }
 
   std::unique_ptr<Process> start_node(const std::string& cfg) {
-    return std::make_unique<Process>(std::vector<std::string>{kNoded, "-d", "-c", cfg},
-                                     dir_.path());
+    return start_daemon(kNoded, cfg, dir_.path());
   }
 
   std::string out() const { return out_; }
@@ -211,7 +200,7 @@ TEST_F(NodeCurveTest, OnlyTheServersKeyMayAnswerANode) {
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.what);
-    port_ = vorn::test::free_tcp_port();
+    port_ = free_tcp_port();
     out_ = dir_ / ("out-" + std::to_string(&row - rows));
     backlog();
     StandIn server(port_, row.curve ? &server_key_ : nullptr);
@@ -230,8 +219,7 @@ TEST_F(NodeCurveTest, OnlyTheServersKeyMayAnswerANode) {
       EXPECT_EQ(output_files(out()), 1) << node->err();
       EXPECT_EQ(server.results(), 0);
     }
-    node->send_signal(SIGTERM);
-    EXPECT_EQ(node->wait_exit(milliseconds(20000)), 0) << node->err();
+    EXPECT_EQ(node->terminate(milliseconds(20000)), 0) << node->err();
   }
 }
 
@@ -262,8 +250,7 @@ TEST_F(NodeCurveTest, ServerWithAnotherKeyGetsNothingAndIsLoggedOnce) {
       milliseconds(30000)))
       << node->err();
   EXPECT_EQ(server.results(), 1);
-  node->send_signal(SIGTERM);
-  EXPECT_EQ(node->wait_exit(milliseconds(20000)), 0) << node->err();
+  EXPECT_EQ(node->terminate(milliseconds(20000)), 0) << node->err();
   EXPECT_EQ(occurrences(node->err(), failed), 2) << node->err();
   EXPECT_EQ(occurrences(node->err(), "succeeds again"), 1) << node->err();
 }
@@ -275,26 +262,21 @@ TEST_F(NodeCurveTest, CurveServerStoresWhatListedSendersSend) {
   const int kFiles = 200;
   ::mkdir(out().c_str(), 0755);
   for (int i = 0; i < kFiles; ++i) {
-    ASSERT_EQ(write_output_file(vorn::test::sample_result("backlog", std::to_string(i)), out()), 1);
+    ASSERT_EQ(write_output_file(sample_result("backlog", std::to_string(i)), out()), 1);
   }
   ::mkdir((dir_ / "clients").c_str(), 0700);
-  vorn::test::write_file(dir_ / "clients/node.cert",
-                         vorn::test::read_file(dir_ / "keys/node.cert"));
+  write_file(dir_ / "clients/node.cert", read_file(dir_ / "keys/node.cert"));
   const std::string db = dir_ / "vorn.db";
   const std::string server_cfg = dir_ / "server.xml";
-  vorn::test::write_file(
-      server_cfg,
-      vorn::test::config_xml("<accumulate_listen_address>127.0.0.1</accumulate_listen_address>"
-                             "<accumulate_port>" +
-                             std::to_string(port_) + "</accumulate_port><database_file>" + db +
-                             "</database_file><accumulate_output_dir>" + (dir_ / "acc") +
-                             "</accumulate_output_dir><curve_certificate>" + server_key_.path +
-                             "</curve_certificate><curve_clients_dir>" + (dir_ / "clients") +
-                             "</curve_clients_dir>"));
+  write_file(server_cfg,
+             config_xml(server_keys(port_, dir_.path(), db) +
+                        "<accumulate_listen_address>127.0.0.1</accumulate_listen_address>"
+                        "<curve_certificate>" +
+                        server_key_.path + "</curve_certificate><curve_clients_dir>" +
+                        (dir_ / "clients") + "</curve_clients_dir>"));
   Process server({kServerd, "-d", "-c", server_cfg}, dir_.path());
   auto stored = [&](const std::string& provider) {
-    auto r = vorn::test::query(db, "SELECT count(*) FROM vorn_1 WHERE Provider='" + provider + "'");
-    return r.empty() ? 0 : std::stoi(r[0][0]);
+    return count_rows(db, "Provider='" + provider + "'");
   };
 
   auto node = start_node(config(node_keys()));
@@ -304,8 +286,7 @@ TEST_F(NodeCurveTest, CurveServerStoresWhatListedSendersSend) {
   Process send({kSend, "-c", config(node_keys()), "sent", "/dev/null"}, dir_.path());
   EXPECT_EQ(send.wait_exit(milliseconds(30000)), 0) << send.err() << server.err();
   EXPECT_EQ(stored("sent"), 1);
-  node->send_signal(SIGTERM);
-  EXPECT_EQ(node->wait_exit(milliseconds(20000)), 0) << node->err();
+  EXPECT_EQ(node->terminate(milliseconds(20000)), 0) << node->err();
 
   // Another node with a key of its own that the server does not list.
   node_key_ = new_key("unlisted");
@@ -315,8 +296,7 @@ TEST_F(NodeCurveTest, CurveServerStoresWhatListedSendersSend) {
   const std::string failed = "failed: the server refused this node's key";
   ASSERT_TRUE(node->wait_for_err(failed, milliseconds(30000))) << node->err();
   EXPECT_FALSE(node->wait_for_err("Delivering results", milliseconds(4000))) << node->err();
-  node->send_signal(SIGTERM);
-  EXPECT_EQ(node->wait_exit(milliseconds(20000)), 0) << node->err();
+  EXPECT_EQ(node->terminate(milliseconds(20000)), 0) << node->err();
   EXPECT_EQ(occurrences(node->err(), failed), 1) << node->err();
   EXPECT_EQ(output_files(out()), 1);
 
@@ -325,8 +305,7 @@ TEST_F(NodeCurveTest, CurveServerStoresWhatListedSendersSend) {
   node = start_node(config(""));
   EXPECT_TRUE(node->wait_for_err("does the server require CURVE keys?", milliseconds(30000)))
       << node->err();
-  node->send_signal(SIGTERM);
-  EXPECT_EQ(node->wait_exit(milliseconds(20000)), 0) << node->err();
+  EXPECT_EQ(node->terminate(milliseconds(20000)), 0) << node->err();
   EXPECT_EQ(output_files(out()), 1);
   EXPECT_EQ(stored("waiting"), 0);
 }
@@ -334,7 +313,7 @@ TEST_F(NodeCurveTest, CurveServerStoresWhatListedSendersSend) {
 // A configured key that cannot be used stops either program at start with
 // one line, never a fall-back to plaintext.
 TEST_F(NodeCurveTest, UnusableKeysStopTheProgramsWithOneLine) {
-  vorn::test::write_file(dir_ / "keys/garbage.cert", "not a certificate\n");
+  write_file(dir_ / "keys/garbage.cert", "not a certificate\n");
   ::mkdir((dir_ / "keys/directory.cert").c_str(), 0700);
   const std::string server_cert = dir_ / "keys/server.cert";
   auto keys = [](const std::string& own, const std::string& server) {
