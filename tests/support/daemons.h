@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -47,6 +48,23 @@ inline vorn::czmq::Socket acked_publisher(int port, const daemon_config& config,
   EXPECT_TRUE(publisher);
   EXPECT_TRUE(publisher && request_pub_ack(publisher.get(), config, "127.0.0.1", timeout_ms));
   return publisher;
+}
+
+// The port `vorn serve` names in its first line; 0 when it has named none
+// within `timeout`.
+inline int served_port(const Process& serve, milliseconds timeout = milliseconds(20000)) {
+  int port = 0;
+  wait_until(
+      [&] {
+        std::smatch m;
+        std::string out = serve.out();
+        if (std::regex_search(out, m, std::regex("http://127\\.0\\.0\\.1:([0-9]+)/"))) {
+          port = std::stoi(m[1]);
+        }
+        return port != 0;
+      },
+      timeout);
+  return port;
 }
 
 }  // namespace vorn::test
