@@ -21,6 +21,7 @@
 #include "daemon/src/database/schema.h"
 #include "daemon/src/provider/result.h"
 #include "daemon/src/provider/sender.h"
+#include "tests/support/daemons.h"
 #include "tests/support/netns.h"
 #include "tests/support/postgres.h"
 #include "tests/support/results.h"
@@ -30,15 +31,11 @@
 namespace {
 
 using nlohmann::json;
-using vorn::test::milliseconds;
-using vorn::test::PrivatePostgres;
-using vorn::test::Process;
-using vorn::test::TempDir;
+using namespace vorn::test;
 
 const std::string kVorn = VORN_PATH;
 const std::string kServerd = VORN_SERVERD_PATH;
 const std::string kSend = VORN_SEND_PATH;
-const std::string kReady = "Accumulate server started and subscribing to 'ACCUMULATE vorn3'";
 
 // One result to send: who ran what where, its exit status, how many seconds
 // ago it ended, and its standard output.
@@ -108,14 +105,9 @@ class CliTest : public testing::Test {
  protected:
   void SetUp() override {
     config_ = dir_ / "vornd.xml";
-    vorn::test::write_file(
-        config_, vorn::test::config_xml("<accumulate_port>" + std::to_string(port_) +
-                                        "</accumulate_port>\n<accumulate_output_dir>" +
-                                        (dir_ / "acc") + "</accumulate_output_dir>\n" +
-                                        "<database_file>" + db_path() + "</database_file>\n" +
-                                        // The tests count the rows they send; the server's
-                                        // own would be in the way.
-                                        "<heartbeat_period>0</heartbeat_period>\n"));
+    // The tests count the rows they send; the server's own would be in the way.
+    write_file(config_, config_xml(server_keys(port_, dir_.path(), db_path()) +
+                                   "<heartbeat_period>0</heartbeat_period>\n"));
   }
 
   std::string db_path() const { return dir_ / "db/vorn.db"; }
@@ -124,25 +116,22 @@ class CliTest : public testing::Test {
   // value in its output.
   void send_all_bytes() {
     std::string bytes_file = dir_ / "bytes";
-    vorn::test::write_file(bytes_file, vorn::test::all_bytes());
+    write_file(bytes_file, all_bytes());
     Process sender({kSend, "-c", config_, "bytes", bytes_file}, dir_.path());
     ASSERT_EQ(sender.wait_exit(), 0) << sender.err();
     sent_ = 1;
   }
 
   void start_server() {
-    server_ = std::make_unique<Process>(std::vector<std::string>{kServerd, "-d", "-c", config_},
-                                        dir_.path());
-    ASSERT_TRUE(server_->wait_for_err(kReady));
-    publisher_ = connect_result_publisher("tcp://127.0.0.1:" + std::to_string(port_));
-    ASSERT_TRUE(publisher_);
-    ASSERT_TRUE(request_pub_ack(publisher_.get(), sender_config_, "127.0.0.1", 10000));
+    server_ = start_daemon(kServerd, config_, dir_.path());
+    ASSERT_TRUE(server_->wait_for_err(kServerReady));
+    publisher_ = acked_publisher(port_, sender_config_);
   }
 
   // Sends the results in order and waits until the server has stored them.
   void send(const std::vector<Sent>& results) {
     for (const Sent& r : results) {
-      provider_result result = vorn::test::sample_result(r.provider, r.out, r.err, r.nodes);
+      provider_result result = sample_result(r.provider, r.out, r.err, r.nodes);
       vorn::str::copy(result.header.hostname, r.host);
       vorn::str::copy(result.header.option_id, r.option_set);
       result.header.exit_status = r.exit_status;
@@ -150,8 +139,7 @@ class CliTest : public testing::Test {
       ASSERT_EQ(send_result(result, sender_config_, publisher_.get()), 1);
     }
     sent_ += static_cast<long>(results.size());
-    ASSERT_TRUE(vorn::test::wait_until([&] { return vorn::test::count_rows(db_path()) == sent_; },
-                                       milliseconds(20000)));
+    ASSERT_TRUE(wait_until([&] { return count_rows(db_path()) == sent_; }, milliseconds(20000)));
   }
 
   Outcome vorn(std::vector<std::string> args) {
@@ -181,18 +169,8 @@ class CliTest : public testing::Test {
     args.insert(args.end(), database.begin(), database.end());
     args.insert(args.begin(), prefix.begin(), prefix.end());
     auto p = std::make_unique<Process>(args, dir_.path());
-    serve_port_ = 0;
-    EXPECT_TRUE(vorn::test::wait_until(
-        [&] {
-          std::string out = p->out();
-          std::smatch m;
-          if (std::regex_search(out, m, std::regex("http://127\\.0\\.0\\.1:([0-9]+)/"))) {
-            serve_port_ = std::stoi(m[1]);
-          }
-          return serve_port_ != 0;
-        },
-        milliseconds(20000)))
-        << p->err();
+    serve_port_ = served_port(*p);
+    EXPECT_NE(serve_port_, 0) << p->err();
     return p;
   }
 
@@ -203,7 +181,7 @@ class CliTest : public testing::Test {
   }
 
   TempDir dir_;
-  int port_ = vorn::test::free_tcp_port();
+  int port_ = free_tcp_port();
   int serve_port_ = 0;
   std::string config_;
   daemon_config sender_config_;
@@ -213,9 +191,6 @@ class CliTest : public testing::Test {
   const int64_t now_ = static_cast<int64_t>(std::time(nullptr));
 };
 
-// The sets answer the same before the summary table exists (an older
-// server's file, or a server that keeps it), with it, and with rows stored
-// after its catch-up; and again in a copy without the table.
 // A key pair written by `vorn cert new` reads back with `vorn cert show`.
 TEST(CliCertTest, NewThenShow) {
   TempDir dir;
@@ -237,6 +212,9 @@ TEST(CliCertTest, NewThenShow) {
   EXPECT_NE(again.err().find("File exists"), std::string::npos) << again.err();
 }
 
+// The sets answer the same before the summary table exists (an older
+// server's file, or a server that keeps it), with it, and with rows stored
+// after its catch-up; and again in a copy without the table.
 TEST_F(CliTest, LatestFailingAndStaleSetsOfAHandMadeHistory) {
   start_server();
   send({
@@ -267,7 +245,7 @@ TEST_F(CliTest, LatestFailingAndStaleSetsOfAHandMadeHistory) {
     EXPECT_EQ(first_lines(vorn_json(row.args)), sorted(row.want));
   }
 
-  ASSERT_TRUE(vorn::test::execute(
+  ASSERT_TRUE(execute(
       db_path(), std::string(vorn::schema::kCreateLatestSqlite) + ";" + vorn::schema::kCatchUp));
   send({
       {"load", "node1", "None", 0, 10, "load 0.1\tx\\y\nsecond line\n"},
@@ -291,8 +269,8 @@ TEST_F(CliTest, LatestFailingAndStaleSetsOfAHandMadeHistory) {
       {"failing on one host", {"failing", "--host", "node3"}, {"load still silent"}},
   };
   std::string copy = dir_ / "copy.db";
-  ASSERT_TRUE(vorn::test::execute(db_path(), "VACUUM INTO '" + copy + "'"));
-  ASSERT_TRUE(vorn::test::execute(copy, "DROP TABLE IF EXISTS vorn_latest"));
+  ASSERT_TRUE(execute(db_path(), "VACUUM INTO '" + copy + "'"));
+  ASSERT_TRUE(execute(copy, "DROP TABLE IF EXISTS vorn_latest"));
   for (const std::string& db : {db_path(), copy}) {
     for (const Row& row : after) {
       SCOPED_TRACE(std::string(row.comment) + " in " + db);
@@ -465,7 +443,7 @@ TEST_F(CliTest, ShowAndHistory) {
   ASSERT_EQ(bytes.size(), 1u);
   Outcome show = vorn({"show", std::to_string(bytes[0].at("rowid").get<int>()), "--db", db_path()});
   EXPECT_EQ(show.status, 0);
-  EXPECT_TRUE(show.out == vorn::test::all_bytes()) << "byte for byte";
+  EXPECT_TRUE(show.out == all_bytes()) << "byte for byte";
   Outcome err = vorn({"show", "2", "--stderr", "--db", db_path()});
   EXPECT_EQ(err.out, "warning \x01\n");
   Outcome missing = vorn({"show", "999", "--db", db_path()});
@@ -502,13 +480,12 @@ TEST_F(CliTest, CommandLineAndDatabaseErrors) {
   start_server();
   send({{"p", "h", "None", 0, 1, "x\n"}});
   std::string text_file = dir_ / "text.db";
-  vorn::test::write_file(text_file, std::string(4096, 'x'));
+  write_file(text_file, std::string(4096, 'x'));
   std::string other_db = dir_ / "other.db";
-  ASSERT_TRUE(vorn::test::execute(other_db, "CREATE TABLE t (x)"));
+  ASSERT_TRUE(execute(other_db, "CREATE TABLE t (x)"));
   std::string missing = dir_ / "missing.db";
   std::string config_missing_db = dir_ / "missing.xml";
-  vorn::test::write_file(config_missing_db,
-                         vorn::test::config_xml("<database_file>" + missing + "</database_file>"));
+  write_file(config_missing_db, config_xml("<database_file>" + missing + "</database_file>"));
   struct Row {
     const char* comment;
     std::vector<std::string> args;
@@ -611,15 +588,15 @@ TEST_F(CliTest, MetricsReadBackByThePrometheusParser) {
   EXPECT_EQ(metrics->status, 200);
   EXPECT_EQ(metrics->get_header_value("Content-Type"), "text/plain; version=0.0.4; charset=utf-8");
   std::string metrics_file = dir_ / "metrics.txt";
-  vorn::test::write_file(metrics_file, metrics->body);
+  write_file(metrics_file, metrics->body);
   std::string script = dir_ / "parse.py";
-  vorn::test::write_file(script,
-                         "import json, sys\n"
-                         "from prometheus_client.parser import text_string_to_metric_families\n"
-                         "text = open(sys.argv[1], encoding='utf-8').read()\n"
-                         "print(json.dumps([[f.type, s.name, s.labels, s.value]\n"
-                         "                  for f in text_string_to_metric_families(text)\n"
-                         "                  for s in f.samples]))\n");
+  write_file(script,
+             "import json, sys\n"
+             "from prometheus_client.parser import text_string_to_metric_families\n"
+             "text = open(sys.argv[1], encoding='utf-8').read()\n"
+             "print(json.dumps([[f.type, s.name, s.labels, s.value]\n"
+             "                  for f in text_string_to_metric_families(text)\n"
+             "                  for s in f.samples]))\n");
   Process parser({"/usr/bin/python3", script, metrics_file}, dir_.path());
   ASSERT_EQ(parser.wait_exit(), 0) << parser.err();
   std::map<std::string, std::string> types;
@@ -686,7 +663,7 @@ TEST_F(CliTest, MetricsReadBackByThePrometheusParser) {
   }
   EXPECT_EQ((values.count({"vorn_server_peers", "", "collector2", ""})), 0u) << "-1: unknown";
   // The parser keeps the last of two samples of a series; Prometheus refuses the scrape.
-  EXPECT_EQ(vorn::test::occurrences(metrics->body, "\nvorn_node_queue_files{host=\"node2\"} "), 1);
+  EXPECT_EQ(occurrences(metrics->body, "\nvorn_node_queue_files{host=\"node2\"} "), 1);
   if (std::system("command -v promtool >/dev/null 2>&1") == 0) {
     Process lint({"/bin/sh", "-c", "exec promtool check metrics < '" + metrics_file + "'"},
                  dir_.path());
@@ -752,8 +729,7 @@ TEST_F(CliTest, MetricsReadBackByThePrometheusParser) {
   auto compressed = client.Get("/metrics", {{"Accept-Encoding", "gzip, deflate, br"}});
   ASSERT_TRUE(compressed);
   EXPECT_EQ(compressed->get_header_value("Content-Encoding"), "gzip");
-  server->send_signal(SIGTERM);
-  EXPECT_EQ(server->wait_exit(), 0);
+  EXPECT_EQ(server->terminate(), 0);
 }
 
 // WAL readers beside the writer: every answer while the server stores a
@@ -769,7 +745,7 @@ TEST_F(CliTest, ReadersWhileTheServerWrites) {
     std::string output(8192, 'o');
     for (int b = 0; b < kBatches; ++b) {
       for (int i = 0; i < kBatch; ++i) {
-        provider_result r = vorn::test::sample_result("p" + std::to_string(i % 5), output);
+        provider_result r = sample_result("p" + std::to_string(i % 5), output);
         vorn::str::copy(r.header.hostname, "node" + std::to_string(i % 10));
         send_result(r, sender_config_, publisher_.get());
       }
@@ -807,8 +783,7 @@ TEST_F(CliTest, ReadersWhileTheServerWrites) {
   writer.join();
   scraper.join();
   sent_ += kBatches * kBatch;
-  ASSERT_TRUE(vorn::test::wait_until([&] { return vorn::test::count_rows(db_path()) == sent_; },
-                                     milliseconds(20000)));
+  ASSERT_TRUE(wait_until([&] { return count_rows(db_path()) == sent_; }, milliseconds(20000)));
   EXPECT_EQ(scrape_failures, std::vector<std::string>{});
   EXPECT_EQ(run_failures, std::vector<std::string>{});
   EXPECT_GE(runs, 3);
@@ -858,25 +833,25 @@ TEST_F(CliTest, StatusPageInHeadlessChromium) {
                           });
   send(sent);
   std::string why;
-  std::unique_ptr<vorn::test::TestNetwork> net;
-  if (vorn::test::TestNetwork::available(&why)) {
-    net = std::make_unique<vorn::test::TestNetwork>(1);
+  std::unique_ptr<TestNetwork> net;
+  if (TestNetwork::available(&why)) {
+    net = std::make_unique<TestNetwork>(1);
     ASSERT_TRUE(net->ok());
   }
   auto in_net = [&](std::vector<std::string> argv) { return net ? net->on_host(0, argv) : argv; };
   auto server = serve(net ? in_net({}) : std::vector<std::string>{});
   ASSERT_NE(serve_port_, 0);
-  int driver_port = vorn::test::free_tcp_port();
+  int driver_port = free_tcp_port();
   Process driver(in_net({"chromedriver", "--port=" + std::to_string(driver_port)}), dir_.path());
   const std::string page = "http://127.0.0.1:" + std::to_string(serve_port_) + "/";
 
   auto drive = [&] {
-    ASSERT_TRUE(vorn::test::webdriver_ready(driver_port, milliseconds(30000))) << driver.err();
-    vorn::test::WebDriver browser(
-        driver_port, {"--headless", "--no-sandbox", "--disable-gpu", "--window-size=1000,700",
-                      "--user-data-dir=" + (dir_ / "chromium"), "--disable-background-networking",
-                      "--disable-component-update", "--no-first-run",
-                      "--host-resolver-rules=MAP * ~NOTFOUND, EXCLUDE 127.0.0.1"});
+    ASSERT_TRUE(webdriver_ready(driver_port, milliseconds(30000))) << driver.err();
+    WebDriver browser(driver_port,
+                      {"--headless", "--no-sandbox", "--disable-gpu", "--window-size=1000,700",
+                       "--user-data-dir=" + (dir_ / "chromium"), "--disable-background-networking",
+                       "--disable-component-update", "--no-first-run",
+                       "--host-resolver-rules=MAP * ~NOTFOUND, EXCLUDE 127.0.0.1"});
     ASSERT_TRUE(browser.ok()) << browser.error();
 
     // A link to a result: the grid, and the result's outputs beside it.
@@ -1138,12 +1113,12 @@ TEST_F(CliTest, PostgresqlAnswersAsSqlite) {
   });
   server_->send_signal(SIGTERM);
   ASSERT_EQ(server_->wait_exit(), 0);
-  ASSERT_TRUE(vorn::test::execute(
-      db_path(),
-      "DELETE FROM vorn_latest; INSERT INTO vorn_latest SELECT coalesce(Provider, ''), "
-      "coalesce(Hostname, ''), coalesce(OptionID, ''), max(rowid) FROM vorn_1 "
-      "WHERE rowid <= " +
-          std::to_string(summarised) + " GROUP BY 1, 2, 3"));
+  ASSERT_TRUE(
+      execute(db_path(),
+              "DELETE FROM vorn_latest; INSERT INTO vorn_latest SELECT coalesce(Provider, ''), "
+              "coalesce(Hostname, ''), coalesce(OptionID, ''), max(rowid) FROM vorn_1 "
+              "WHERE rowid <= " +
+                  std::to_string(summarised) + " GROUP BY 1, 2, 3"));
 
   const std::string summary_db = postgres().create_database();
   const std::string scan_db = postgres().create_database();
@@ -1154,10 +1129,9 @@ TEST_F(CliTest, PostgresqlAnswersAsSqlite) {
   postgres().query(summary_db, vorn::schema::kCreateLatestPostgresql);
   copy_table(db_path(), "vorn_latest", summary_db);
   const std::string config = dir_ / "postgresql.xml";
-  vorn::test::write_file(config,
-                         vorn::test::config_xml("<database_backend>postgresql</database_backend>\n"
-                                                "<database_url>" +
-                                                postgres().url(summary_db) + "</database_url>\n"));
+  write_file(config, config_xml("<database_backend>postgresql</database_backend>\n"
+                                "<database_url>" +
+                                postgres().url(summary_db) + "</database_url>\n"));
 
   struct Backend {
     const char* comment;
@@ -1213,8 +1187,7 @@ TEST_F(CliTest, PostgresqlAnswersAsSqlite) {
       ASSERT_TRUE(response) << path;
       got.push_back(std::to_string(response->status) + " " + without_ages(response->body));
     }
-    server->send_signal(SIGTERM);
-    EXPECT_EQ(server->wait_exit(), 0);
+    EXPECT_EQ(server->terminate(), 0);
     if (want.empty()) {
       want = got;
       continue;
@@ -1231,7 +1204,7 @@ TEST_F(CliTest, PostgresqlAnswersAsSqlite) {
     EXPECT_NE(latest.find(line), std::string::npos) << line << " in\n" << latest;
   }
   EXPECT_EQ(latest.find("disk ok 1"), std::string::npos) << latest;
-  EXPECT_TRUE(want[12] == "0 " + vorn::test::all_bytes()) << "show, byte for byte";
+  EXPECT_TRUE(want[12] == "0 " + all_bytes()) << "show, byte for byte";
   EXPECT_NE(want[commands.size() + 5].find("\"node_names\":\"node1,node2,node3\""),
             std::string::npos)
       << want[commands.size() + 5];
@@ -1274,10 +1247,9 @@ TEST_F(CliTest, PostgresqlErrorsAreOneLine) {
                    "bytea, STDERR bytea)");
   postgres().query(odd_db, "INSERT INTO vorn_1 VALUES (1, 'p', 'h', 'o', 'zero', 1, 1, '', '')");
   const std::string no_url = dir_ / "no_url.xml";
-  vorn::test::write_file(
-      no_url, vorn::test::config_xml("<database_backend>postgresql</database_backend>\n"));
+  write_file(no_url, config_xml("<database_backend>postgresql</database_backend>\n"));
   const std::string nowhere = dir_ / "nowhere";
-  const int closed_port = vorn::test::free_tcp_port();
+  const int closed_port = free_tcp_port();
   struct Row {
     const char* comment;
     std::vector<std::string> args;
@@ -1321,7 +1293,7 @@ TEST_F(CliTest, PostgresqlErrorsAreOneLine) {
     Outcome run = vorn(row.args);
     EXPECT_EQ(run.status, 1);
     EXPECT_TRUE(std::regex_match(run.err, std::regex(row.err))) << run.err;
-    EXPECT_EQ(vorn::test::occurrences(run.err, "\n"), 1) << run.err;
+    EXPECT_EQ(occurrences(run.err, "\n"), 1) << run.err;
     EXPECT_EQ(run.err.find("secret"), std::string::npos) << run.err;
   }
 }
