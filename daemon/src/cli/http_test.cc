@@ -20,6 +20,7 @@
 #include <thread>
 
 #include "daemon/src/database/database.h"
+#include "tests/support/daemons.h"
 #include "tests/support/results.h"
 #include "tests/support/test_support.h"
 #include "util/fs.h"
@@ -29,14 +30,13 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 using Clock = std::chrono::steady_clock;
-using vorn::test::Process;
-using vorn::test::TempDir;
+using namespace vorn::test;
 
 const std::string kVorn = VORN_PATH;
 constexpr int kHosts = 3000;
 
 int connect_to(int port) {
-  return vorn::test::tcp_connect("127.0.0.1", port);
+  return tcp_connect("127.0.0.1", port);
 }
 
 // Sends `request` and reads the answer until the server closes, or until it
@@ -65,7 +65,7 @@ class HttpTest : public testing::Test {
     auto store = open_database(&config);
     ASSERT_TRUE(store);
     for (int i = 0; i < kHosts; ++i) {
-      provider_result r = vorn::test::sample_result("filesystem_usage", "ok\n");
+      provider_result r = sample_result("filesystem_usage", "ok\n");
       vorn::str::copy(r.header.hostname, "compute-node-" + std::to_string(i) + ".cluster.example");
       vorn::str::copy(r.header.option_id, "None");
       ASSERT_EQ(store->write(r), write_status::written);
@@ -75,22 +75,12 @@ class HttpTest : public testing::Test {
         std::vector<std::string>{kVorn, "serve", "--db", config.database_file, "--listen",
                                  "127.0.0.1:0"},
         dir_.path());
-    ASSERT_TRUE(vorn::test::wait_until(
-        [&] {
-          std::smatch m;
-          std::string out = server_->out();
-          if (std::regex_search(out, m, std::regex("http://127\\.0\\.0\\.1:([0-9]+)/"))) {
-            port_ = std::stoi(m[1]);
-          }
-          return port_ != 0;
-        },
-        milliseconds(20000)))
-        << server_->err();
+    port_ = served_port(*server_);
+    ASSERT_NE(port_, 0) << server_->err();
   }
 
   void TearDown() override {
-    server_->send_signal(SIGTERM);
-    EXPECT_EQ(server_->wait_exit(milliseconds(20000)), 0) << server_->err();
+    EXPECT_EQ(server_->terminate(milliseconds(20000)), 0) << server_->err();
   }
 
   httplib::Result get_metrics() {
@@ -115,7 +105,7 @@ TEST_F(HttpTest, SmallRequestsGetNoMoreThanOneAnswer) {
   for (int i = 1; i < 1000; ++i) {
     thousand_ranges += ",0-";
   }
-  long peak_before = vorn::test::peak_memory_kib(server_->pid());
+  long peak_before = peak_memory_kib(server_->pid());
   EXPECT_GT(peak_before, 0);
   struct Row {
     const char* comment;
@@ -142,7 +132,7 @@ TEST_F(HttpTest, SmallRequestsGetNoMoreThanOneAnswer) {
     }
   }
   // The library built every range's copy in memory: 800 MB.
-  long grown = vorn::test::peak_memory_kib(server_->pid()) - peak_before;
+  long grown = peak_memory_kib(server_->pid()) - peak_before;
   EXPECT_LT(grown, 100'000) << "kB more at the peak";
   RecordProperty("peak_grown_kb", static_cast<int>(grown));
   RecordProperty("exposition_bytes", static_cast<int>(whole));
