@@ -14,6 +14,7 @@
 
 #include "daemon/src/provider/run.h"
 #include "daemon/src/provider/run_record.h"
+#include "tests/support/daemons.h"
 #include "tests/support/netns.h"
 #include "tests/support/results.h"
 #include "tests/support/test_support.h"
@@ -21,54 +22,40 @@
 
 namespace {
 
-using vorn::test::milliseconds;
-using vorn::test::output_files;
-using vorn::test::Process;
-using vorn::test::query;
-using vorn::test::TempDir;
-using vorn::test::wait_until;
+using namespace vorn::test;
 
 const std::string kNoded = VORN_NODED_PATH;
 const std::string kServerd = VORN_SERVERD_PATH;
 
 class NodeTest : public testing::Test {
  protected:
-  NodeTest() : port_(std::to_string(vorn::test::free_tcp_port())) {}
+  NodeTest() : port_(std::to_string(free_tcp_port())) {}
 
   // One configuration for server and node: a local server, load limits that
   // a busy test machine passes, one-second passes.
   std::string config(const std::string& extra = "", const std::string& port = "") {
     std::string path = dir_ / "vornd.xml";
-    vorn::test::write_file(
-        path, vorn::test::config_xml(
-                  "<accumulate_host>127.0.0.1</accumulate_host><accumulate_port>" +
-                  (port.empty() ? port_ : port) +
-                  "</accumulate_port><enable_adhoc_clusters>false</enable_adhoc_clusters>"
-                  "<provider_config_dir>" +
-                  (dir_ / "providers") + "</provider_config_dir><provider_output_dir>" + out() +
-                  "</provider_output_dir><database_file>" + db() +
-                  "</database_file><accumulate_output_dir>" + (dir_ / "acc") +
-                  "</accumulate_output_dir><provider_period>1</provider_period>"
-                  "<provider_loadavg>100000</provider_loadavg>" +
-                  extra));
+    write_file(
+        path,
+        config_xml(
+            server_keys(std::stoi(port.empty() ? port_ : port), dir_.path(), db()) +
+            node_keys(dir_.path(), out()) +
+            "<provider_period>1</provider_period><provider_loadavg>100000</provider_loadavg>" +
+            extra));
     return path;
   }
 
   void provider(const std::string& name, const std::string& body) {
     ::mkdir((dir_ / "providers").c_str(), 0755);
-    vorn::test::write_file(dir_ / ("providers/" + name + ".xml"),
-                           "<configuration><loadavg>100000</loadavg>" + body + "</configuration>");
+    write_file(dir_ / ("providers/" + name + ".xml"),
+               "<configuration><loadavg>100000</loadavg>" + body + "</configuration>");
   }
 
   std::unique_ptr<Process> start(const std::string& program, const std::string& cfg) {
-    return std::make_unique<Process>(std::vector<std::string>{program, "-d", "-c", cfg},
-                                     dir_.path());
+    return start_daemon(program, cfg, dir_.path());
   }
 
-  int rows(const std::string& where = "1") {
-    auto r = query(db(), "SELECT count(*) FROM vorn_1 WHERE " + where);
-    return r.empty() ? 0 : std::stoi(r[0][0]);
-  }
+  long rows(const std::string& where = "1") { return count_rows(db(), where); }
 
   std::string out() const { return dir_ / "out"; }
   std::string db() const { return dir_ / "vorn.db"; }
@@ -101,8 +88,7 @@ TEST_F(NodeTest, EveryRunReachesTheDatabaseWithItsOptionSet) {
       << node->err() << server->err();
   EXPECT_EQ(rows("Provider='once'"), 1);
   EXPECT_EQ(rows("Hostname<>'" + std::string(host) + "'"), 0);
-  node->send_signal(SIGTERM);
-  EXPECT_EQ(node->wait_exit(), 0) << node->err();
+  EXPECT_EQ(node->terminate(), 0) << node->err();
 }
 
 // An output directory that refuses files (here read-only, in a mount
@@ -124,7 +110,7 @@ TEST_F(NodeTest, ResultsLostToAnUnwritableDirectoryAreSaidOnce) {
   const std::string own_mount =
       "mount --bind '" + out() + "' '" + out() + "' && exec '" + kNoded + "' -d -c '" + cfg + "'";
   Process node({"unshare", "-m", "--propagation", "private", "sh", "-c", own_mount}, dir_.path());
-  auto runs_seen = [&] { return vorn::test::occurrences(vorn::test::read_file(runs), "run\n"); };
+  auto runs_seen = [&] { return occurrences(read_file(runs), "run\n"); };
   auto remount = [&](const char* mode) {
     return std::system(("nsenter -t " + std::to_string(node.pid()) + " -m mount -o remount," +
                         mode + ",bind '" + out() + "'")
@@ -140,88 +126,11 @@ TEST_F(NodeTest, ResultsLostToAnUnwritableDirectoryAreSaidOnce) {
   ASSERT_EQ(remount("rw"), 0);
   const std::string again = "Output files are written to '" + out() + "' again; ";
   ASSERT_TRUE(node.wait_for_err(again, milliseconds(20000))) << node.err();
-  EXPECT_EQ(vorn::test::occurrences(node.err(), lost), 1) << node.err();
+  EXPECT_EQ(occurrences(node.err(), lost), 1) << node.err();
   EXPECT_NE(node.err().find("Read-only file system"), std::string::npos) << node.err();
   // The record of runs in progress, in the same directory, says so once too.
-  EXPECT_EQ(vorn::test::occurrences(node.err(), "the record of runs"), 1) << node.err();
-  node.send_signal(SIGTERM);
-  EXPECT_EQ(node.wait_exit(), 0) << node.err();
-}
-
-// A backlog written before the node starts, a server that is down at first,
-// then killed mid-stream and restarted: every result lands, the truncated
-// file is set aside.
-TEST_F(NodeTest, BacklogSurvivesServerDownKilledAndRestarted) {
-  std::string cfg = config();
-  ::mkdir(out().c_str(), 0755);
-  const int kFiles = 3000;
-  for (int i = 0; i < kFiles; ++i) {
-    ASSERT_EQ(write_output_file(vorn::test::sample_result("backlog", std::to_string(i)), out()), 1);
-  }
-  std::string truncated = out() + "/short.ABCDEF";
-  provider_result big = vorn::test::sample_result("short", std::string(100, 'x'));
-  vorn::test::write_file(
-      truncated,
-      std::string(reinterpret_cast<const char*>(&big.header), kResultHeaderSize) + "only part");
-  timeval old[2] = {{1000000000, 0}, {1000000000, 0}};
-  ::utimes(truncated.c_str(), old);
-
-  auto node = start(kNoded, cfg);
-  ASSERT_TRUE(node->wait_for_err("does not answer")) << node->err();
-  auto server = start(kServerd, cfg);
-  ASSERT_TRUE(wait_until([&] { return rows() > 0; }, milliseconds(30000))) << node->err();
-  server->send_signal(SIGKILL);
-  server->wait_exit();
-  server = start(kServerd, cfg);
-  EXPECT_TRUE(wait_until(
-      [&] {
-        auto r = query(db(), "SELECT count(DISTINCT CAST(STDOUT AS TEXT)) FROM vorn_1");
-        return !r.empty() && std::stoi(r[0][0]) == kFiles && output_files(out()) == 0;
-      },
-      milliseconds(60000)))
-      << node->err();
-  EXPECT_EQ(rows("Provider='short'"), 0);
-  EXPECT_TRUE(::access((out() + "/rejected/short.ABCDEF").c_str(), F_OK) == 0);
-  node->send_signal(SIGTERM);
-  EXPECT_EQ(node->wait_exit(), 0);
-}
-
-// The line the node logs when it gives a connection up with files in flight.
-const std::string kStartsAgain = "sending again from the oldest file";
-
-// A backlog in flight, several batches ahead of the server's answers, when
-// the server is killed: the node sends again what was not confirmed, and
-// nothing is lost. Nothing is stored twice either, as the server stores a
-// repeated message once.
-TEST_F(NodeTest, ServerKilledMidWindowLosesNothing) {
-  std::string cfg = config();
-  ::mkdir(out().c_str(), 0755);
-  const int kFiles = 20000;
-  for (int i = 0; i < kFiles; ++i) {
-    ASSERT_EQ(
-        write_output_file(
-            vorn::test::sample_result("window", std::to_string(i) + std::string(1000, 'w')), out()),
-        1);
-  }
-  auto server = start(kServerd, cfg);
-  ASSERT_TRUE(server->wait_for_err("Accumulate server started")) << server->err();
-  auto node = start(kNoded, cfg);
-  const std::string mine = "Provider='window'";
-  ASSERT_TRUE(wait_until([&] { return rows(mine) > 0; }, milliseconds(30000))) << node->err();
-  server->send_signal(SIGKILL);
-  server->wait_exit();
-  ASSERT_LT(rows(mine), kFiles) << "the backlog was delivered before the kill";
-  ASSERT_TRUE(node->wait_for_err(kStartsAgain)) << node->err();
-  server = start(kServerd, cfg);
-  EXPECT_TRUE(wait_until([&] { return output_files(out()) == 0; }, milliseconds(60000)))
-      << node->err();
-  auto distinct =
-      query(db(), "SELECT count(DISTINCT CAST(STDOUT AS TEXT)) FROM vorn_1 WHERE " + mine);
-  ASSERT_FALSE(distinct.empty());
-  EXPECT_EQ(std::stoi(distinct[0][0]), kFiles) << "results lost";
-  EXPECT_EQ(rows(mine), kFiles) << "results stored twice";
-  node->send_signal(SIGTERM);
-  EXPECT_EQ(node->wait_exit(), 0) << node->err();
+  EXPECT_EQ(occurrences(node.err(), "the record of runs"), 1) << node.err();
+  EXPECT_EQ(node.terminate(), 0) << node.err();
 }
 
 // The value of `key` in a health row's "key=value" lines; "" when absent.
@@ -236,24 +145,27 @@ std::string health_value(const std::string& row, const std::string& key) {
 
 // The node's health rows tell how its delivery fares: while the server is
 // away, the backlog waiting and the server it tries; once delivered, nothing
-// waiting, recent progress, and the file it set aside.
+// waiting, recent progress, and the truncated file set aside, not stored.
+// The log says the server's absence and return once each.
 TEST_F(NodeTest, HealthRowsTellHowDeliveryFares) {
   std::string cfg = config("<heartbeat_period>1</heartbeat_period>");
   ::mkdir(out().c_str(), 0755);
   const int kFiles = 300;
   for (int i = 0; i < kFiles; ++i) {
-    ASSERT_EQ(write_output_file(vorn::test::sample_result("queued", std::to_string(i)), out()), 1);
+    ASSERT_EQ(write_output_file(sample_result("queued", std::to_string(i)), out()), 1);
   }
-  provider_result big = vorn::test::sample_result("short", std::string(100, 'x'));
+  provider_result big = sample_result("short", std::string(100, 'x'));
   const std::string truncated = out() + "/short.ABCDEF";
-  vorn::test::write_file(
-      truncated, std::string(reinterpret_cast<const char*>(&big.header), kResultHeaderSize));
+  write_file(truncated, std::string(reinterpret_cast<const char*>(&big.header), kResultHeaderSize));
   timeval old[2] = {{1000000000, 0}, {1000000000, 0}};
   ::utimes(truncated.c_str(), old);
   auto node = start(kNoded, cfg);
-  ASSERT_TRUE(node->wait_for_err("does not answer")) << node->err();
-  // Rows written meanwhile wait with the backlog.
+  const std::string silent = "does not answer; results wait on disk until it does";
+  ASSERT_TRUE(node->wait_for_err(silent)) << node->err();
+  // Rows written meanwhile wait with the backlog, while the refused
+  // connection is tried again every second.
   ASSERT_TRUE(wait_until([&] { return output_files(out()) >= kFiles + 4; }, milliseconds(20000)));
+  EXPECT_EQ(occurrences(node->err(), "Delivering results"), 0) << node->err();
   const std::string server_started = std::to_string(::time(nullptr));
   auto server = start(kServerd, cfg);
   auto health = [&](const std::string& where) {
@@ -289,29 +201,13 @@ TEST_F(NodeTest, HealthRowsTellHowDeliveryFares) {
   auto last = health("1").back();
   EXPECT_EQ(health_value(last, "server"), server_endpoint) << last;
   EXPECT_LE(std::stoi(health_value(last, "last_progress_s")), 5) << last;
-  node->send_signal(SIGTERM);
-  EXPECT_EQ(node->wait_exit(), 0) << node->err();
-}
-
-// A server that is not there is logged once however often the node tries,
-// and its coming back once.
-TEST_F(NodeTest, SilentServerIsLoggedOnceAndItsReturnOnce) {
-  std::string cfg = config();
-  provider("tick", "<command>true</command><period>1</period>");
-  auto node = start(kNoded, cfg);
-  const std::string silent = "does not answer; results wait on disk until it does";
-  ASSERT_TRUE(node->wait_for_err(silent)) << node->err();
-  // A refused connection is retried every second: a few tries.
-  EXPECT_FALSE(node->wait_for_err("Delivering results", milliseconds(4000)));
-  auto server = start(kServerd, cfg);
-  ASSERT_TRUE(
-      node->wait_for_err("Delivering results to the accumulate server at", milliseconds(30000)))
+  EXPECT_EQ(rows("Provider='short'"), 0);
+  EXPECT_EQ(::access((out() + "/rejected/short.ABCDEF").c_str(), F_OK), 0) << "set aside";
+  EXPECT_EQ(node->terminate(), 0) << node->err();
+  // The server's absence is said once however often it was tried, and its return once.
+  EXPECT_EQ(occurrences(node->err(), silent), 1) << node->err();
+  EXPECT_EQ(occurrences(node->err(), "Delivering results to the accumulate server at"), 1)
       << node->err();
-  node->send_signal(SIGTERM);
-  EXPECT_EQ(node->wait_exit(), 0);
-  std::string err = node->err();
-  EXPECT_EQ(err.find(silent), err.rfind(silent)) << err;
-  EXPECT_EQ(err.find("Delivering results"), err.rfind("Delivering results")) << err;
 }
 
 TEST_F(NodeTest, SleepModeHoldsRunsUntilWokenAndStopEndsIt) {
@@ -332,8 +228,7 @@ TEST_F(NodeTest, SleepModeHoldsRunsUntilWokenAndStopEndsIt) {
         return err.find("Entering sleep mode") != err.rfind("Entering sleep mode");
       },
       milliseconds(15000)));
-  node->send_signal(SIGTERM);
-  EXPECT_EQ(node->wait_exit(), 0) << node->err();
+  EXPECT_EQ(node->terminate(), 0) << node->err();
 }
 
 // A limit below any load skips the provider at every pass; the warning comes
@@ -341,15 +236,14 @@ TEST_F(NodeTest, SleepModeHoldsRunsUntilWokenAndStopEndsIt) {
 TEST_F(NodeTest, LoadSkipIsLoggedOncePerProvider) {
   std::string cfg = config("", "1");
   provider("tick", "<command>true</command><period>1</period>");
-  vorn::test::write_file(dir_ / "providers/busy.xml",
-                         "<configuration><command>true</command><period>1</period>"
-                         "<loadavg>-1</loadavg></configuration>");
+  write_file(dir_ / "providers/busy.xml",
+             "<configuration><command>true</command><period>1</period>"
+             "<loadavg>-1</loadavg></configuration>");
   auto node = start(kNoded, cfg);
   // Each pass runs tick once: three files are three passes.
   ASSERT_TRUE(wait_until([&] { return output_files(out()) >= 3; }, milliseconds(20000)))
       << node->err();
-  node->send_signal(SIGTERM);
-  EXPECT_EQ(node->wait_exit(), 0);
+  EXPECT_EQ(node->terminate(), 0);
   const std::string line = "Skipping provider because the system load exceeds -1: busy (load ";
   std::string err = node->err();
   ASSERT_NE(err.find(line), std::string::npos) << err;
@@ -365,14 +259,13 @@ TEST_F(NodeTest, StopKillsTheRunInProgress) {
   provider("endless", "<command>sleep 1000 &amp; echo $! &gt; " + pid_file +
                           "; wait</command><timeout>600</timeout>");
   auto node = start(kNoded, cfg);
-  ASSERT_TRUE(
-      wait_until([&] { return !vorn::test::read_file(pid_file).empty(); }, milliseconds(15000)));
-  pid_t child = std::stoi(vorn::test::read_file(pid_file));
+  ASSERT_TRUE(wait_until([&] { return !read_file(pid_file).empty(); }, milliseconds(15000)));
+  pid_t child = std::stoi(read_file(pid_file));
   node->send_signal(SIGTERM);
   EXPECT_TRUE(node->wait_for_err("Received SIGINT / SIGTERM. Cleaning up and stopping..."))
       << node->err();
   EXPECT_EQ(node->wait_exit(milliseconds(20000)), 0) << node->err();
-  EXPECT_TRUE(wait_until([&] { return !vorn::test::process_alive(child); }, milliseconds(5000)));
+  EXPECT_TRUE(wait_until([&] { return !process_alive(child); }, milliseconds(5000)));
   EXPECT_EQ(output_files(out()), 0);
 }
 
@@ -429,8 +322,7 @@ TEST_F(NodeTest, KilledNodeLeavesNoSecondCopyOfItsRun) {
   EXPECT_FALSE(wait_until([&] { return !one_new_copy(); }, milliseconds(1000))) << restarted->err();
   EXPECT_TRUE(restarted->wait_for_err("left running by an earlier instance of this daemon: "))
       << restarted->err();
-  restarted->send_signal(SIGTERM);
-  EXPECT_EQ(restarted->wait_exit(milliseconds(20000)), 0) << restarted->err();
+  EXPECT_EQ(restarted->terminate(milliseconds(20000)), 0) << restarted->err();
   EXPECT_TRUE(wait_until([&] { return processes_running(sleeper).empty(); }, milliseconds(5000)));
   EXPECT_NE(::access(vorn::runs::record_path(out()).c_str(), F_OK), 0) << "no run in progress";
 }
@@ -440,19 +332,19 @@ TEST_F(NodeTest, KilledNodeLeavesNoSecondCopyOfItsRun) {
 // node's two-node provider gathers one of the others.
 TEST(NodeNetworkTest, NodesFindTheServerAndFormClusters) {
   std::string why;
-  if (!vorn::test::TestNetwork::available(&why)) {
+  if (!TestNetwork::available(&why)) {
     GTEST_SKIP() << why;
   }
-  vorn::test::TestNetwork net(4);
+  TestNetwork net(4);
   ASSERT_TRUE(net.ok());
   TempDir dir;
   std::string db = dir / "vorn.db";
-  std::string port = std::to_string(vorn::test::free_tcp_port());
+  std::string port = std::to_string(free_tcp_port());
   auto write_config = [&](int host, const std::string& keys) {
     std::string path = dir / ("host" + std::to_string(host) + ".xml");
-    vorn::test::write_file(path, "<configuration><network_interface>" + net.interface_name(host) +
-                                     "</network_interface><accumulate_port>" + port +
-                                     "</accumulate_port>" + keys + "</configuration>");
+    write_file(path, "<configuration><network_interface>" + net.interface_name(host) +
+                         "</network_interface><accumulate_port>" + port + "</accumulate_port>" +
+                         keys + "</configuration>");
     return path;
   };
   std::string server_cfg =
@@ -466,16 +358,15 @@ TEST(NodeNetworkTest, NodesFindTheServerAndFormClusters) {
     std::string period = host == 1 ? "2" : "100";
     std::string providers = dir / ("providers" + std::to_string(host));
     ::mkdir(providers.c_str(), 0755);
-    vorn::test::write_file(providers + "/single.xml",
-                           "<configuration><command>hostname</command><loadavg>100000</loadavg>"
-                           "<period>" +
-                               period + "</period></configuration>");
+    write_file(providers + "/single.xml",
+               "<configuration><command>hostname</command><loadavg>100000</loadavg>"
+               "<period>" +
+                   period + "</period></configuration>");
     if (host == 1) {
-      vorn::test::write_file(
-          providers + "/pair.xml",
-          "<configuration><command>cat $VORN_DP_NODEFILE</command><loadavg>100000</loadavg>"
-          "<min_nodes>2</min_nodes><max_nodes>2</max_nodes><period>2</period>"
-          "<adhoc_cluster_invite_time>4</adhoc_cluster_invite_time></configuration>");
+      write_file(providers + "/pair.xml",
+                 "<configuration><command>cat $VORN_DP_NODEFILE</command><loadavg>100000</loadavg>"
+                 "<min_nodes>2</min_nodes><max_nodes>2</max_nodes><period>2</period>"
+                 "<adhoc_cluster_invite_time>4</adhoc_cluster_invite_time></configuration>");
     }
     std::string cfg = write_config(
         host, "<enable_discovery>false</enable_discovery><provider_config_dir>" + providers +
@@ -485,10 +376,7 @@ TEST(NodeNetworkTest, NodesFindTheServerAndFormClusters) {
     nodes.push_back(
         std::make_unique<Process>(net.on_host(host, {kNoded, "-d", "-c", cfg}), dir.path()));
   }
-  auto count = [&](const std::string& where) {
-    auto r = query(db, "SELECT count(*) FROM vorn_1 WHERE " + where);
-    return r.empty() ? 0 : std::stoi(r[0][0]);
-  };
+  auto count = [&](const std::string& where) { return count_rows(db, where); };
   EXPECT_TRUE(wait_until(
       [&] {
         return count("Provider='single' AND Hostname='node2' AND CAST(STDOUT AS TEXT)='node2\n'") >
@@ -502,12 +390,13 @@ TEST(NodeNetworkTest, NodesFindTheServerAndFormClusters) {
       milliseconds(60000)))
       << nodes[0]->err() << server.err();
   for (auto& node : nodes) {
-    node->send_signal(SIGTERM);
-    EXPECT_EQ(node->wait_exit(milliseconds(20000)), 0) << node->err();
+    EXPECT_EQ(node->terminate(milliseconds(20000)), 0) << node->err();
   }
-  server.send_signal(SIGTERM);
-  EXPECT_EQ(server.wait_exit(), 0);
+  EXPECT_EQ(server.terminate(), 0);
 }
+
+// The line the node logs when it gives a connection up with files in flight.
+const std::string kStartsAgain = "sending again from the oldest file";
 
 // A node behind a 2 Mbit/s link with a backlog that takes the link about 50 s:
 // answers come late, as the bytes ahead of each request take their time,
@@ -515,7 +404,7 @@ TEST(NodeNetworkTest, NodesFindTheServerAndFormClusters) {
 // ever giving up and starting again, so nothing is stored twice.
 TEST(NodeNetworkTest, SlowLinkDrainsBacklogWithoutStartingAgain) {
   std::string why;
-  if (!vorn::test::TestNetwork::available(&why)) {
+  if (!TestNetwork::available(&why)) {
     GTEST_SKIP() << why;
   }
   if (std::system("tc -V >/dev/null 2>&1") != 0) {
@@ -524,7 +413,7 @@ TEST(NodeNetworkTest, SlowLinkDrainsBacklogWithoutStartingAgain) {
   TempDir dir;
   std::vector<std::string> namespaces;
   {
-    vorn::test::TestNetwork net(2);
+    TestNetwork net(2);
     ASSERT_TRUE(net.ok());
     namespaces = net.namespaces();
     const int kServer = 0;
@@ -533,7 +422,7 @@ TEST(NodeNetworkTest, SlowLinkDrainsBacklogWithoutStartingAgain) {
                                            " root tbf rate 2mbit burst 32kbit latency 400ms"));
     const std::string db = dir / "vorn.db";
     const std::string out = dir / "out";
-    const std::string port = std::to_string(vorn::test::free_tcp_port());
+    const std::string port = std::to_string(free_tcp_port());
     ::mkdir(out.c_str(), 0755);
     ::mkdir((dir / "providers").c_str(), 0755);
     const int kFiles = 3000;
@@ -541,26 +430,23 @@ TEST(NodeNetworkTest, SlowLinkDrainsBacklogWithoutStartingAgain) {
       // 4 KiB with the header.
       std::string output = std::to_string(i);
       output.resize(4096 - kResultHeaderSize, 's');
-      ASSERT_EQ(write_output_file(vorn::test::sample_result("slow", output), out), 1);
+      ASSERT_EQ(write_output_file(sample_result("slow", output), out), 1);
     }
     const std::string cfg = dir / "vornd.xml";
-    vorn::test::write_file(
+    write_file(
         cfg,
-        vorn::test::config_xml(
-            "<accumulate_host>" + net.address(kServer) + "</accumulate_host><accumulate_port>" +
-            port + "</accumulate_port><enable_adhoc_clusters>false</enable_adhoc_clusters>" +
-            "<provider_config_dir>" + (dir / "providers") +
-            "</provider_config_dir><provider_output_dir>" + out +
-            "</provider_output_dir><provider_period>3600</provider_period><database_file>" + db +
-            "</database_file><accumulate_output_dir>" + (dir / "acc") +
-            "</accumulate_output_dir>"));
+        config_xml("<accumulate_host>" + net.address(kServer) +
+                   "</accumulate_host><accumulate_port>" + port +
+                   "</accumulate_port><enable_adhoc_clusters>false</enable_adhoc_clusters>" +
+                   "<provider_config_dir>" + (dir / "providers") +
+                   "</provider_config_dir><provider_output_dir>" + out +
+                   "</provider_output_dir><provider_period>3600</provider_period><database_file>" +
+                   db + "</database_file><accumulate_output_dir>" + (dir / "acc") +
+                   "</accumulate_output_dir>"));
     Process server(net.on_host(kServer, {kServerd, "-d", "-c", cfg}), dir.path());
     ASSERT_TRUE(server.wait_for_err("Accumulate server started")) << server.err();
     Process node(net.on_host(kNode, {kNoded, "-d", "-c", cfg}), dir.path());
-    auto stored = [&] {
-      auto r = query(db, "SELECT count(*) FROM vorn_1 WHERE Provider='slow'");
-      return r.empty() ? 0 : std::stoi(r[0][0]);
-    };
+    auto stored = [&] { return count_rows(db, "Provider='slow'"); };
     // At 2 Mbit/s the 12 MB take about 50 s; a node that starts again
     // never gets there in this time.
     EXPECT_TRUE(wait_until([&] { return output_files(out) == 0 && stored() >= kFiles; },
@@ -568,12 +454,10 @@ TEST(NodeNetworkTest, SlowLinkDrainsBacklogWithoutStartingAgain) {
         << stored() << " rows, " << output_files(out) << " files left\n"
         << node.err();
     EXPECT_EQ(stored(), kFiles);
-    EXPECT_EQ(vorn::test::occurrences(node.err(), kStartsAgain), 0) << node.err();
-    EXPECT_EQ(vorn::test::occurrences(node.err(), "does not answer"), 0) << node.err();
-    node.send_signal(SIGTERM);
-    EXPECT_EQ(node.wait_exit(), 0) << node.err();
-    server.send_signal(SIGTERM);
-    EXPECT_EQ(server.wait_exit(), 0) << server.err();
+    EXPECT_EQ(occurrences(node.err(), kStartsAgain), 0) << node.err();
+    EXPECT_EQ(occurrences(node.err(), "does not answer"), 0) << node.err();
+    EXPECT_EQ(node.terminate(), 0) << node.err();
+    EXPECT_EQ(server.terminate(), 0) << server.err();
   }
   for (const std::string& name : namespaces) {
     EXPECT_NE(::access(("/run/netns/" + name).c_str(), F_OK), 0) << name << " left behind";
