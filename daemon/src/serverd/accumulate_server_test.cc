@@ -11,12 +11,13 @@
 
 #include "daemon/src/database/database.h"
 #include "daemon/src/provider/sender.h"
+#include "tests/support/daemons.h"
 #include "tests/support/results.h"
 #include "tests/support/test_support.h"
 
 namespace {
 
-using vorn::test::sample_result;
+using namespace vorn::test;
 
 class InProcessServer {
  public:
@@ -47,22 +48,18 @@ class InProcessServer {
 
 daemon_config test_config(const std::string& dir) {
   daemon_config config;
-  vorn::str::copy(config.accumulate_port, std::to_string(vorn::test::free_tcp_port()));
+  vorn::str::copy(config.accumulate_port, std::to_string(free_tcp_port()));
   vorn::str::copy(config.accumulate_output_dir, dir);
   config.heartbeat_period = 0;  // no health rows among the test's results
   return config;
 }
 
 vorn::czmq::Socket acknowledged_publisher(const daemon_config& config) {
-  auto publisher =
-      connect_result_publisher(std::string("tcp://127.0.0.1:") + config.accumulate_port);
-  EXPECT_TRUE(publisher);
-  EXPECT_TRUE(request_pub_ack(publisher.get(), config, "127.0.0.1", 10000));
-  return publisher;
+  return acked_publisher(std::stoi(config.accumulate_port), config);
 }
 
 TEST(AccumulateServerTest, WithoutDatabaseResultsAreAppendedAsText) {
-  vorn::test::TempDir dir;
+  TempDir dir;
   daemon_config config = test_config(dir.path());
   InProcessServer server(config, nullptr);
   EXPECT_EQ(server.endpoint(), std::string("tcp://0.0.0.0:") + config.accumulate_port);
@@ -83,9 +80,8 @@ TEST(AccumulateServerTest, WithoutDatabaseResultsAreAppendedAsText) {
       "\nstderr (4 bytes): \nwarn\n"
       "nodes (2 nodes, 6 bytes): n1, n2\n";
   EXPECT_TRUE(
-      vorn::test::wait_until([&] { return vorn::test::read_file(dir / "probe") == one + one; },
-                             vorn::test::milliseconds(10000)))
-      << vorn::test::read_file(dir / "probe");
+      wait_until([&] { return read_file(dir / "probe") == one + one; }, milliseconds(10000)))
+      << read_file(dir / "probe");
   EXPECT_TRUE(server.stop());
   size_t bytes = accumulate_topic(config).size() + kResultHeaderSize + 3 + 4 + 6;
   EXPECT_NE(
@@ -98,7 +94,7 @@ TEST(AccumulateServerTest, WithoutDatabaseResultsAreAppendedAsText) {
 // server, so does the PUB_ACK, and once the lock goes every result is stored
 // exactly once, none reported lost, the trouble logged once each way.
 TEST(AccumulateServerTest, ResultsWaitOutALockedDatabase) {
-  vorn::test::TempDir dir;
+  TempDir dir;
   daemon_config config = test_config(dir.path());
   config.database_file = dir.path() + "/vorn.db";
   config.database_busy_timeout_ms = 50;
@@ -121,19 +117,12 @@ TEST(AccumulateServerTest, ResultsWaitOutALockedDatabase) {
       << "answered before the commit";
   ASSERT_EQ(sqlite3_exec(other.get(), "COMMIT", nullptr, nullptr, nullptr), SQLITE_OK);
   EXPECT_TRUE(request_pub_ack(publisher.get(), config, "127.0.0.1", 20000));
-  EXPECT_EQ(vorn::test::count_rows(config.database_file), kResults);
+  EXPECT_EQ(count_rows(config.database_file), kResults);
   EXPECT_TRUE(server.stop());
   const std::string err = testing::internal::GetCapturedStderr();
-  auto count = [&](const std::string& text) {
-    size_t n = 0;
-    for (size_t at = err.find(text); at != std::string::npos; at = err.find(text, at + 1)) {
-      ++n;
-    }
-    return n;
-  };
-  EXPECT_EQ(count("Database unavailable (insert: database is locked)"), 1u) << err;
-  EXPECT_EQ(count("Database writable again"), 1u) << err;
-  EXPECT_EQ(count("Data lost"), 0u) << err;
+  EXPECT_EQ(occurrences(err, "Database unavailable (insert: database is locked)"), 1) << err;
+  EXPECT_EQ(occurrences(err, "Database writable again"), 1) << err;
+  EXPECT_EQ(occurrences(err, "Data lost"), 0) << err;
 }
 
 TEST(AccumulateServerTest, ResolveHostAddress) {
