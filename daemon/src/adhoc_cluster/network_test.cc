@@ -10,10 +10,7 @@
 
 namespace {
 
-using vorn::test::milliseconds;
-using vorn::test::Process;
-using vorn::test::TempDir;
-using vorn::test::TestNetwork;
+using namespace vorn::test;
 
 const std::string kNode = VORN_ADHOC_NODE_PATH;
 const std::string kServerd = VORN_SERVERD_PATH;
@@ -31,9 +28,9 @@ class NetworkTest : public testing::Test {
   std::string config(const std::string& name, const std::string& keys = "",
                      bool discovery = false) {
     std::string path = dir_ / (name + ".xml");
-    vorn::test::write_file(path, "<configuration><enable_discovery>" +
-                                     std::string(discovery ? "true" : "false") +
-                                     "</enable_discovery>" + keys + "</configuration>");
+    write_file(path, "<configuration><enable_discovery>" +
+                         std::string(discovery ? "true" : "false") + "</enable_discovery>" + keys +
+                         "</configuration>");
     return path;
   }
 
@@ -41,12 +38,11 @@ class NetworkTest : public testing::Test {
   std::string cluster_provider(int nodes, int invite_time) {
     std::string n = std::to_string(nodes);
     std::string path = dir_ / ("p" + n + ".xml");
-    vorn::test::write_file(
-        path,
-        "<configuration><command>true</command><loadavg>100000</loadavg>"
-        "<min_nodes>" +
-            n + "</min_nodes><max_nodes>" + n + "</max_nodes><adhoc_cluster_invite_time>" +
-            std::to_string(invite_time) + "</adhoc_cluster_invite_time></configuration>");
+    write_file(path,
+               "<configuration><command>true</command><loadavg>100000</loadavg>"
+               "<min_nodes>" +
+                   n + "</min_nodes><max_nodes>" + n + "</max_nodes><adhoc_cluster_invite_time>" +
+                   std::to_string(invite_time) + "</adhoc_cluster_invite_time></configuration>");
     return path;
   }
 
@@ -60,7 +56,7 @@ class NetworkTest : public testing::Test {
 TEST_F(NetworkTest, DiscoveryPayloadAsAnotherHostReceivesIt) {
   TestNetwork net(2);
   ASSERT_TRUE(net.ok());
-  std::string port = std::to_string(vorn::test::free_tcp_port());
+  std::string port = std::to_string(free_tcp_port());
   std::string cfg =
       config("server",
              "<accumulate_port>" + port + "</accumulate_port><accumulate_output_dir>" +
@@ -75,8 +71,7 @@ TEST_F(NetworkTest, DiscoveryPayloadAsAnotherHostReceivesIt) {
             net.address(0) + " " + std::to_string(payload.size()) + " " + payload + "\n");
   EXPECT_TRUE(
       server->wait_for_err("Dynamic service discovery beacon started and broadcasting to 'blue'"));
-  server->send_signal(SIGTERM);
-  EXPECT_EQ(server->wait_exit(), 0);
+  EXPECT_EQ(server->terminate(), 0);
 }
 
 // Each node names its own interface (a configuration of its own).
@@ -118,11 +113,7 @@ TEST_F(NetworkTest, ClusterTooSmallCountsOnlyValidRepliesInTime) {
   std::string err = initiator->err();
   EXPECT_NE(err.find("Needed at least 6 nodes for the adhoc cluster, but only got 2"),
             std::string::npos);
-  size_t malformed = 0;
-  for (size_t at = 0; (at = err.find("Unrecognized RSVP format", at)) != std::string::npos; ++at) {
-    ++malformed;
-  }
-  EXPECT_EQ(malformed, 3u) << err;
+  EXPECT_EQ(occurrences(err, "Unrecognized RSVP format"), 3) << err;
   EXPECT_TRUE(member->wait_for_err("Left the adhoc cluster of " + net.address(0)));
 }
 
@@ -149,8 +140,7 @@ TEST_F(NetworkTest, ListenersThatJoinNoCluster) {
     TestNetwork net(2);
     ASSERT_TRUE(net.ok());
     auto inviter = on(net, 0, {kNode, "invite", "9077", row.invitation});
-    ASSERT_TRUE(vorn::test::wait_until([&] { return inviter->out() == "inviting\n"; },
-                                       milliseconds(10000)));
+    ASSERT_TRUE(wait_until([&] { return inviter->out() == "inviting\n"; }, milliseconds(10000)));
     auto member = on(net, 1, {kNode, "listen", config("node", row.keys), row.seconds});
     EXPECT_TRUE(member->wait_for_err(row.log, milliseconds(15000)));
     EXPECT_EQ(member->wait_exit(milliseconds(row.status < 0 ? 0 : 5000)), row.status);
