@@ -10,16 +10,15 @@
 
 #include <cstdio>
 
+#include "tests/support/daemons.h"
 #include "tests/support/results.h"
 #include "tests/support/test_support.h"
 
 namespace {
 
-using vorn::test::Process;
-using vorn::test::TempDir;
+using namespace vorn::test;
 
 const std::string kBuildDir = VORN_BUILD_DIR;
-const std::string kReady = "Accumulate server started and subscribing to 'ACCUMULATE vorn3'";
 
 bool exists(const std::string& path) {
   struct stat st;
@@ -28,7 +27,7 @@ bool exists(const std::string& path) {
 
 // The line of a unit file that starts with `key=`, without the key.
 std::string unit_value(const std::string& unit, const std::string& key) {
-  std::string text = vorn::test::read_file(unit);
+  std::string text = read_file(unit);
   size_t at = text.find("\n" + key + "=");
   if (at == std::string::npos) {
     return "";
@@ -43,12 +42,12 @@ TEST(Install, InstalledTreeRunsAndStoresAResult) {
   // The install rewrites the build tree's manifest; a user's own install must keep its record.
   const std::string manifest = kBuildDir + "/install_manifest.txt";
   const bool had_manifest = exists(manifest);
-  const std::string saved_manifest = vorn::test::read_file(manifest);
+  const std::string saved_manifest = read_file(manifest);
   Process install({VORN_CMAKE_COMMAND, "--install", kBuildDir, "--prefix", prefix}, dir.path());
   int install_status = install.wait_exit(std::chrono::seconds(120));
-  const std::string installed = vorn::test::read_file(manifest);
+  const std::string installed = read_file(manifest);
   if (had_manifest) {
-    vorn::test::write_file(manifest, saved_manifest);
+    write_file(manifest, saved_manifest);
   } else {
     std::remove(manifest.c_str());
   }
@@ -74,7 +73,7 @@ TEST(Install, InstalledTreeRunsAndStoresAResult) {
     const std::string exec_start = unit_value(unit, "ExecStart");
     const std::string want =
         "\"" + prefix + "/bin/x86_64/" + daemon + "\" -c \"" + prefix + "/etc/vornd.xml\" ";
-    EXPECT_EQ(exec_start.substr(0, want.size()), want) << vorn::test::read_file(unit);
+    EXPECT_EQ(exec_start.substr(0, want.size()), want) << read_file(unit);
     EXPECT_EQ(unit_value(unit, "Type"), "simple");
     EXPECT_NE(installed.find(unit), std::string::npos) << "recorded in the install manifest";
   }
@@ -86,28 +85,22 @@ TEST(Install, InstalledTreeRunsAndStoresAResult) {
     EXPECT_EQ(verify.wait_exit(std::chrono::seconds(60)), 0);
   }
 
-  const int port = vorn::test::free_tcp_port();
+  const int port = free_tcp_port();
   const std::string config = dir / "vornd.xml";
   const std::string db = dir / "db/vorn.db";
-  vorn::test::write_file(
-      config, vorn::test::config_xml("<accumulate_port>" + std::to_string(port) +
-                                     "</accumulate_port>\n<accumulate_output_dir>" + (dir / "acc") +
-                                     "</accumulate_output_dir>\n<database_file>" + db +
-                                     "</database_file>\n"));
+  write_file(config, config_xml(server_keys(port, dir.path(), db)));
   Process server({serverd, "-d", "-c", config}, dir.path());
-  ASSERT_TRUE(server.wait_for_err(kReady));
+  ASSERT_TRUE(server.wait_for_err(kServerReady));
   const std::string output = dir / "result.txt";
-  vorn::test::write_file(output, "from the installed tree\n");
+  write_file(output, "from the installed tree\n");
   Process sender({VORN_SEND_PATH, "-c", config, "-e", "tcp://127.0.0.1:" + std::to_string(port),
                   "installed", output},
                  dir.path());
   EXPECT_EQ(sender.wait_exit(), 0);
-  ASSERT_TRUE(vorn::test::wait_until([&] { return vorn::test::count_rows(db) == 1; },
-                                     vorn::test::milliseconds(10000)));
-  auto rows = vorn::test::query(db, "SELECT Provider, CAST(STDOUT AS TEXT) FROM vorn_1");
+  ASSERT_TRUE(wait_until([&] { return count_rows(db) == 1; }, milliseconds(10000)));
+  auto rows = query(db, "SELECT Provider, CAST(STDOUT AS TEXT) FROM vorn_1");
   EXPECT_EQ(rows[0], (std::vector<std::string>{"installed", "from the installed tree\n"}));
-  server.send_signal(SIGTERM);
-  EXPECT_EQ(server.wait_exit(), 0);
+  EXPECT_EQ(server.terminate(), 0);
 }
 
 }  // namespace
