@@ -11,18 +11,17 @@
 
 namespace {
 
-using vorn::test::TempDir;
+using namespace vorn::test;
 
 using Field = std::function<std::string(const daemon_config&)>;
-#define FIELD(f) [](const daemon_config& c) { return vorn::test::text(c.f); }
+#define FIELD(f) [](const daemon_config& c) { return text(c.f); }
 
 // Reads `body` inside a configuration element into `config`; returns the log
 // text with the file's path as '@'.
 std::string read_xml(const std::string& body, daemon_config& config) {
   TempDir dir;
   std::string path = dir / "vornd.xml";
-  vorn::test::write_file(path,
-                         "<?xml version=\"1.0\"?><configuration>" + body + "</configuration>");
+  write_file(path, "<?xml version=\"1.0\"?><configuration>" + body + "</configuration>");
   testing::internal::CaptureStderr();
   EXPECT_EQ(read_config(config, path.c_str()), 0);
   std::string log = testing::internal::GetCapturedStderr();
@@ -114,9 +113,7 @@ TEST(ReadConfigTest, Values) {
       {"<configuration><network_partition>one</network_partition></configuration>"
        "<deeper><configuration><network_partition>two</network_partition>"
        "<provider_period>7</provider_period></configuration></deeper>",
-       [](const daemon_config& c) {
-         return c.network_partition + " " + vorn::test::text(c.provider_period);
-       },
+       [](const daemon_config& c) { return c.network_partition + " " + text(c.provider_period); },
        "one 7", "Multiple network_partition elements in '@'. Using first one.\n"},
   };
   for (const Row& row : rows) {
