@@ -15,7 +15,7 @@ namespace {
 
 using std::chrono::milliseconds;
 using vorn::curve::certificate;
-using vorn::test::TempDir;
+using namespace vorn::test;
 
 certificate make_certificate(const TempDir& dir, const std::string& name, bool secret = true) {
   std::string error;
@@ -30,7 +30,7 @@ TEST(CurveCertificateTest, LoadCertificate) {
   TempDir dir;
   std::string error;
   ASSERT_TRUE(vorn::curve::write_new_certificate(dir.path(), "node1", "node1", &error)) << error;
-  vorn::test::write_file(dir / "notes.txt", "hello = world\n");
+  write_file(dir / "notes.txt", "hello = world\n");
   struct stat status;
   ASSERT_EQ(stat((dir / "node1.cert_secret").c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 0777, 0600u);
@@ -70,12 +70,12 @@ TEST(CurveCertificateTest, WriteRefusesUnsafeNamesAndOverwriting) {
   TempDir dir;
   std::string error;
   ASSERT_TRUE(vorn::curve::write_new_certificate(dir.path(), "a", "*", &error)) << error;
-  const std::string before = vorn::test::read_file(dir / "a.cert_secret");
+  const std::string before = read_file(dir / "a.cert_secret");
   for (const std::string name : {"a", "", ".hidden", "../a", "x/y"}) {
     SCOPED_TRACE(name);
     EXPECT_FALSE(vorn::curve::write_new_certificate(dir.path(), name, "*", &error));
   }
-  EXPECT_EQ(vorn::test::read_file(dir / "a.cert_secret"), before);
+  EXPECT_EQ(read_file(dir / "a.cert_secret"), before);
   EXPECT_FALSE(std::ifstream(dir / ".hidden.cert_secret").good());
 }
 
@@ -96,11 +96,11 @@ TEST(CurveKeyDirectoryTest, SeesRemovedAndAddedFilesWithinTwoSeconds) {
   EXPECT_EQ(directory.lookup(node2.public_key), std::nullopt);
 
   ASSERT_EQ(unlink((keys / "node1.cert").c_str()), 0);
-  EXPECT_TRUE(vorn::test::wait_until(
-      [&] { return !directory.lookup(node1.public_key).has_value(); }, milliseconds(2000)));
-  vorn::test::write_file(keys / "node2.cert", vorn::test::read_file(elsewhere / "node2.cert"));
-  EXPECT_TRUE(vorn::test::wait_until([&] { return directory.lookup(node2.public_key) == "node2"; },
-                                     milliseconds(2000)));
+  EXPECT_TRUE(wait_until([&] { return !directory.lookup(node1.public_key).has_value(); },
+                         milliseconds(2000)));
+  write_file(keys / "node2.cert", read_file(elsewhere / "node2.cert"));
+  EXPECT_TRUE(wait_until([&] { return directory.lookup(node2.public_key) == "node2"; },
+                         milliseconds(2000)));
 }
 
 // A client of the given kind connected to `endpoint`, with one message queued.
@@ -136,7 +136,7 @@ TEST(CurveZapHandlerTest, OnlyListedKeysDeliverWithTheirHostname) {
 
     vorn::czmq::Socket plain = connected_client(endpoint, nullptr, server, "plain");
     vorn::czmq::Socket stranger = connected_client(endpoint, &unlisted, server, "stranger");
-    EXPECT_TRUE(vorn::test::wait_until([&] { return zap.refused() >= 1; }, milliseconds(5000)));
+    EXPECT_TRUE(wait_until([&] { return zap.refused() >= 1; }, milliseconds(5000)));
     vorn::czmq::Socket friendly = connected_client(endpoint, &listed, server, "friend");
 
     zsock_set_rcvtimeo(receiver.get(), 5000);
