@@ -28,9 +28,8 @@ void PrintTo(write_status status, std::ostream* out) {
 
 namespace {
 
-using vorn::test::query;
-using vorn::test::sample_result;
-using vorn::test::TempDir;
+using namespace vorn::test;
+using Rows = std::vector<std::vector<std::string>>;
 
 class DatabaseTest : public testing::Test {
  protected:
@@ -43,7 +42,7 @@ class DatabaseTest : public testing::Test {
 TEST_F(DatabaseTest, WritesOneRowPerResultWithEveryColumn) {
   auto store = open_database(&config_);
   ASSERT_TRUE(store);
-  provider_result binary = sample_result("probe", vorn::test::all_bytes(), "", "n1, n2");
+  provider_result binary = sample_result("probe", all_bytes(), "", "n1, n2");
   ASSERT_EQ(store->write(binary), write_status::written);
   ASSERT_EQ(store->write(sample_result("quiet", "")), write_status::written);
   store.reset();
@@ -53,11 +52,9 @@ TEST_F(DatabaseTest, WritesOneRowPerResultWithEveryColumn) {
                     "Duration, Encoding, Stdout_size, STDOUT, Stderr_size, STDERR, OptionID, "
                     "version, typeof(STDERR), row_timestamp > 0 FROM vorn_1 ORDER BY rowid");
   ASSERT_EQ(rows.size(), 2u);
-  std::vector<std::string> want = {
-      "probe",      "node17", "2",       "n1, n2", "3",
-      "1700000000", "2.5",    "0",       "512",    vorn::test::all_bytes(),
-      "0",          "",       "default", "7",      "blob",
-      "1"};
+  std::vector<std::string> want = {"probe",   "node17", "2",    "n1, n2",    "3", "1700000000",
+                                   "2.5",     "0",      "512",  all_bytes(), "0", "",
+                                   "default", "7",      "blob", "1"};
   EXPECT_EQ(rows[0], want);
   EXPECT_EQ(rows[1][9], "");
   EXPECT_EQ(rows[1][14], "blob") << "an empty output is an empty blob, not NULL";
@@ -118,10 +115,10 @@ TEST_F(DatabaseTest, LockedDatabaseAsksForARetry) {
   EXPECT_NE(store->last_error().find("locked"), std::string::npos) << store->last_error();
   ASSERT_EQ(run("COMMIT"), SQLITE_OK);
   EXPECT_EQ(store->flush(), commit_result::committed);
-  EXPECT_EQ(vorn::test::count_rows(config_.database_file), 0) << "the rolled-back row came back";
+  EXPECT_EQ(count_rows(config_.database_file), 0) << "the rolled-back row came back";
   ASSERT_EQ(store->write(sample_result("waiting", "x")), write_status::written);
   EXPECT_EQ(store->flush(), commit_result::committed);
-  EXPECT_EQ(vorn::test::count_rows(config_.database_file), 1);
+  EXPECT_EQ(count_rows(config_.database_file), 1);
   store.reset();
 
   // A busy time-out of a minute, cut short by a deadline.
@@ -145,12 +142,11 @@ TEST_F(DatabaseTest, LatestRowOfEachKeyIsKept) {
   }
   ASSERT_EQ(store->flush(), commit_result::committed);
   const char* latest = "SELECT Provider, last_rowid FROM vorn_latest ORDER BY Provider";
-  using Rows = std::vector<std::vector<std::string>>;
   EXPECT_EQ(query(config_.database_file, latest),
             (Rows{{"cpu", "5"}, {"disk", "4"}, {"mem", "2"}}));
   store.reset();
-  ASSERT_TRUE(vorn::test::execute(config_.database_file,
-                                  "INSERT INTO vorn_1 (Provider, Hostname) VALUES ('mem', NULL)"));
+  ASSERT_TRUE(execute(config_.database_file,
+                      "INSERT INTO vorn_1 (Provider, Hostname) VALUES ('mem', NULL)"));
   ASSERT_TRUE(open_database(&config_));
   EXPECT_EQ(query(config_.database_file,
                   "SELECT Provider, Hostname, last_rowid FROM vorn_latest"
@@ -199,7 +195,7 @@ TEST_F(DatabaseTest, AResultIsStoredOnceAndAnyChangeMakesAnother) {
     }
     ASSERT_EQ(store->flush(), commit_result::committed);
   }
-  EXPECT_EQ(vorn::test::count_rows(config_.database_file), static_cast<long>(std::size(rows)));
+  EXPECT_EQ(count_rows(config_.database_file), static_cast<long>(std::size(rows)));
 }
 
 // An hour of end time that nothing was stored into for a day is forgotten
@@ -226,9 +222,9 @@ TEST_F(DatabaseTest, IdentitiesAreForgottenADayAfterTheirHourWasLastStoredInto) 
   ASSERT_EQ(store->flush(), commit_result::committed);
   store.reset();
   // As if two days had passed since.
-  ASSERT_TRUE(vorn::test::execute(config_.database_file,
-                                  "UPDATE vorn_result_id_hours SET last_stored = last_stored - "
-                                  "172800 WHERE hour = 472222"));
+  ASSERT_TRUE(execute(config_.database_file,
+                      "UPDATE vorn_result_id_hours SET last_stored = last_stored - "
+                      "172800 WHERE hour = 472222"));
   auto kept = [&] {
     return query(
         config_.database_file,
@@ -283,7 +279,7 @@ TEST_F(DatabaseTest, IdentitiesBeyondWhatIsHeldAreReadBack) {
   }
   EXPECT_EQ(store->write(last), write_status::duplicate);
   ASSERT_EQ(store->flush(), commit_result::committed);
-  EXPECT_EQ(vorn::test::count_rows(config_.database_file), static_cast<long>(kMany + 2));
+  EXPECT_EQ(count_rows(config_.database_file), static_cast<long>(kMany + 2));
 }
 
 // Retention deletes the expired rows of each key and the vorn_latest
@@ -298,21 +294,19 @@ TEST_F(DatabaseTest, RetentionDeletesExpiredRowsButNeverTheNewest) {
       {"gone", 10}, {"mixed", 9}, {"gone", 8},   {"mixed", -1},  // "mixed" keeps its recent row
       {"kept", -1}, {"gone", 7},  {"newest", 6},  // expired, but the table's newest row
   };
-  ASSERT_TRUE(vorn::test::execute(config_.database_file, vorn::schema::kCreateResultsSqlite));
+  ASSERT_TRUE(execute(config_.database_file, vorn::schema::kCreateResultsSqlite));
   for (const Row& row : rows) {
     std::string stamp = row.age < 0 ? "strftime('%s', 'now')" : std::to_string(day_ago - row.age);
-    ASSERT_TRUE(vorn::test::execute(config_.database_file,
-                                    "INSERT INTO vorn_1 (row_timestamp, Provider, Hostname, "
-                                    "OptionID) VALUES (" +
-                                        stamp + ", '" + row.provider + "', 'h', 'default')"));
+    ASSERT_TRUE(execute(config_.database_file,
+                        "INSERT INTO vorn_1 (row_timestamp, Provider, Hostname, "
+                        "OptionID) VALUES (" +
+                            stamp + ", '" + row.provider + "', 'h', 'default')"));
   }
   config_.retention_seconds = 3600;
   auto store = open_database(&config_);
   ASSERT_TRUE(store);
-  using Rows = std::vector<std::vector<std::string>>;
   auto left = [&] { return query(config_.database_file, "SELECT rowid FROM vorn_1 ORDER BY 1"); };
-  EXPECT_TRUE(
-      vorn::test::wait_until([&] { return left().size() == 3; }, vorn::test::milliseconds(10000)));
+  EXPECT_TRUE(wait_until([&] { return left().size() == 3; }, milliseconds(10000)));
   EXPECT_EQ(left(), (Rows{{"4"}, {"5"}, {"7"}}));
   EXPECT_EQ(query(config_.database_file,
                   "SELECT Provider, last_rowid FROM vorn_latest ORDER BY Provider"),
@@ -336,11 +330,9 @@ TEST_F(DatabaseTest, TheSummaryNamesNoDeletedRow) {
   ASSERT_EQ(store->write(sample_result("last", "x")), write_status::written);
   ASSERT_EQ(store->flush(), commit_result::committed);
   const char* latest = "SELECT Provider FROM vorn_latest ORDER BY Provider";
-  using Rows = std::vector<std::vector<std::string>>;
   ASSERT_EQ(query(config_.database_file, latest), (Rows{{"first"}}))
       << "summarised at once; the test needs it a second later";
-  ASSERT_TRUE(
-      vorn::test::execute(config_.database_file, "DELETE FROM vorn_1 WHERE Provider = 'deleted'"));
+  ASSERT_TRUE(execute(config_.database_file, "DELETE FROM vorn_1 WHERE Provider = 'deleted'"));
   store.reset();
   EXPECT_EQ(query(config_.database_file, latest), (Rows{{"first"}, {"last"}}));
 }
@@ -356,11 +348,11 @@ TEST_F(DatabaseTest, UnusableFileIsMovedAsideAndReplaced) {
     std::string moved_to;
   } rows[] = {
       {"a file that is not a database",
-       [](const std::string& p) { vorn::test::write_file(p, std::string(8192, 'z')); }, bad},
+       [](const std::string& p) { write_file(p, std::string(8192, 'z')); }, bad},
       {"a directory in place of the file",
        [](const std::string& p) { ASSERT_EQ(mkdir(p.c_str(), 0755), 0); }, bad + ".1"},
-      {"a third the same day",
-       [](const std::string& p) { vorn::test::write_file(p, std::string(8192, 'y')); }, bad + ".2"},
+      {"a third the same day", [](const std::string& p) { write_file(p, std::string(8192, 'y')); },
+       bad + ".2"},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.comment);
@@ -374,11 +366,11 @@ TEST_F(DatabaseTest, UnusableFileIsMovedAsideAndReplaced) {
     ASSERT_TRUE(store) << log;
     EXPECT_EQ(store->write(sample_result("after", "x")), write_status::written);
     store.reset();
-    EXPECT_EQ(vorn::test::count_rows(config_.database_file), 1);
+    EXPECT_EQ(count_rows(config_.database_file), 1);
     struct stat st;
     EXPECT_EQ(stat(row.moved_to.c_str(), &st), 0) << log;
   }
-  EXPECT_EQ(vorn::test::read_file(bad), std::string(8192, 'z')) << "never overwritten";
+  EXPECT_EQ(read_file(bad), std::string(8192, 'z')) << "never overwritten";
 }
 
 // Another database moved over the file while the store has it open: the
@@ -402,7 +394,7 @@ TEST_F(DatabaseTest, AFileReplacedUnderTheStoreIsFoundAtTheCommit) {
   ASSERT_EQ(store->write(sample_result("second", "x")), write_status::written);
   ASSERT_EQ(store->flush(), commit_result::committed);
   EXPECT_EQ(query(config_.database_file, "SELECT Provider FROM vorn_1 ORDER BY rowid"),
-            (std::vector<std::vector<std::string>>{{"restored"}, {"second"}}));
+            (Rows{{"restored"}, {"second"}}));
 }
 
 // A file that cannot be opened for another reason than its content is left
