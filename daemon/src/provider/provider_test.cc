@@ -15,7 +15,7 @@
 
 namespace {
 
-using vorn::test::TempDir;
+using namespace vorn::test;
 
 struct Parsed {
   int status;
@@ -38,12 +38,11 @@ Parsed parse(const std::string& path, const daemon_config& settings = daemon_con
 std::string write_provider(const TempDir& dir, const std::string& name, const std::string& body,
                            int mode = 0644) {
   std::string path = dir / name;
-  vorn::test::write_file(path, "<?xml version=\"1.0\"?><configuration>" + body + "</configuration>",
-                         mode);
+  write_file(path, "<?xml version=\"1.0\"?><configuration>" + body + "</configuration>", mode);
   return path;
 }
 
-#define FIELD(f) [](const provider& p) { return vorn::test::text(p.f); }
+#define FIELD(f) [](const provider& p) { return text(p.f); }
 
 TEST(ProviderFileTest, DefaultsWarningsAndRejections) {
   daemon_config settings;
