@@ -13,7 +13,7 @@
 
 namespace {
 
-using vorn::test::TempDir;
+using namespace vorn::test;
 
 provider make_provider(const std::string& name, const std::string& command) {
   provider p;
@@ -37,7 +37,7 @@ TEST(RunProviderTest, CommandLine) {
 // A cluster run, and its output file: header, outputs and node list in a row.
 TEST(RunProviderTest, ClusterRunFillsTheResultAndItsOutputFile) {
   TempDir dir;
-  vorn::test::write_file(dir / "nodes", "alpha\nbeta compute\n# gone\n\ngamma\n");
+  write_file(dir / "nodes", "alpha\nbeta compute\n# gone\n\ngamma\n");
   // The assignments are words in front of the command, so they reach the
   // environment of the command, not the expansion of its own words.
   provider p = make_provider(std::string(70, 'n'),
@@ -82,9 +82,8 @@ TEST(RunProviderTest, ClusterRunFillsTheResultAndItsOutputFile) {
   struct stat st;
   ASSERT_EQ(stat(path.c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 0777, 0600u);
-  EXPECT_EQ(vorn::test::read_file(path), std::string(reinterpret_cast<const char*>(&h), 456) +
-                                             "90 v w\nalpha\n" + std::string("e\0", 2) +
-                                             "alpha, beta, gamma");
+  EXPECT_EQ(read_file(path), std::string(reinterpret_cast<const char*>(&h), 456) +
+                                 "90 v w\nalpha\n" + std::string("e\0", 2) + "alpha, beta, gamma");
 }
 
 // The node's max_output_size reaches the runner, and the cut is noted in the
@@ -107,14 +106,14 @@ TEST(RunProviderTest, OutputCapFromTheConfiguration) {
 TEST(RunProviderTest, OutputDirectoryNameIsTakenLiterally) {
   TempDir dir;
   const std::string directory = dir / "a b/x$(touch " + (dir / "PWNED") + ")/`id`;c";
-  provider_result result = vorn::test::sample_result("probe", "out");
+  provider_result result = sample_result("probe", "out");
   std::string path;
   ASSERT_EQ(write_output_file(result, directory, &path), 1);
   EXPECT_EQ(path.rfind(directory + "/probe.", 0), 0u) << path;
   EXPECT_EQ(access((dir / "PWNED").c_str(), F_OK), -1);
 
   // A plain file where a level should be stops it, and is named.
-  vorn::test::write_file(dir / "file", "x");
+  write_file(dir / "file", "x");
   testing::internal::CaptureStderr();
   EXPECT_EQ(write_output_file(result, dir / "file/sub"), 0);
   std::string log = testing::internal::GetCapturedStderr();
