@@ -6,8 +6,7 @@
 
 namespace {
 
-using vorn::test::Process;
-using vorn::test::TempDir;
+using namespace vorn::test;
 
 class ProviderToolTest : public testing::Test {
  protected:
@@ -20,14 +19,14 @@ class ProviderToolTest : public testing::Test {
   Outcome tool(std::vector<std::string> args) {
     args.insert(args.begin(), VORN_PROVIDER_PATH);
     Process p(args, dir_.path());
-    int status = p.wait_exit(vorn::test::milliseconds(30000));
+    int status = p.wait_exit(milliseconds(30000));
     return {status, p.out(), p.err()};
   }
 
   // A provider or daemon configuration file: `body` in a configuration element.
   std::string xml_file(const std::string& name, const std::string& body) {
     std::string path = dir_ / name;
-    vorn::test::write_file(path, "<configuration>" + body + "</configuration>");
+    write_file(path, "<configuration>" + body + "</configuration>");
     return path;
   }
 
@@ -112,8 +111,8 @@ TEST_F(ProviderToolTest, RunOncePerOptionSetAndShowTheOutput) {
   Outcome shown = tool({"show", output_file});
   EXPECT_EQ(shown.status, 0);
   EXPECT_EQ(shown.out, none.out.substr(output_file.size() + 1));
-  std::string bytes = vorn::test::read_file(output_file);
-  vorn::test::write_file(dir_ / "cut", bytes.substr(0, bytes.size() - 1));
+  std::string bytes = read_file(output_file);
+  write_file(dir_ / "cut", bytes.substr(0, bytes.size() - 1));
   Outcome cut = tool({"show", dir_ / "cut"});
   EXPECT_EQ(cut.status, 1);
   EXPECT_NE(cut.err.find("is shorter than its header says"), std::string::npos);
