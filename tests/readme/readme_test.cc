@@ -15,8 +15,7 @@
 namespace {
 
 using std::chrono::milliseconds;
-using vorn::test::Process;
-using vorn::test::TempDir;
+using namespace vorn::test;
 
 const std::string kSourceDir = VORN_SOURCE_DIR;
 const std::string kBuildDir = VORN_BUILD_DIR;
@@ -24,7 +23,7 @@ const std::string kBuildDir = VORN_BUILD_DIR;
 // The body of the README's fenced block whose first line starts with
 // `first_line`, without its fences.
 std::optional<std::string> readme_block(const std::string& first_line) {
-  const std::string readme = vorn::test::read_file(kSourceDir + "/README.md");
+  const std::string readme = read_file(kSourceDir + "/README.md");
   size_t at = 0;
   while ((at = readme.find("\n```", at)) != std::string::npos) {
     size_t body = readme.find('\n', at + 1);
@@ -82,10 +81,10 @@ TEST(Readme, SendingResultsCommandsWorkAgainstTheDemo) {
   }
   TempDir dir;
   ASSERT_EQ(::symlink(kBuildDir.c_str(), (dir / "build").c_str()), 0);
-  vorn::test::write_file(dir / "commands.sh", script);
+  write_file(dir / "commands.sh", script);
 
   Demo demo(dir.path());
-  ASSERT_TRUE(vorn::test::wait_until(
+  ASSERT_TRUE(wait_until(
       [&] {
         std::string out = demo.process().out();
         return out.find("Status page:") != std::string::npos ||
@@ -122,8 +121,8 @@ TEST(Readme, PrometheusFilesPassPromtool) {
   ASSERT_TRUE(rules) << "no block starting with '# rules/vorn.yml' in README.md";
   TempDir dir;
   ASSERT_EQ(::mkdir((dir / "rules").c_str(), 0755), 0);
-  vorn::test::write_file(dir / "prometheus.yml", *config);
-  vorn::test::write_file(dir / "rules/vorn.yml", *rules);
+  write_file(dir / "prometheus.yml", *config);
+  write_file(dir / "rules/vorn.yml", *rules);
 
   // check config also reads the rule files that rule_files names.
   Process check({"promtool", "check", "config", dir / "prometheus.yml"}, dir.path());
