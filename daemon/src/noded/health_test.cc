@@ -181,7 +181,8 @@ TEST_F(HealthTest, AFreshNodeShowsUpInLatestUnlessTurnedOff) {
 }
 
 // Sleep mode holds the providers, not the rows: they say so, and count no
-// run until the node wakes.
+// run until the node wakes; it sleeps again at the next signal, and stops
+// asleep when told to.
 TEST_F(HealthTest, ASleepingNodeStillReportsItsHealth) {
   config("1");
   provider("tick", "true");
@@ -205,6 +206,12 @@ TEST_F(HealthTest, ASleepingNodeStillReportsItsHealth) {
       },
       milliseconds(20000)))
       << node->err();
+  // Woken, it can sleep again, and a stop ends it asleep.
+  node->send_signal(SIGUSR1);
+  EXPECT_TRUE(wait_until([&] { return occurrences(node->err(), "Entering sleep mode") == 2; },
+                         milliseconds(15000)))
+      << node->err();
+  EXPECT_EQ(node->terminate(), 0) << node->err();
 }
 
 // Results that cannot be written (a file stands where the output directory

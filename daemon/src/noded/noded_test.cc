@@ -210,27 +210,6 @@ TEST_F(NodeTest, HealthRowsTellHowDeliveryFares) {
       << node->err();
 }
 
-TEST_F(NodeTest, SleepModeHoldsRunsUntilWokenAndStopEndsIt) {
-  std::string cfg = config("", "1");  // no server there: the files stay
-  provider("tick", "<command>true</command><period>1</period>");
-  auto node = start(kNoded, cfg);
-  ASSERT_TRUE(wait_until([&] { return output_files(out()) > 0; }, milliseconds(15000)));
-  node->send_signal(SIGUSR1);
-  ASSERT_TRUE(node->wait_for_err("Entering sleep mode")) << node->err();
-  int asleep = output_files(out());
-  EXPECT_FALSE(wait_until([&] { return output_files(out()) > asleep; }, milliseconds(3000)));
-  node->send_signal(SIGUSR2);
-  EXPECT_TRUE(wait_until([&] { return output_files(out()) > asleep; }, milliseconds(15000)));
-  node->send_signal(SIGUSR1);
-  ASSERT_TRUE(wait_until(
-      [&] {
-        std::string err = node->err();
-        return err.find("Entering sleep mode") != err.rfind("Entering sleep mode");
-      },
-      milliseconds(15000)));
-  EXPECT_EQ(node->terminate(), 0) << node->err();
-}
-
 // A limit below any load skips the provider at every pass; the warning comes
 // once, naming the limit and the load, while other providers run on.
 TEST_F(NodeTest, LoadSkipIsLoggedOncePerProvider) {
