@@ -247,38 +247,32 @@ TEST_F(ServerdTest, BadMessagesNeitherStopTheServerNorCostGoodResults) {
   EXPECT_EQ(rows[0][0], std::string("\0bin\0", 5));
 }
 
-TEST_F(ServerdTest, VornSendDeliversAResultThatSqliteReadsBack) {
-  std::string config = write_config();
-  auto server = start({"-d", "-c", config});
-  ASSERT_TRUE(server->wait_for_err(kServerReady));
-  std::string output_file = dir_ / "uptime.txt";
-  write_file(output_file, std::string("load 0.42\n\0binary", 18));
-  Process sender({VORN_SEND_PATH, "-c", config, "uptime", output_file}, dir_.path());
-  EXPECT_EQ(sender.wait_exit(), 0);
-  EXPECT_NE(sender.out().find("Sent result of 'uptime' (18 bytes of output) to tcp://127.0.0.1:" +
-                              std::to_string(port_)),
-            std::string::npos);
-  ASSERT_TRUE(wait_until([&] { return count_rows(db_path()) == 1; }, milliseconds(10000)));
-  auto rows = query(db_path(), "SELECT Provider, STDOUT, Stdout_size FROM vorn_1");
-  EXPECT_EQ(rows[0],
-            (std::vector<std::string>{"uptime", std::string("load 0.42\n\0binary", 18), "18"}));
-  EXPECT_EQ(server->terminate(), 0);
-}
-
-// The database file removed under the running server (as an administrator's
-// rm would, log and index too): every result answered afterwards must be
-// found in a database at the path, and the removal is alerted.
+// vorn-send's results, the first read back from SQLite; then the database
+// file removed under the running server (as an administrator's rm would, log
+// and index too): every result answered afterwards must be found in a
+// database at the path, and the removal is alerted.
 TEST_F(ServerdTest, ADatabaseFileRemovedWhileRunningIsOpenedAnew) {
   std::string config = write_config();
   auto server = start({"-d", "-c", config});
   ASSERT_TRUE(server->wait_for_err(kServerReady));
   std::string output_file = dir_ / "out.txt";
-  write_file(output_file, "x");
+  const std::string output("load 0.42\n\0binary", 18);
+  write_file(output_file, output);
+  std::string said;
   auto send = [&](const std::string& name) {
     Process sender({VORN_SEND_PATH, "-c", config, "-t", "2", name, output_file}, dir_.path());
-    return sender.wait_exit() == 0;
+    bool answered = sender.wait_exit() == 0;
+    said = sender.out();
+    return answered;
   };
   ASSERT_TRUE(send("before"));
+  // Answered means stored, byte for byte.
+  EXPECT_NE(said.find("Sent result of 'before' (18 bytes of output) to tcp://127.0.0.1:" +
+                      std::to_string(port_)),
+            std::string::npos)
+      << said;
+  EXPECT_EQ(query(db_path(), "SELECT STDOUT, Stdout_size FROM vorn_1"),
+            (std::vector<std::vector<std::string>>{{output, "18"}}));
   for (const char* suffix : {"", "-wal", "-shm"}) {
     std::filesystem::remove(db_path() + suffix);
   }
