@@ -21,6 +21,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <string>
 #include <thread>
@@ -73,7 +74,10 @@ struct Setup {
                           << "/acc</accumulate_output_dir><provider_loadavg>100000"
                           << "</provider_loadavg>" << extra << "</configuration>";
   }
-  ~Setup() { std::system(("rm -rf " + dir).c_str()); }
+  ~Setup() {
+    std::error_code ignored;  // a benchmark's leftovers are not worth failing for
+    std::filesystem::remove_all(dir, ignored);
+  }
 
   void provider(const std::string& name, const std::string& body) const {
     std::string path = dir + "/providers/" + name + ".xml";

@@ -157,9 +157,10 @@ pid_t spawn(const std::vector<std::string>& argv, const std::string& log, F&& be
   pid_t pid = ::fork();
   if (pid == 0) {
     ::prctl(PR_SET_PDEATHSIG, SIGTERM);
-    if (!log.empty()) {
-      std::freopen(log.c_str(), "w", stderr);
-      std::freopen("/dev/null", "w", stdout);
+    // A program whose log cannot be written is not worth measuring.
+    if (!log.empty() && (std::freopen(log.c_str(), "w", stderr) == nullptr ||
+                         std::freopen("/dev/null", "w", stdout) == nullptr)) {
+      ::_exit(127);
     }
     before_exec();
     std::vector<char*> args;
