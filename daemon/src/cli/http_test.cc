@@ -35,14 +35,10 @@ using namespace vorn::test;
 const std::string kVorn = VORN_PATH;
 constexpr int kHosts = 3000;
 
-int connect_to(int port) {
-  return tcp_connect("127.0.0.1", port);
-}
-
 // Sends `request` and reads the answer until the server closes, or until it
 // has sent more than `most` bytes.
 std::string exchange(int port, const std::string& request, size_t most) {
-  vorn::fs::Fd fd(connect_to(port));
+  vorn::fs::Fd fd(tcp_connect("127.0.0.1", port));
   if (fd.get() < 0 || !vorn::fs::write_all(fd.get(), request.data(), request.size())) {
     return "";
   }
@@ -149,7 +145,7 @@ TEST_F(HttpTest, SlowAndIdleClientsDoNotStarveOthers) {
 
   std::deque<vorn::fs::Fd> idle;
   for (int i = 0; i < 500; ++i) {
-    idle.emplace_back(connect_to(port_));
+    idle.emplace_back(tcp_connect("127.0.0.1", port_));
     ASSERT_GE(idle.back().get(), 0);
   }
   std::mutex mutex;
@@ -158,7 +154,7 @@ TEST_F(HttpTest, SlowAndIdleClientsDoNotStarveOthers) {
   std::vector<std::thread> slow;
   for (int i = 0; i < 4; ++i) {
     slow.emplace_back([&] {
-      vorn::fs::Fd fd(connect_to(port_));
+      vorn::fs::Fd fd(tcp_connect("127.0.0.1", port_));
       std::string request = "GET /metrics HTTP/1.1\r\nHost: x\r\n\r\n";
       std::unique_lock<std::mutex> lock(mutex);
       for (char c : request) {
@@ -190,7 +186,7 @@ TEST_F(HttpTest, SlowAndIdleClientsDoNotStarveOthers) {
 // A request that comes a byte a second, each byte within any time per read,
 // is cut when the whole has taken longer than the limit (ten seconds).
 TEST_F(HttpTest, TrickledRequestIsCutAtTheRequestLimit) {
-  vorn::fs::Fd fd(connect_to(port_));
+  vorn::fs::Fd fd(tcp_connect("127.0.0.1", port_));
   ASSERT_GE(fd.get(), 0);
   std::string request = "GET /metrics HTTP/1.1\r\nHost: x\r\nUser-Agent: slow\r\n\r\n";
   auto start = Clock::now();
