@@ -137,6 +137,7 @@ class CliTest : public testing::Test {
       result.header.exit_status = r.exit_status;
       result.header.timestamp.tv_sec = now_ - r.age;
       ASSERT_EQ(send_result(result, sender_config_, publisher_.get()), 1);
+      sent_results_.push_back(result);
     }
     sent_ += static_cast<long>(results.size());
     ASSERT_TRUE(wait_until([&] { return count_rows(db_path()) == sent_; }, milliseconds(20000)));
@@ -188,6 +189,7 @@ class CliTest : public testing::Test {
   std::unique_ptr<Process> server_;
   vorn::czmq::Socket publisher_;
   long sent_ = 0;
+  std::vector<provider_result> sent_results_;  // by send(), in order
   const int64_t now_ = static_cast<int64_t>(std::time(nullptr));
 };
 
@@ -929,67 +931,6 @@ PrivatePostgres& postgres() {
   return server;
 }
 
-// A value of an SQLite row as a PostgreSQL literal of the same bytes.
-std::string postgres_literal(sqlite3_stmt* row, int column) {
-  auto hex = [&] {
-    const auto* data = static_cast<const unsigned char*>(sqlite3_column_blob(row, column));
-    std::string out = "decode('";
-    for (int i = 0; i < sqlite3_column_bytes(row, column); ++i) {
-      char pair[3];
-      std::snprintf(pair, sizeof pair, "%02x", data[i]);
-      out += pair;
-    }
-    return out + "', 'hex')";
-  };
-  switch (sqlite3_column_type(row, column)) {
-    case SQLITE_NULL:
-      return "NULL";
-    case SQLITE_INTEGER:
-      return std::to_string(sqlite3_column_int64(row, column));
-    case SQLITE_FLOAT: {
-      char number[32];
-      std::snprintf(number, sizeof number, "%.17g", sqlite3_column_double(row, column));
-      return number;
-    }
-    case SQLITE_TEXT:
-      return "convert_from(" + hex() + ", 'UTF8')";
-    default:
-      return hex();
-  }
-}
-
-// Copies every row of `table` from the SQLite file into the PostgreSQL
-// database, column for column, rowids included.
-void copy_table(const std::string& db_path, const std::string& table, const std::string& database) {
-  sqlite3* raw = nullptr;
-  ASSERT_EQ(sqlite3_open_v2(db_path.c_str(), &raw, SQLITE_OPEN_READONLY, nullptr), SQLITE_OK);
-  std::unique_ptr<sqlite3, int (*)(sqlite3*)> db(raw, sqlite3_close);
-  sqlite3_stmt* statement = nullptr;
-  ASSERT_EQ(
-      sqlite3_prepare_v2(db.get(), ("SELECT * FROM " + table).c_str(), -1, &statement, nullptr),
-      SQLITE_OK);
-  std::unique_ptr<sqlite3_stmt, int (*)(sqlite3_stmt*)> rows(statement, sqlite3_finalize);
-  // A statement is one argument of psql, which the kernel limits to 128 KiB.
-  std::string insert;
-  auto flush = [&] {
-    if (!insert.empty()) {
-      postgres().query(database, insert);
-      insert.clear();
-    }
-  };
-  while (sqlite3_step(statement) == SQLITE_ROW) {
-    std::string values;
-    for (int c = 0; c < sqlite3_column_count(statement); ++c) {
-      values += (c == 0 ? "(" : ", ") + postgres_literal(statement, c);
-    }
-    if (insert.size() + values.size() > 60000) {
-      flush();
-    }
-    insert += (insert.empty() ? "INSERT INTO " + table + " VALUES " : ", ") + values + ")";
-  }
-  flush();
-}
-
 // Ages change while the test runs; nothing else may.
 std::string without_ages(std::string text) {
   text = std::regex_replace(text, std::regex("\"age_seconds\":-?[0-9]+"), "\"age_seconds\":0");
@@ -1006,9 +947,8 @@ TEST_F(CliTest, PostgresqlAnswersAsSqlite) {
     GTEST_SKIP() << why;
   }
   start_server();
-  send_all_bytes();
-  ASSERT_FALSE(HasFatalFailure());
   std::vector<Sent> sent = {
+      {"bytes", "node1", "None", 0, 3600, all_bytes()},
       {"disk", "node1", "None", 0, 3600, "disk ok 1\n"},
       {"disk", "node2", "None", 1, 40, "disk full 2\n", "no space\x01\n"},
       {"load", "node1", "None", 0, 10, "load 0.1\tx\\y\nsecond\n", "", "node1,node2,node3"},
@@ -1033,25 +973,44 @@ TEST_F(CliTest, PostgresqlAnswersAsSqlite) {
   });
   server_->send_signal(SIGTERM);
   ASSERT_EQ(server_->wait_exit(), 0);
-  ASSERT_TRUE(
-      execute(db_path(),
-              "DELETE FROM vorn_latest; INSERT INTO vorn_latest SELECT coalesce(Provider, ''), "
-              "coalesce(Hostname, ''), coalesce(OptionID, ''), max(rowid) FROM vorn_1 "
-              "WHERE rowid <= " +
-                  std::to_string(summarised) + " GROUP BY 1, 2, 3"));
 
+  // The same results, in the same order, stored into PostgreSQL by a server
+  // of its own.
   const std::string summary_db = postgres().create_database();
-  const std::string scan_db = postgres().create_database();
-  for (const std::string& db : {summary_db, scan_db}) {
-    postgres().query(db, vorn::schema::kCreateResultsPostgresql);
-    copy_table(db_path(), "vorn_1", db);
-  }
-  postgres().query(summary_db, vorn::schema::kCreateLatestPostgresql);
-  copy_table(db_path(), "vorn_latest", summary_db);
   const std::string config = dir_ / "postgresql.xml";
-  write_file(config, config_xml("<database_backend>postgresql</database_backend>\n"
+  const int port = free_tcp_port();
+  write_file(config, config_xml(server_keys(port, dir_.path(), db_path()) +
+                                "<heartbeat_period>0</heartbeat_period>\n"
+                                "<database_backend>postgresql</database_backend>\n"
                                 "<database_url>" +
                                 postgres().url(summary_db) + "</database_url>\n"));
+  auto into_postgres = start_daemon(kServerd, config, dir_.path());
+  ASSERT_TRUE(into_postgres->wait_for_err(kServerReady)) << into_postgres->err();
+  auto publisher = acked_publisher(port, sender_config_);
+  for (const provider_result& r : sent_results_) {
+    ASSERT_EQ(send_result(r, sender_config_, publisher.get()), 1);
+  }
+  ASSERT_TRUE(request_pub_ack(publisher.get(), sender_config_, "127.0.0.1", 30000));
+  into_postgres->send_signal(SIGTERM);
+  ASSERT_EQ(into_postgres->wait_exit(), 0);
+  // The times of storing as SQLite's server noted them.
+  const auto stored_at = query(
+      db_path(), "SELECT group_concat('(' || rowid || ', ' || row_timestamp || ')') FROM vorn_1");
+  ASSERT_EQ(stored_at.size(), 1u);
+  postgres().query(summary_db, "UPDATE vorn_1 SET row_timestamp = v.t FROM (VALUES " +
+                                   stored_at[0][0] + ") AS v(id, t) WHERE rowid = v.id");
+  // Both summaries stop at the same row; a copy of the PostgreSQL database
+  // has none.
+  const std::string summarise =
+      "DELETE FROM vorn_latest; INSERT INTO vorn_latest SELECT coalesce(Provider, ''), "
+      "coalesce(Hostname, ''), coalesce(OptionID, ''), max(rowid) FROM vorn_1 WHERE rowid <= " +
+      std::to_string(summarised) + " GROUP BY 1, 2, 3";
+  ASSERT_TRUE(execute(db_path(), summarise));
+  postgres().query(summary_db, summarise);
+  const std::string scan_db = summary_db + "_scan";
+  postgres().query(postgres().create_database(),
+                   "CREATE DATABASE " + scan_db + " TEMPLATE " + summary_db);
+  postgres().query(scan_db, "DROP TABLE vorn_latest");
 
   struct Backend {
     const char* comment;
