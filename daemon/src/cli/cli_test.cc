@@ -35,7 +35,6 @@ using namespace vorn::test;
 
 const std::string kVorn = VORN_PATH;
 const std::string kServerd = VORN_SERVERD_PATH;
-const std::string kSend = VORN_SEND_PATH;
 
 // One result to send: who ran what where, its exit status, how many seconds
 // ago it ended, and its standard output.
@@ -111,16 +110,6 @@ class CliTest : public testing::Test {
   }
 
   std::string db_path() const { return dir_ / "db/vorn.db"; }
-
-  // The real sender stores one result of provider "bytes" with every byte
-  // value in its output.
-  void send_all_bytes() {
-    std::string bytes_file = dir_ / "bytes";
-    write_file(bytes_file, all_bytes());
-    Process sender({kSend, "-c", config_, "bytes", bytes_file}, dir_.path());
-    ASSERT_EQ(sender.wait_exit(), 0) << sender.err();
-    sent_ = 1;
-  }
 
   void start_server() {
     server_ = start_daemon(kServerd, config_, dir_.path());
@@ -355,9 +344,8 @@ TEST_F(CliTest, HealthRowsAreStaleByTheirOwnInterval) {
 
 TEST_F(CliTest, ShowAndHistory) {
   start_server();
-  send_all_bytes();
-  ASSERT_FALSE(HasFatalFailure());
   send({
+      {"bytes", "node1", "None", 0, 6000, all_bytes()},
       {"hist", "node1", "None", 0, 5000, "h1\n", "warning \x01\n"},
       {"hist", "node1", "None", 1, 4000, "h2\n"},
       {"hist", "node1", "None", 0, 300, "h3\n"},
