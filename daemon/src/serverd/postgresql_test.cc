@@ -59,13 +59,14 @@ std::string wrong_for_readers() {
          "OptionID) n FULL JOIN ids USING (id) WHERE n.id IS NULL OR ids.id IS NULL";
 }
 
-std::string joined(const std::vector<std::string>& fields) {
+// Rows as psql prints them: fields between '|', a row a line.
+std::string lines(const std::vector<std::vector<std::string>>& rows) {
   std::string out;
-  for (const std::string& field : fields) {
-    if (&field != &fields.front()) {
-      out += '|';
+  for (const auto& row : rows) {
+    for (size_t i = 0; i < row.size(); ++i) {
+      out += (i == 0 ? "" : "|") + row[i];
     }
-    out += field;
+    out += '\n';
   }
   return out;
 }
@@ -182,21 +183,14 @@ TEST_F(PostgresqlStoreTest, SameRowsAsSqlite) {
   sqlite->send_signal(SIGTERM);
   ASSERT_EQ(sqlite->wait_exit(), 0);
 
-  std::string from_sqlite;
-  for (const auto& row : query(sqlite_file, kRowsSqlite)) {
-    from_sqlite += joined(row) + "\n";
-  }
-  EXPECT_EQ(sql(kRowsPostgresql) + "\n", from_sqlite);
+  EXPECT_EQ(sql(kRowsPostgresql) + "\n", lines(query(sqlite_file, kRowsSqlite)));
   // What both hold, byte for byte.
   EXPECT_EQ(query(sqlite_file, "SELECT Encoding, STDOUT, STDERR FROM vorn_1 WHERE rowid <= 2"),
             (std::vector<std::vector<std::string>>{{"0", binary, std::string("err\0or", 6)},
                                                    {"1", std::string("\0bin\xff", 5), "err"}}));
-  std::string latest_sqlite;
-  for (const auto& row : query(sqlite_file,
-                               "SELECT Provider, Hostname, OptionID, last_rowid FROM vorn_latest "
-                               "ORDER BY 1, 2, 3")) {
-    latest_sqlite += joined(row) + "\n";
-  }
+  const std::string latest_sqlite = lines(
+      query(sqlite_file,
+            "SELECT Provider, Hostname, OptionID, last_rowid FROM vorn_latest ORDER BY 1, 2, 3"));
   EXPECT_EQ(sql(wrong_for_readers()), "0");
 
   // A host name PostgreSQL cannot hold as text loses that row alone, said once.
