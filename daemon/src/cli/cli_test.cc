@@ -13,7 +13,6 @@
 #include <map>
 #include <memory>
 #include <regex>
-#include <sstream>
 #include <thread>
 
 #include <nlohmann/json.hpp>
@@ -90,12 +89,9 @@ std::string health_output(const std::string& provider,
       "version=3.1.2\nuptime_s=2002\nresults_stored=1000\nduplicates_dropped=11\n"
       "pub_ack_answered=12\npub_ack_dropped=13\npub_ack_refused=14\ndatabase_retries=15\n"
       "database_unavailable_s=16\nwriter_queue=17\npeers=18\n";
-  std::string out;
-  std::istringstream lines(provider == "vorn-noded" ? node : server);
-  for (std::string line; std::getline(lines, line);) {
-    std::string key = line.substr(0, line.find('='));
-    auto replaced = values.find(key);
-    out += replaced != values.end() ? key + "=" + replaced->second + "\n" : line + "\n";
+  std::string out = provider == "vorn-noded" ? node : server;
+  for (const auto& [key, value] : values) {
+    out = std::regex_replace(out, std::regex("(^|\n)" + key + "=[^\n]*"), "$1" + key + "=" + value);
   }
   return out;
 }
