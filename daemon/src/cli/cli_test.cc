@@ -76,6 +76,13 @@ std::vector<std::string> first_lines(const std::vector<json>& objects, bool sort
   return lines;
 }
 
+// A listing and what it must name, in the order the test compares.
+struct Listing {
+  const char* comment;
+  std::vector<std::string> args;
+  std::vector<std::string> want;
+};
+
 // The standard output of a daemon's health row (README, "Health rows"): its
 // keys in their order, each value distinct so that a series read back names
 // its key; `values` replaces some.
@@ -210,15 +217,6 @@ TEST_F(CliTest, LatestFailingAndStaleSetsOfAHandMadeHistory) {
       {"disk", "node2", "None", 0, 20, "disk ok again\n"},
       {"load", "node3", "None", 0, 7200, "load silent\n"},
   });
-  struct Row {
-    const char* comment;
-    std::vector<std::string> args;
-    std::vector<std::string> want;
-  };
-  auto sorted = [](std::vector<std::string> lines) {
-    std::sort(lines.begin(), lines.end());
-    return lines;
-  };
   ASSERT_TRUE(execute(
       db_path(), std::string(vorn::schema::kCreateLatestSqlite) + ";" + vorn::schema::kCatchUp));
   send({
@@ -231,10 +229,10 @@ TEST_F(CliTest, LatestFailingAndStaleSetsOfAHandMadeHistory) {
       {"hang", "node4", "None", 0, 20, "hung\n",
        "x\nvorn: standard error cut at 9 bytes, 1 bytes discarded\n" + time_out_line(60)},
   });
-  const Row after[] = {
+  const Listing after[] = {
       {"summary rows and the rows after them",
        {"latest"},
-       {"disk ok now", "disk ok again", "hung", "load 0.1\tx\\y", "load big fails",
+       {"disk ok again", "disk ok now", "hung", "load 0.1\tx\\y", "load big fails",
         "load still silent"}},
       {"an option set is a key of its own; a run killed at its time-out fails",
        {"failing"},
@@ -253,9 +251,9 @@ TEST_F(CliTest, LatestFailingAndStaleSetsOfAHandMadeHistory) {
   ASSERT_TRUE(execute(db_path(), "VACUUM INTO '" + copy + "'"));
   ASSERT_TRUE(execute(copy, "DROP TABLE IF EXISTS vorn_latest"));
   for (const std::string& db : {db_path(), copy}) {
-    for (const Row& row : after) {
+    for (const Listing& row : after) {
       SCOPED_TRACE(std::string(row.comment) + " in " + db);
-      EXPECT_EQ(first_lines(vorn_json(row.args, db)), sorted(row.want));
+      EXPECT_EQ(first_lines(vorn_json(row.args, db)), row.want);
     }
   }
 
@@ -309,11 +307,7 @@ TEST_F(CliTest, HealthRowsAreStaleByTheirOwnInterval) {
     std::sort(names.begin(), names.end());
     return names;
   };
-  struct Row {
-    const char* comment;
-    std::vector<std::string> args;
-    std::vector<std::string> want;
-  } rows[] = {
+  const Listing rows[] = {
       {"silent nodes, each by its own interval",
        {"stale", "-p", "vorn-noded"},
        {"vorn-noded new", "vorn-noded silent"}},
@@ -329,7 +323,7 @@ TEST_F(CliTest, HealthRowsAreStaleByTheirOwnInterval) {
       {"a health row with exit status 1 is failing", {"failing"}, {"vorn-noded troubled"}},
       {"one latest row per daemon", {"latest", "-p", "vorn-serverd"}, {"vorn-serverd collector"}},
   };
-  for (const Row& row : rows) {
+  for (const Listing& row : rows) {
     SCOPED_TRACE(row.comment);
     EXPECT_EQ(listed(vorn_json(row.args)), row.want);
   }
@@ -361,11 +355,7 @@ TEST_F(CliTest, ShowAndHistory) {
   EXPECT_EQ(missing.status, 1);
   EXPECT_EQ(missing.err, "vorn: no result with rowid 999\n");
 
-  struct Row {
-    const char* comment;
-    std::vector<std::string> args;
-    std::vector<std::string> want;
-  } rows[] = {
+  const Listing rows[] = {
       {"newest first", {"history", "-p", "hist"}, {"h6", "h5", "h4", "h3", "h2", "h1"}},
       {"one host, at most two",
        {"history", "-p", "hist", "-H", "node1", "--limit", "2"},
@@ -378,7 +368,7 @@ TEST_F(CliTest, ShowAndHistory) {
        {"h6", "h5", "h4", "h3", "h2", "h1"}},
       {"no such provider", {"history", "-p", "none"}, {}},
   };
-  for (const Row& row : rows) {
+  for (const Listing& row : rows) {
     SCOPED_TRACE(row.comment);
     EXPECT_EQ(first_lines(vorn_json(row.args), false), row.want);
   }
