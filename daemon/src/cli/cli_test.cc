@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <atomic>
 #include <ctime>
+#include <filesystem>
 #include <map>
 #include <memory>
 #include <regex>
@@ -447,6 +448,26 @@ TEST_F(CliTest, CommandLineAndDatabaseErrors) {
       EXPECT_NE(run.out.find("Usage: vorn"), std::string::npos);
     }
   }
+
+  // A database whose account keeps it to itself and its group: the user is
+  // told whose it is. Only root can make the files and run vorn as another.
+  if (::geteuid() != 0) {
+    return;
+  }
+  TempDir open_to_all;
+  ASSERT_EQ(::chmod(open_to_all.path().c_str(), 0755), 0);
+  const std::string vorn_copy = open_to_all / "vorn";  // wherever the build tree is
+  std::filesystem::copy_file(kVorn, vorn_copy);
+  const std::string kept = open_to_all / "kept";
+  ASSERT_EQ(::mkdir(kept.c_str(), 0750), 0);
+  ASSERT_EQ(::chown(kept.c_str(), 1, 1), 0);  // daemon:daemon on Debian
+  Process other({"setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups", vorn_copy,
+                 "latest", "--db", kept + "/vorn.db"},
+                dir_.path());
+  EXPECT_EQ(other.wait_exit(milliseconds(60000)), 1);
+  EXPECT_EQ(other.err(), "vorn: cannot open database " + kept +
+                             "/vorn.db: Permission denied (it belongs to user daemon, group "
+                             "daemon)\n");
 }
 
 // Every label value from the wire, read back by Prometheus' own parser.

@@ -6,15 +6,19 @@
 // connection recovering it) are covered by a busy time-out, so a read never
 // fails with "database is locked".
 
+#include <grp.h>
+#include <pwd.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
+#include <vector>
 
 #include "daemon/src/cli/connection.h"
 #include "daemon/src/database/schema.h"
+#include "util/str.h"
 
 namespace vorn::cli {
 
@@ -23,6 +27,28 @@ namespace {
 // A reader waits this long for the moments the log is reset or recovered; a
 // server that is merely writing never makes it wait.
 constexpr int kBusyTimeoutMs = 10000;
+
+// "Permission denied" alone leaves the user guessing whom to ask: the
+// server's database usually belongs to its own account, readable by a group.
+std::string cannot_open(const std::string& path, int error) {
+  std::string message = "cannot open database " + path + ": " + std::strerror(error);
+  struct stat st;
+  if (error != EACCES ||
+      (::stat(path.c_str(), &st) != 0 && ::stat(vorn::str::dirname(path).c_str(), &st) != 0)) {
+    return message;
+  }
+  std::vector<char> buffer(16384);
+  struct passwd user;
+  struct passwd* found_user = nullptr;
+  struct group group;
+  struct group* found_group = nullptr;
+  ::getpwuid_r(st.st_uid, &user, buffer.data(), buffer.size() / 2, &found_user);
+  ::getgrgid_r(st.st_gid, &group, buffer.data() + buffer.size() / 2, buffer.size() / 2,
+               &found_group);
+  return message + " (it belongs to user " +
+         (found_user != nullptr ? found_user->pw_name : std::to_string(st.st_uid)) + ", group " +
+         (found_group != nullptr ? found_group->gr_name : std::to_string(st.st_gid)) + ")";
+}
 
 [[noreturn]] void fail(sqlite3* db, const std::string& path) {
   int code = sqlite3_extended_errcode(db);
@@ -105,13 +131,13 @@ class SqliteConnection : public Connection {
     // database file"; the user deserves to know which.
     struct stat st;
     if (::stat(path.c_str(), &st) != 0) {
-      throw StoreError("cannot open database " + path + ": " + std::strerror(errno));
+      throw StoreError(cannot_open(path, errno));
     }
     if (S_ISDIR(st.st_mode)) {
       throw StoreError("cannot open database " + path + ": it is a directory");
     }
     if (::access(path.c_str(), R_OK) != 0) {
-      throw StoreError("cannot open database " + path + ": " + std::strerror(errno));
+      throw StoreError(cannot_open(path, errno));
     }
     sqlite3* raw = nullptr;
     int rc = sqlite3_open_v2(path.c_str(), &raw, SQLITE_OPEN_READONLY, nullptr);
