@@ -43,7 +43,7 @@
 #include "daemon/src/database/schema.h"
 
 #ifdef VORN_BENCH_POSTGRESQL
-#include <libpq-fe.h>
+#include "daemon/src/database/pq.h"
 
 #include <stdexcept>
 
@@ -326,9 +326,7 @@ void verdict(const char* what, double ms, double goal) {
 
 #ifdef VORN_BENCH_POSTGRESQL
 void pg_exec(PGconn* connection, const std::string& sql) {
-  PGresult* result = PQexec(connection, sql.c_str());
-  ExecStatusType status = PQresultStatus(result);
-  PQclear(result);
+  ExecStatusType status = PQresultStatus(pq_result(PQexec(connection, sql.c_str())).get());
   if (status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK) {
     std::fprintf(stderr, "%s: %s\n", sql.c_str(), PQerrorMessage(connection));
     std::exit(1);
@@ -373,8 +371,7 @@ void bench_postgresql(int times, bool only_first) {
   try {
     vorn::test::PrivatePostgres postgres;
     std::string name = postgres.create_database();
-    std::unique_ptr<PGconn, void (*)(PGconn*)> connection(PQconnectdb(postgres.url(name).c_str()),
-                                                          PQfinish);
+    pq_connection connection(PQconnectdb(postgres.url(name).c_str()));
     if (PQstatus(connection.get()) != CONNECTION_OK) {
       std::printf("\nPostgreSQL skipped: %s\n", PQerrorMessage(connection.get()));
       return;

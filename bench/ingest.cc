@@ -53,7 +53,7 @@
 #include "util/log.h"
 
 #ifdef VORN_BENCH_POSTGRESQL
-#include <libpq-fe.h>
+#include "daemon/src/database/pq.h"
 
 #include "tests/support/postgres.h"
 #endif
@@ -412,17 +412,8 @@ void print_values(const char* what, const std::vector<double>& values) {
 }
 
 #ifdef VORN_BENCH_POSTGRESQL
-struct PgConnection {
-  void operator()(PGconn* connection) const { PQfinish(connection); }
-};
-struct PgResult {
-  void operator()(PGresult* result) const { PQclear(result); }
-};
-using PgHandle = std::unique_ptr<PGconn, PgConnection>;
-using PgRows = std::unique_ptr<PGresult, PgResult>;
-
-PgRows pg_run(PGconn* connection, const std::string& sql, ExecStatusType want) {
-  PgRows result(PQexec(connection, sql.c_str()));
+pq_result pg_run(PGconn* connection, const std::string& sql, ExecStatusType want) {
+  pq_result result(PQexec(connection, sql.c_str()));
   if (PQresultStatus(result.get()) != want) {
     std::fprintf(stderr, "%s: %s\n", sql.c_str(), PQerrorMessage(connection));
     std::exit(1);
@@ -432,7 +423,7 @@ PgRows pg_run(PGconn* connection, const std::string& sql, ExecStatusType want) {
 
 long pg_number(PGconn* connection, const std::string& sql) {
   // The tables appear once a server has connected.
-  PgRows result(PQexec(connection, sql.c_str()));
+  pq_result result(PQexec(connection, sql.c_str()));
   return PQresultStatus(result.get()) == PGRES_TUPLES_OK ? std::atol(PQgetvalue(result.get(), 0, 0))
                                                          : 0;
 }
@@ -464,7 +455,7 @@ ServerRun measure_postgresql_servers(const std::string& serverd, const std::vect
       --sending;
     });
   }
-  PgHandle reader(PQconnectdb(url.c_str()));
+  pq_connection reader(PQconnectdb(url.c_str()));
   long last = 0;
   Clock::time_point progress = Clock::now();
   double elapsed = 0;
@@ -505,7 +496,7 @@ ServerRun measure_postgresql_servers(const std::string& serverd, const std::vect
 // Rows per second of PostgreSQL's own binary COPY of the rows of vorn_1, in
 // one statement, into an empty table of the same columns and indexes.
 double measure_postgresql_copy(const std::string& url) {
-  PgHandle connection(PQconnectdb(url.c_str()));
+  pq_connection connection(PQconnectdb(url.c_str()));
   const std::string columns =
       "Provider, Hostname, num_nodes, node_names, Exit_status, Timestamp, Duration, Encoding, "
       "Stdout_size, STDOUT, Stderr_size, STDERR, OptionID, version";
@@ -516,7 +507,7 @@ double measure_postgresql_copy(const std::string& url) {
   for (int n; (n = PQgetCopyData(connection.get(), &chunk, 0)) > 0; PQfreemem(chunk)) {
     data.append(chunk, static_cast<size_t>(n));
   }
-  PgRows(PQgetResult(connection.get()));
+  pq_result(PQgetResult(connection.get()));
   long rows = pg_number(connection.get(), "SELECT count(*) FROM vorn_1");
   pg_run(connection.get(), "CREATE TABLE copied (LIKE vorn_1 INCLUDING ALL)", PGRES_COMMAND_OK);
   auto start = Clock::now();
@@ -524,7 +515,7 @@ double measure_postgresql_copy(const std::string& url) {
          PGRES_COPY_IN);
   PQputCopyData(connection.get(), data.data(), static_cast<int>(data.size()));
   PQputCopyEnd(connection.get(), nullptr);
-  PgRows done(PQgetResult(connection.get()));
+  pq_result done(PQgetResult(connection.get()));
   if (PQresultStatus(done.get()) != PGRES_COMMAND_OK) {
     std::fprintf(stderr, "copy: %s\n", PQerrorMessage(connection.get()));
     std::exit(1);
